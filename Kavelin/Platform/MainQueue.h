@@ -1,0 +1,33 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "Kavelin/Platform/WorkItem.h"
+
+namespace kavelin {
+
+// The library's main queue: one serial queue that owns every piece of controller
+// state. Timers, posted tasks, media callbacks and (with a window) rendering all
+// run on it.
+class MainQueue {
+public:
+    virtual ~MainQueue() = default;
+
+    // Runs the task after everything already queued for now.
+    virtual void async(std::function<void()> task) = 0;
+    // Runs the item `seconds` from now unless it is cancelled first.
+    virtual void asyncAfter(double seconds, WorkItemPtr item) = 0;
+    void asyncAfter(double seconds, std::function<void()> task) {
+        asyncAfter(seconds, makeWorkItem(std::move(task)));
+    }
+    // Runs the task on the queue and waits for it; inline when already on the
+    // queue, so a host callback may call back into the library.
+    virtual void sync(const std::function<void()>& task) = 0;
+    // True on the queue's own thread.
+    virtual bool isCurrent() const = 0;
+    // Monotonic seconds on the queue's clock (virtual in tests).
+    virtual double now() const = 0;
+};
+
+}  // namespace kavelin

@@ -1,0 +1,54 @@
+#include "Kavelin/Platform/Platform.h"
+
+#include "Kavelin/Platform/ThreadMainQueue.h"
+
+#include <cstdlib>
+#include <mutex>
+
+namespace kavelin {
+namespace {
+
+std::mutex gMutex;
+Platform* gPlatform = nullptr;  // leaked on purpose: lives until process exit
+
+void shutdownAtExit() { Platform::shutdown(); }
+
+}  // namespace
+
+Platform& Platform::current() {
+    std::lock_guard lock(gMutex);
+    if (!gPlatform) {
+        gPlatform = new Platform(makeRealPlatform());
+        std::atexit(shutdownAtExit);
+    }
+    return *gPlatform;
+}
+
+void Platform::install(Platform platform) {
+    std::lock_guard lock(gMutex);
+    if (gPlatform)
+        *gPlatform = std::move(platform);
+    else
+        gPlatform = new Platform(std::move(platform));
+}
+
+void Platform::shutdown() {
+    std::shared_ptr<UserDefaults> defaults;
+    std::shared_ptr<MainQueue> queue;
+    {
+        std::lock_guard lock(gMutex);
+        if (!gPlatform) return;
+        defaults = gPlatform->defaults;
+        queue = gPlatform->queue;
+    }
+    if (defaults) {
+        if (queue)
+            queue->sync([&] { defaults->flush(); });
+        else
+            defaults->flush();
+    }
+    // Stop the library thread before static destructors run under it.
+    if (auto* thread = dynamic_cast<ThreadMainQueue*>(queue.get())) thread->shutdown();
+}
+
+}  // namespace kavelin

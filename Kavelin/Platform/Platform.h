@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "Kavelin/Platform/MainQueue.h"
+#include "Kavelin/Platform/MediaPlayer.h"
+#include "Kavelin/Platform/ScreenPresenter.h"
+#include "Kavelin/Platform/UserDefaults.h"
+
+namespace kavelin {
+
+// The platform services the controllers use. The real set (library thread, libmpv,
+// window or headless presenter, file-backed defaults) is made on first use; tests
+// install a virtual-time set before touching anything else.
+struct Platform {
+    std::shared_ptr<MainQueue> queue;
+    std::shared_ptr<MediaPlayerFactory> players;
+    std::shared_ptr<ScreenPresenter> presenter;
+    std::shared_ptr<UserDefaults> defaults;
+    std::function<std::chrono::system_clock::time_point()> wallClock;
+
+    static Platform& current();
+    static void install(Platform platform);
+    // Flushes and stops what the real platform started; safe to call twice.
+    static void shutdown();
+};
+
+// The real platform for this machine (defined next to the real seams).
+Platform makeRealPlatform();
+
+inline MainQueue& mainQueue() { return *Platform::current().queue; }
+
+}  // namespace kavelin

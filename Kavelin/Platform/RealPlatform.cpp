@@ -1,0 +1,13 @@
+#include "Kavelin/Platform/Platform.h"
+#include "Kavelin/Platform/ThreadMainQueue.h"
+
+namespace kavelin {
+
+Platform makeRealPlatform() {
+    Platform p;
+    p.queue = std::make_shared<ThreadMainQueue>();
+    p.wallClock = [] { return std::chrono::system_clock::now(); };
+    return p;
+}
+
+}  // namespace kavelin

@@ -1,0 +1,136 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Kavelin/Model/AdSessionTracker.h"
+#include "Kavelin/Model/Catalogue.h"
+#include "Kavelin/Model/MidRollAdConfig.h"
+#include "Kavelin/Model/MidRollCuePointState.h"
+#include "Kavelin/Platform/MediaPlayer.h"
+#include "Kavelin/Platform/Platform.h"
+#include "Kavelin/Platform/Published.h"
+#include "Kavelin/Platform/ScreenPresenter.h"
+#include "Kavelin/Platform/WorkItem.h"
+#include "Kavelin/Playlist/Controllers/PlaylistController.h"
+
+namespace kavelin {
+
+// The playback state machine: owns the media player, follows its clock and status,
+// holds what the player screen shows, presents and dismisses that screen, advances
+// through playlists and gates playback on the host's ads. Main queue only.
+//
+// Its operations are split by concern: PlayerController.cpp (player core),
+// PlayerControllerPresentation.cpp (controls and screen), PlayerControllerAdvancing.cpp
+// (advancing and ad gating).
+class PlayerController : public ObservableObject,
+                         public std::enable_shared_from_this<PlayerController> {
+public:
+    // Always made shared: delayed tasks and observers hold it weakly.
+    static std::shared_ptr<PlayerController> make(const Platform& platform = Platform::current());
+    ~PlayerController() override;
+
+    // --- published state ---
+    Published<std::shared_ptr<MediaPlayer>> player{this, nullptr};
+    Published<bool> isPlaying{this, false};
+    Published<double> currentTime{this, 0};
+    Published<double> duration{this, 0};
+    Published<double> buttonSize{this, 50.0};
+    Published<bool> showForwardButton{this, false};
+    Published<bool> showBackwordButton{this, false};
+    Published<bool> showBack10Button{this, true};
+    Published<bool> showFor10Button{this, true};
+    Published<bool> showPlayPauseButton{this, true};
+    Published<bool> showBackButton{this, true};
+    Published<bool> showLogo{this, true};
+    Published<bool> showSeekbar{this, true};
+    Published<bool> showTimeDration{this, true};
+    Published<bool> showLoading{this, true};
+    Published<bool> disableBackButton{this, false};
+    Published<bool> disbleForwardButton{this, false};
+    Published<bool> showControls{this, true};
+    Published<WorkItemPtr> hideControlsWorkItem{this, nullptr};
+    Published<bool> showPlaylist{this, false};
+    Published<bool> shouldWaitForAd{this, false};
+    Published<bool> autoPlayCurrentVideo{this, false};
+    Published<int> currentIndex{this, 0};
+    Published<bool> isScrubbing{this, false};
+
+    // --- plain state ---
+    bool shouldBePlayingAfterResume = false;
+    std::optional<Video> pendingVideo;
+    std::optional<int> pendingNextIndex;
+    MidRollAdConfig midRollConfig = MidRollAdConfig::empty();
+    MidRollCuePointState midRollCuePointState;
+    std::optional<double> midRollResumePosition;
+    WorkItemPtr midRollFallbackWorkItem;
+    std::weak_ptr<AdSessionTracker> adSessionTracker;
+    std::weak_ptr<PlaylistController> playlistController;
+    std::vector<std::string> urls;
+    MediaPlayer::ObserverId timeObserverToken = 0;
+    MediaPlayer::ObserverId durationObservation = 0;
+    MediaPlayer::ObserverId statusObservation = 0;
+    bool isObservingTimeControlStatus = false;
+    MediaPlayer::ObserverId endOfItemObservation = 0;
+    std::shared_ptr<HostingController> hostingController;
+    WorkItemPtr halfScreenAutoReturnWorkItem;
+    bool hasShownInitialHalfScreen = false;
+    bool dismissedCountdownRail = false;
+    bool wasPlayingBeforeScrub = false;
+
+    // --- player core ---
+    void setURLS(std::vector<std::string> urls);
+    const std::vector<std::string>& getURLs() const { return urls; }
+    void attachPlaylist(const std::shared_ptr<PlaylistController>& playlist);
+    std::string currentVideoID() const;
+    void loadVideo(const std::string& urlString);
+    void play();
+    void pause();
+    void stop();
+    void seekForward(double seconds);
+    void seekBackward(double seconds);
+    void seekTo(double value);
+    void showLoadingUI(bool show);
+    void addPeriodicTimeObserver();
+    void observeDuration();
+    static std::string formatTime(double seconds);
+    void cleanup();
+    void playerDidFinishPlaying();
+
+    // --- controls and presentation ---
+    void toggleControls();
+    void autoHideControls();
+    void cancelAutoHide();
+    void startAutoHideTimer();
+    void scheduleHalfScreenAutoReturn();
+    void markCountdownRailDismissed();
+    void clearCountdownRailDismissal();
+    void presentVideoPlayer();
+    void switchScreenBack_and_forth();
+    void backToHome();
+
+    // --- advancing and ad gating ---
+    void playNextVideo(int index);
+    void playNext(int index) { playNextVideo(index); }
+    void playNextPlaylist();
+    void nextVideo();
+    void prevVideo();
+    void playApprovedVideo();
+    void onVideoSelected(const Video& video);
+    void onPlaylistSelected(const Playlist& playlist);
+    void triggerMidRollAd(double cue);
+    void resumeAfterMidRollAd();
+
+    const Platform& platform() const { return platform_; }
+
+private:
+    explicit PlayerController(Platform platform);
+    void onClockTick(double t);
+    void onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus);
+
+    Platform platform_;
+};
+
+}  // namespace kavelin

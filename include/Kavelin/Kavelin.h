@@ -1,0 +1,89 @@
+/*
+ * Kavelin: an embeddable video-playlist player for children's games.
+ *
+ * The host drives the library only through these functions and hears back through
+ * short named events (see kavelin_event_callback). Nothing happens at load time.
+ *
+ * Threading: every function may be called from any host thread; the call hops onto
+ * the library's own main thread and runs there synchronously, so events raised by a
+ * call are delivered before it returns. Events raised later (clock, end of video,
+ * screen dismissals) are delivered on the library's main thread. A host callback may
+ * call back into the library from inside the callback.
+ *
+ * Strings are NUL-terminated UTF-8, copied before the call returns; the host keeps
+ * ownership. A null string is treated as invalid input: it is logged and ignored.
+ * No function reports failure: bad input is logged on standard output.
+ */
+#ifndef KAVELIN_KAVELIN_H
+#define KAVELIN_KAVELIN_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define KAVELIN_EXPORT __attribute__((visibility("default")))
+
+/* 1.1 */
+KAVELIN_EXPORT extern const double KavelinVersionNumber;
+/* "@(#)PROGRAM:Kavelin  PROJECT:Kavelin-1.1.0\n" */
+KAVELIN_EXPORT extern const unsigned char KavelinVersionString[];
+
+/* Receives one event as "Method:payload"; the text is valid only during the call. */
+typedef void (*kavelin_event_callback)(const char* message);
+
+/* Registers (or with NULL clears) the event callback; answers "CallBack_registered:registered". */
+KAVELIN_EXPORT void registerUnityCallback(kavelin_event_callback callback);
+
+/* Loads and plays one stream address in the player; creates the service. Any thread. */
+KAVELIN_EXPORT void loadVideo(const char* urlString);
+/* Starts or resumes playback; always echoes "OnVideoPlay:Started". Any thread. */
+KAVELIN_EXPORT void play(void);
+/* Pauses playback; always echoes "OnVideoPause:Paused". Any thread. */
+KAVELIN_EXPORT void pause(void);
+/* Pauses and rewinds to 0; always echoes "OnVideoStop:Stopped". Any thread. */
+KAVELIN_EXPORT void stop(void);
+/* Skips forward by `seconds`; always echoes "OnVideoSeekForward:<seconds>". Any thread. */
+KAVELIN_EXPORT void seekForward(double seconds);
+/* Skips back by `seconds` (not before 0); echoes "OnVideoSeekBackward:<seconds>". Any thread. */
+KAVELIN_EXPORT void seekBackward(double seconds);
+/* Seeks to `value` seconds; always echoes "OnVideoSeekTo:<value>". Any thread. */
+KAVELIN_EXPORT void seekTo(double value);
+/* Tears down playback and drops the player until setURLS makes a new one. Any thread. */
+KAVELIN_EXPORT void cleanup(void);
+/* Replaces the play order with `count` addresses (NULL entries skipped); creates the service. */
+KAVELIN_EXPORT void setURLS(const char** urls, int32_t count);
+
+/* Presentation flags; each takes effect asynchronously on the library's main thread. */
+KAVELIN_EXPORT void setShowForwardButton(bool show);   /* next-video button, default off */
+KAVELIN_EXPORT void setShowBackwordButton(bool show);  /* previous-video button, default off */
+KAVELIN_EXPORT void setShowBack10Button(bool show);    /* 10 s back, default on */
+KAVELIN_EXPORT void setShowFor10Button(bool show);     /* 10 s forward, default on */
+KAVELIN_EXPORT void setShowPlayPauseButton(bool show); /* play/pause, default on */
+KAVELIN_EXPORT void setShowBackButton(bool show);      /* close button, default on */
+KAVELIN_EXPORT void setShowLogo(bool show);            /* logo, default on */
+KAVELIN_EXPORT void setShowSeekbar(bool show);         /* seek bar, default on */
+KAVELIN_EXPORT void setShowTimeDuration(bool show);    /* elapsed/total time, default on */
+
+/* Sends the playlist document (JSON array of {id,name,thumbnail}); creates the service. */
+KAVELIN_EXPORT void SetPlaylists(const char* json);
+/* Sends the episodes document (JSON array of {id,episodes:[...]}); creates the service. */
+KAVELIN_EXPORT void SetEpisodes(const char* json);
+/* Opens the player screen on the playlist with this id, at its first unwatched video. */
+KAVELIN_EXPORT void PlayPlaylist(const char* playlistId);
+/* Sets the viewer's tier: premium viewers never wait for ads; creates the service. */
+KAVELIN_EXPORT void SetPremium(bool isPremium);
+/* Blocks (true) or releases (false) playback until an ad is done; needs a player. */
+KAVELIN_EXPORT void SetAdRequired(bool required);
+/* Sends the mid-roll ad policy (JSON); creates the service. */
+KAVELIN_EXPORT void SetMidRollAdConfig(const char* json);
+/* Reports that the ad the library asked for has ended; playback resumes. */
+KAVELIN_EXPORT void AdCompletedResumePlayback(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KAVELIN_KAVELIN_H */
