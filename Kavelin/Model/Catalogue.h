@@ -96,6 +96,10 @@ struct SampleVideos {
     static const Playlist& Playlist3();
 };
 
+// The process-wide catalogue the player works on: the sample catalogue until the
+// service's merge of host data replaces it whole. Main queue only.
+std::vector<Playlist>& playlists();
+
 // Strict decoding: required keys present with the right JSON type, optional keys
 // absent or null, unknown keys ignored, quoted numbers rejected. Throws
 // DecodingError (also for malformed JSON and ill-formed UTF-8).
