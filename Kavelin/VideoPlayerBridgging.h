@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -16,7 +17,8 @@ std::shared_ptr<VideoPlayerService>& currentVideoPlayerService();
 // The one way an event reaches the host.
 void sendUnityMessage(std::string_view methodName, std::string_view message);
 
-// Forgets the registered callback and the resolved UnitySendMessage; tests only.
-void resetBridgeForTesting();
+// In-process tests watch the events here (called before delivery, on the main queue).
+using EventObserver = std::function<void(std::string_view methodName, std::string_view message)>;
+void setEventObserverForTesting(EventObserver observer);
 
 }  // namespace kavelin
