@@ -26,7 +26,10 @@ class UserDefaults {
     static std::filesystem::path defaultPath();
 
     std::optional<nlohmann::json> object(const std::string& key) const;
-    void setObject(const std::string& key, nlohmann::json value);
+    // An equal value changes nothing and schedules no write; the const& form lets
+    // a caller re-store a large cached value every tick without copying it.
+    void setObject(const std::string& key, const nlohmann::json& value);
+    void setObject(const std::string& key, nlohmann::json&& value);
     void removeObject(const std::string& key);
 
     // Writes pending changes now (no-op when nothing changed).

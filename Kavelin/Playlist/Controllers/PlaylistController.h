@@ -64,6 +64,8 @@ class PlaylistController : public ObservableObject {
     std::shared_ptr<UserDefaults> defaults_;
     WorkItemPtr timer_;  // nothing starts one; cancelCountdown clears it
     std::optional<std::string> countdownTriggeredForVideoID_;
+    // The watched map as last stored, kept so an unchanged map is not re-encoded.
+    std::optional<nlohmann::json> encodedCompletedVideos_;
 };
 
 }  // namespace kavelin
