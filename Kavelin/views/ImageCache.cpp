@@ -1,0 +1,155 @@
+#include "Kavelin/views/ImageCache.h"
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+namespace kavelin {
+
+ImageCache& ImageCache::shared() {
+    static ImageCache* cache = new ImageCache();  // outlives late worker completions
+    return *cache;
+}
+
+std::shared_ptr<const Image> ImageCache::image(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    auto it = cache_.find(key);
+    return it == cache_.end() ? nullptr : it->second;
+}
+
+void ImageCache::set(std::shared_ptr<const Image> image, const std::string& key) {
+    std::lock_guard lock(mutex_);
+    cache_[key] = std::move(image);
+}
+
+void ImageCache::removeAll() {
+    std::lock_guard lock(mutex_);
+    cache_.clear();
+}
+
+namespace {
+
+std::atomic<double> gTimeout{ImageLoader::timeoutSeconds};
+
+// Thumbnails are small and few; two workers keep the rail responsive without
+// competing with playback.
+class WorkerPool {
+  public:
+    static WorkerPool& shared() {
+        static WorkerPool* pool = new WorkerPool(2);  // threads live as long as the process
+        return *pool;
+    }
+    void post(std::function<void()> job) {
+        {
+            std::lock_guard lock(mutex_);
+            jobs_.push_back(std::move(job));
+        }
+        cv_.notify_one();
+    }
+
+  private:
+    explicit WorkerPool(int count) {
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        for (int i = 0; i < count; ++i) std::thread([this] { run(); }).detach();
+    }
+    void run() {
+        for (;;) {
+            std::function<void()> job;
+            {
+                std::unique_lock lock(mutex_);
+                cv_.wait(lock, [this] { return !jobs_.empty(); });
+                job = std::move(jobs_.front());
+                jobs_.pop_front();
+            }
+            job();
+        }
+    }
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::deque<std::function<void()>> jobs_;
+};
+
+size_t appendBody(char* data, size_t size, size_t count, void* user) {
+    static_cast<std::string*>(user)->append(data, size * count);
+    return size * count;
+}
+
+bool startsWith(const std::string& s, std::string_view prefix) {
+    return s.compare(0, prefix.size(), prefix) == 0;
+}
+
+// Thumbnails that are SVG files are rasterised at a card's size.
+constexpr int kSvgWidth = 600;
+constexpr int kSvgHeight = 400;
+
+std::shared_ptr<const Image> decodeShared(const std::string& body) {
+    auto image = decodeImage(body, kSvgWidth, kSvgHeight);
+    if (!image) return nullptr;
+    return std::make_shared<const Image>(std::move(*image));
+}
+
+std::shared_ptr<const Image> fetchFile(const std::string& urlString) {
+    std::string path = urlString.substr(std::string_view("file://").size());
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return nullptr;
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    return decodeShared(buffer.str());
+}
+
+std::shared_ptr<const Image> fetchHttp(const std::string& urlString) {
+    CURL* curl = curl_easy_init();
+    if (!curl) return nullptr;
+    std::string body;
+    curl_easy_setopt(curl, CURLOPT_URL, urlString.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, appendBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(gTimeout.load() * 1000));
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    CURLcode rc = curl_easy_perform(curl);
+    long status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_cleanup(curl);
+    if (rc != CURLE_OK || status < 200 || status > 299 || body.empty()) return nullptr;
+    return decodeShared(body);
+}
+
+}  // namespace
+
+bool ImageLoader::isValidURL(const std::string& urlString) {
+    if (urlString.empty()) return false;
+    if (startsWith(urlString, "file://")) return urlString.size() > 7;
+    if (!startsWith(urlString, "http://") && !startsWith(urlString, "https://")) return false;
+    for (unsigned char c : urlString)
+        if (c <= ' ' || c == 0x7F) return false;
+    CURLU* url = curl_url();
+    bool ok = curl_url_set(url, CURLUPART_URL, urlString.c_str(), 0) == CURLUE_OK;
+    if (ok) {
+        char* host = nullptr;
+        ok = curl_url_get(url, CURLUPART_HOST, &host, 0) == CURLUE_OK && host && *host;
+        curl_free(host);
+    }
+    curl_url_cleanup(url);
+    return ok;
+}
+
+void ImageLoader::fetch(const std::string& urlString,
+                        std::function<void(std::shared_ptr<const Image>)> completion) {
+    WorkerPool::shared().post([urlString, completion = std::move(completion)] {
+        completion(startsWith(urlString, "file://") ? fetchFile(urlString) : fetchHttp(urlString));
+    });
+}
+
+void ImageLoader::setTimeoutForTesting(double seconds) {
+    gTimeout.store(seconds);
+}
+
+}  // namespace kavelin

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "Kavelin/Extentions/UIImage+Ext.h"
+
+namespace kavelin {
+
+// Decoded thumbnails kept in memory for the life of the process, keyed by the
+// address exactly as the catalogue wrote it. Safe from any thread.
+class ImageCache {
+  public:
+    static ImageCache& shared();
+
+    std::shared_ptr<const Image> image(const std::string& key) const;
+    void set(std::shared_ptr<const Image> image, const std::string& key);
+    // Forgets everything (tests start from an empty cache).
+    void removeAll();
+
+  private:
+    ImageCache() = default;
+    mutable std::mutex mutex_;
+    std::unordered_map<std::string, std::shared_ptr<const Image>> cache_;
+};
+
+// Fetches image bytes over http(s) or from file:// addresses on a small pool of
+// worker threads (the only work the library does off its main queue).
+class ImageLoader {
+  public:
+    static constexpr double timeoutSeconds = 15.0;
+
+    // Whether `urlString` is an address the loader can fetch at all.
+    static bool isValidURL(const std::string& urlString);
+
+    // Fetches and decodes on a worker; `completion` gets the picture, or null on
+    // any failure (transport error, status outside 200-299, empty or undecodable
+    // body). It runs on the worker thread.
+    static void fetch(const std::string& urlString,
+                      std::function<void(std::shared_ptr<const Image>)> completion);
+
+    // Time-out used by fetches started from now on (tests shorten it).
+    static void setTimeoutForTesting(double seconds);
+};
+
+}  // namespace kavelin

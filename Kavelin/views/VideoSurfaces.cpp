@@ -1,0 +1,76 @@
+#include "Kavelin/views/VideoSurfaces.h"
+
+#include <cmath>
+#include <numbers>
+
+#include "Kavelin/Extentions/Color+Ext.h"
+
+namespace kavelin {
+
+namespace {
+std::shared_ptr<VideoRenderer>& installedRenderer() {
+    static std::shared_ptr<VideoRenderer> renderer;
+    return renderer;
+}
+}  // namespace
+
+void VideoRenderer::install(std::shared_ptr<VideoRenderer> renderer) {
+    installedRenderer() = std::move(renderer);
+}
+VideoRenderer* VideoRenderer::current() {
+    return installedRenderer().get();
+}
+
+Rect aspectFitRect(float videoW, float videoH, const Rect& b) {
+    if (videoW <= 0 || videoH <= 0 || b.empty()) return b;
+    float scale = std::min(b.w / videoW, b.h / videoH);
+    float w = videoW * scale, h = videoH * scale;
+    return {b.x + (b.w - w) / 2, b.y + (b.h - h) / 2, w, h};
+}
+
+void AspectFitVideoPlayer::draw(Frame& frame, const Rect& bounds) const {
+    frame.fill(bounds, Color::black());
+    if (!player) return;
+    auto* renderer = VideoRenderer::current();
+    if (!renderer) return;
+    auto video = renderer->frameFor(player);
+    if (!video || !video->texture) return;
+    Rect r =
+        aspectFitRect(static_cast<float>(video->width), static_cast<float>(video->height), bounds);
+    frame.pushClip(bounds);
+    frame.list()->AddImage(video->texture, r.min(), r.max(), {0, 0}, {1, 1},
+                           frame.color(IM_COL32_WHITE));
+    frame.popClip();
+}
+
+void FullScreenVideoPlayer::draw(Frame& frame, const Rect& bounds) const {
+    frame.fill(bounds, Color::black());
+    if (!player) return;
+    auto* renderer = VideoRenderer::current();
+    if (!renderer) return;
+    auto video = renderer->frameFor(player);
+    if (!video || !video->texture) return;
+    UVRect uv = aspectFillUV(static_cast<float>(video->width), static_cast<float>(video->height),
+                             bounds.w, bounds.h);
+    frame.list()->AddImage(video->texture, bounds.min(), bounds.max(), uv.uv0, uv.uv1,
+                           frame.color(IM_COL32_WHITE));
+}
+
+void ActivityIndicator::draw(Frame& frame, ImVec2 c) const {
+    if (!isAnimating) return;
+    const float size = style == Style::large ? largeSize : mediumSize;
+    const int spokes = 12;
+    int lead = static_cast<int>(std::fmod(frame.now() * 12, spokes));
+    for (int i = 0; i < spokes; ++i) {
+        float a = static_cast<float>(i) * 2 * std::numbers::pi_v<float> / spokes -
+                  std::numbers::pi_v<float> / 2;
+        float age = static_cast<float>((lead - i + spokes) % spokes) / spokes;
+        ImVec2 dir{std::cos(a), std::sin(a)};
+        frame.list()->AddLine({c.x + dir.x * size * 0.25f, c.y + dir.y * size * 0.25f},
+                              {c.x + dir.x * size * 0.5f, c.y + dir.y * size * 0.5f},
+                              frame.color(Color::white(1.0f - 0.75f * age)), size * 0.09f);
+    }
+    frame.requestAnimationFrame();
+}
+
+}  // namespace kavelin
