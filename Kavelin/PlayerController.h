@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Kavelin/Model/AdSessionTracker.h"
@@ -27,7 +28,7 @@ namespace kavelin {
 // (advancing and ad gating).
 class PlayerController : public ObservableObject,
                          public std::enable_shared_from_this<PlayerController> {
-public:
+  public:
     // Always made shared: delayed tasks and observers hold it weakly.
     static std::shared_ptr<PlayerController> make(const Platform& platform = Platform::current());
     ~PlayerController() override;
@@ -125,12 +126,20 @@ public:
 
     const Platform& platform() const { return platform_; }
 
-private:
+  private:
     explicit PlayerController(Platform platform);
     void onClockTick(double t);
     void onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus);
+    bool adAllowedByTracker() const;
+    // Loads urls[index], or logs and ignores an index outside the list.
+    bool loadURLAt(int index, std::string_view caller);
 
     Platform platform_;
+    // Nesting depth of loadVideo: play() inside a load must not start another load.
+    int loadDepth_ = 0;
+    // Bumped by cleanup() so callbacks hopping onto the queue for an earlier item
+    // are dropped.
+    uint64_t itemGeneration_ = 0;
 };
 
 }  // namespace kavelin
