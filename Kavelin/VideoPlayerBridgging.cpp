@@ -94,6 +94,18 @@ void sendUnityMessage(std::string_view methodName, std::string_view message) {
     VPLogger::log("⚠️ No Unity callback available for: " + combined);
 }
 
+std::vector<std::string> urlsFromHost(const char* const* urls, int32_t count) {
+    std::vector<std::string> list;
+    if (!urls) {
+        if (count > 0) VPLogger::warning("⚠️ setURLS called with a null list; treated as empty");
+        return list;
+    }
+    list.reserve(static_cast<size_t>(count));
+    for (int32_t i = 0; i < count; ++i)
+        if (urls[i]) list.emplace_back(urls[i]);
+    return list;
+}
+
 void setEventObserverForTesting(EventObserver observer) {
     gEventObserver = std::move(observer);
 }
@@ -176,14 +188,7 @@ void setURLS(const char** urls, int32_t count) {
         std::fflush(stderr);
         std::abort();
     }
-    std::vector<std::string> list;
-    if (urls) {
-        list.reserve(static_cast<size_t>(count));
-        for (int32_t i = 0; i < count; ++i)
-            if (urls[i]) list.emplace_back(urls[i]);
-    } else if (count > 0) {
-        VPLogger::warning("⚠️ setURLS called with a null list; treated as empty");
-    }
+    auto list = urlsFromHost(urls, count);
     onMainQueue("setURLS", [&] { serviceCreatingIfNeeded().setURLS(std::move(list)); });
 }
 
