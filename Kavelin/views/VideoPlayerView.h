@@ -145,7 +145,8 @@ class VideoPlayerView {
     AnimatedValue controlsOpacity_{1};
     AnimatedValue railShown_{0};
     AnimatedValue playScale_{0.9f};
-    std::array<AnimatedValue, centreButtonCount> centreFade_{};
+    std::array<AnimatedValue, centreButtonCount> centreFade_{
+        AnimatedValue(1), AnimatedValue(1), AnimatedValue(1), AnimatedValue(1), AnimatedValue(1)};
     std::optional<SwiftUISlider> slider_;
     std::optional<PlaylistBottomView> rail_;
     Layout layout_;
