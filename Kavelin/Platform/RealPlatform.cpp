@@ -1,3 +1,4 @@
+#include "Kavelin/Platform/MpvMediaPlayerFactory.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/ThreadMainQueue.h"
 
@@ -6,6 +7,7 @@ namespace kavelin {
 Platform makeRealPlatform() {
     Platform p;
     p.queue = std::make_shared<ThreadMainQueue>();
+    p.players = std::make_shared<MpvMediaPlayerFactory>(p.queue);
     p.wallClock = [] { return std::chrono::system_clock::now(); };
     return p;
 }
