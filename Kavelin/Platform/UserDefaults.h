@@ -3,10 +3,9 @@
 #include <cstddef>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "Kavelin/Platform/MainQueue.h"
 
@@ -18,7 +17,7 @@ namespace kavelin {
 // is rewritten coalesced (at most about once a second while values change, and
 // always on flush/teardown/process exit), atomically via temp file, fsync, rename.
 class UserDefaults {
-public:
+  public:
     // `file` is the JSON file; `queue` schedules the coalesced writes.
     UserDefaults(std::filesystem::path file, std::shared_ptr<MainQueue> queue);
     ~UserDefaults();  // flushes pending changes
@@ -39,7 +38,7 @@ public:
     // How many times the file was (re)written; benchmarks and tests read it.
     size_t fileWriteCount() const;
 
-private:
+  private:
     struct State;
     std::shared_ptr<State> state_;
 };
