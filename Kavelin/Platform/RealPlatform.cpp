@@ -8,6 +8,7 @@ Platform makeRealPlatform() {
     Platform p;
     p.queue = std::make_shared<ThreadMainQueue>();
     p.players = std::make_shared<MpvMediaPlayerFactory>(p.queue);
+    p.defaults = std::make_shared<UserDefaults>(UserDefaults::defaultPath(), p.queue);
     p.wallClock = [] { return std::chrono::system_clock::now(); };
     return p;
 }

@@ -1,0 +1,336 @@
+#include "Kavelin/Model/Catalogue.h"
+
+#include <array>
+
+#include "Kavelin/Model/JsonDecoding.h"
+
+namespace kavelin {
+
+using namespace json_decoding;
+
+// MARK: - Subscription tier
+
+std::string_view rawValue(SubscriptionStatus status) {
+    return status == SubscriptionStatus::premium ? "premium" : "free";
+}
+
+std::optional<SubscriptionStatus> subscriptionStatusFromRaw(std::string_view raw) {
+    if (raw == "free") return SubscriptionStatus::free;
+    if (raw == "premium") return SubscriptionStatus::premium;
+    return std::nullopt;
+}
+
+SubscriptionStatus& subscriptionStatus() {
+    static SubscriptionStatus status = SubscriptionStatus::free;
+    return status;
+}
+
+// MARK: - Episode to video
+
+namespace {
+
+// Unicode white space and line breaks, UTF-8 encoded. Host addresses arrive
+// with pasted-in padding, sometimes a no-break space or U+2028.
+constexpr std::array<std::string_view, 25> kBlanks = {
+    " ",
+    "\t",
+    "\n",
+    "\v",
+    "\f",
+    "\r",
+    "\xC2\x85",
+    "\xC2\xA0",
+    "\xE1\x9A\x80",
+    "\xE2\x80\x80",
+    "\xE2\x80\x81",
+    "\xE2\x80\x82",
+    "\xE2\x80\x83",
+    "\xE2\x80\x84",
+    "\xE2\x80\x85",
+    "\xE2\x80\x86",
+    "\xE2\x80\x87",
+    "\xE2\x80\x88",
+    "\xE2\x80\x89",
+    "\xE2\x80\x8A",
+    "\xE2\x80\xA8",
+    "\xE2\x80\xA9",
+    "\xE2\x80\xAF",
+    "\xE2\x81\x9F",
+    "\xE3\x80\x80",
+};
+
+std::string trimBlanks(std::string_view text) {
+    bool changed = true;
+    while (changed && !text.empty()) {
+        changed = false;
+        for (auto blank : kBlanks) {
+            if (text.starts_with(blank)) {
+                text.remove_prefix(blank.size());
+                changed = true;
+                break;
+            }
+        }
+    }
+    changed = true;
+    while (changed && !text.empty()) {
+        changed = false;
+        for (auto blank : kBlanks) {
+            if (text.ends_with(blank)) {
+                text.remove_suffix(blank.size());
+                changed = true;
+                break;
+            }
+        }
+    }
+    return std::string(text);
+}
+
+}  // namespace
+
+Video Episode::toVideo(const std::string& categoryId) const {
+    return Video(index, trimBlanks(url), title, categoryId, thumbnail);
+}
+
+// MARK: - Sample catalogue
+
+namespace {
+
+// Sample videos are libavfilter sources played through mpv's lavfi protocol, so
+// the player works with no network and no media files.
+std::string lavfi(std::string_view graph) {
+    return "av://lavfi:" + std::string(graph);
+}
+
+std::string thumbnail(std::string_view name) {
+    return "file://" KAVELIN_SOURCE_DIR "/Resources/Thumbnails/" + std::string(name) + ".svg";
+}
+
+Playlist makePlaylist1() {
+    const std::string id = "sample-playlist-1";
+    return Playlist(
+        id, "Test Patterns", thumbnail("playlist-1"),
+        "Ten classic broadcast and test patterns, from colour bars to fractals.",
+        {
+            Video("sample-1-01", lavfi("testsrc2=duration=30:size=640x360:rate=25"),
+                  "Moving Test Card", id, thumbnail("sample-1-01")),
+            Video("sample-1-02", lavfi("testsrc=duration=25:size=640x360:rate=25"),
+                  "Counting Gradient", id, thumbnail("sample-1-02")),
+            Video("sample-1-03", lavfi("smptebars=duration=40:size=640x360:rate=25"), "Colour Bars",
+                  id, thumbnail("sample-1-03")),
+            Video("sample-1-04", lavfi("smptehdbars=duration=35:size=640x360:rate=25"),
+                  "HD Colour Bars", id, thumbnail("sample-1-04")),
+            Video("sample-1-05", lavfi("rgbtestsrc=duration=20:size=640x360:rate=25"),
+                  "Red, Green and Blue", id, thumbnail("sample-1-05")),
+            Video("sample-1-06", lavfi("yuvtestsrc=duration=45:size=640x360:rate=25"),
+                  "Light and Colour", id, thumbnail("sample-1-06")),
+            Video("sample-1-07", lavfi("mandelbrot=size=640x360:rate=25,trim=duration=50"),
+                  "Mandelbrot Dive", id, thumbnail("sample-1-07")),
+            Video("sample-1-08", lavfi("life=size=640x360:rate=25:mold=10:seed=7,trim=duration=40"),
+                  "Game of Life", id, thumbnail("sample-1-08")),
+            Video("sample-1-09", lavfi("cellauto=size=640x360:rate=25:rule=30,trim=duration=30"),
+                  "Rule Thirty", id, thumbnail("sample-1-09")),
+            Video("sample-1-10", lavfi("pal100bars=duration=25:size=640x360:rate=25"), "PAL Bars",
+                  id, thumbnail("sample-1-10")),
+        });
+}
+
+Playlist makePlaylist2() {
+    const std::string id = "sample-playlist-2";
+    return Playlist(
+        id, "Colours", thumbnail("playlist-2"), "Slow washes of colour to rest the eyes.",
+        {
+            Video("sample-2-01", lavfi("gradients=size=640x360:rate=25:duration=40:speed=0.02"),
+                  "Drifting Gradients", id, thumbnail("sample-2-01")),
+            Video("sample-2-02",
+                  lavfi("colorspectrum=size=640x360:rate=25:type=all,trim=duration=20"),
+                  "The Whole Spectrum", id, thumbnail("sample-2-02")),
+            Video("sample-2-03", lavfi("colorchart=rate=25:patch_size=64x64,trim=duration=25"),
+                  "Colour Chart", id, thumbnail("sample-2-03")),
+        });
+}
+
+Playlist makePlaylist3() {
+    const std::string id = "sample-playlist-3";
+    return Playlist(id, "Patterns in Motion", thumbnail("playlist-3"),
+                    "Shapes that grow, repeat and change all by themselves.",
+                    {
+                        Video("sample-3-01",
+                              lavfi("sierpinski=size=640x360:rate=25:type=carpet,trim=duration=30"),
+                              "Sierpinski Carpet", id, thumbnail("sample-3-01")),
+                        Video("sample-3-02",
+                              lavfi("cellauto=size=640x360:rate=25:rule=110:random_fill_ratio=0.5,"
+                                    "trim=duration=35"),
+                              "Rule One Hundred Ten", id, thumbnail("sample-3-02")),
+                        Video("sample-3-03", lavfi("mptestsrc=duration=30:rate=25"), "Motion Test",
+                              id, thumbnail("sample-3-03")),
+                        Video("sample-3-04", lavfi("testsrc2=duration=60:size=640x360:rate=30"),
+                              "One Minute Test Card", id, thumbnail("sample-3-04")),
+                    });
+}
+
+}  // namespace
+
+const Playlist& SampleVideos::Playlist1() {
+    static const Playlist playlist = makePlaylist1();
+    return playlist;
+}
+
+const Playlist& SampleVideos::Playlist2() {
+    static const Playlist playlist = makePlaylist2();
+    return playlist;
+}
+
+const Playlist& SampleVideos::Playlist3() {
+    static const Playlist playlist = makePlaylist3();
+    return playlist;
+}
+
+Playlist& Playlist::mockPlaylist() {
+    static Playlist playlist = SampleVideos::Playlist1();
+    return playlist;
+}
+
+std::vector<Playlist>& Playlist::allPlaylists() {
+    static std::vector<Playlist> all = {SampleVideos::Playlist1(), SampleVideos::Playlist2(),
+                                        SampleVideos::Playlist3()};
+    return all;
+}
+
+std::vector<Playlist>& playlists() {
+    static std::vector<Playlist> list = Playlist::allPlaylists();
+    return list;
+}
+
+// MARK: - Decoding
+
+namespace {
+
+std::string stringMember(const json& object, const Where& where, std::string_view key) {
+    return readString(requiredMember(object, where, key), member(where, key));
+}
+
+std::optional<std::string> optionalStringMember(const json& object, const Where& where,
+                                                std::string_view key) {
+    const json* value = optionalMember(object, key);
+    if (!value) return std::nullopt;
+    return readString(*value, member(where, key));
+}
+
+Video videoAt(const json& value, const Where& where) {
+    requireObject(value, where);
+    // One key at a time: which missing key is reported must not depend on evaluation order.
+    Video video;
+    video.id = stringMember(value, where, "id");
+    video.url = stringMember(value, where, "url");
+    video.title = stringMember(value, where, "title");
+    video.description = stringMember(value, where, "description");
+    video.thumbnail = stringMember(value, where, "thumbnail");
+    video.isWatched =
+        readBool(requiredMember(value, where, "isWatched"), member(where, "isWatched"));
+    return video;
+}
+
+Playlist playlistAt(const json& value, const Where& where) {
+    requireObject(value, where);
+    Playlist playlist;
+    playlist.id = stringMember(value, where, "id");
+    playlist.name = optionalStringMember(value, where, "name");
+    playlist.thumbnail = optionalStringMember(value, where, "thumbnail");
+    playlist.description = optionalStringMember(value, where, "description");
+    playlist.videos =
+        readArray<Video>(requiredMember(value, where, "videos"), member(where, "videos"), videoAt);
+    return playlist;
+}
+
+PlaylistResponse playlistResponseAt(const json& value, const Where& where) {
+    requireObject(value, where);
+    PlaylistResponse response;
+    response.id = stringMember(value, where, "id");
+    response.name = stringMember(value, where, "name");
+    response.thumbnail = stringMember(value, where, "thumbnail");
+    return response;
+}
+
+Episode episodeAt(const json& value, const Where& where) {
+    requireObject(value, where);
+    Episode episode;
+    episode.index = stringMember(value, where, "index");
+    episode.url = stringMember(value, where, "url");
+    episode.thumbnail = stringMember(value, where, "thumbnail");
+    episode.title = stringMember(value, where, "title");
+    episode.isActive =
+        readInt64(requiredMember(value, where, "isActive"), member(where, "isActive"));
+    episode.length = readInt64(requiredMember(value, where, "length"), member(where, "length"));
+    return episode;
+}
+
+EpisodeResponse episodeResponseAt(const json& value, const Where& where) {
+    requireObject(value, where);
+    EpisodeResponse response;
+    response.id = stringMember(value, where, "id");
+    response.episodes = readArray<Episode>(requiredMember(value, where, "episodes"),
+                                           member(where, "episodes"), episodeAt);
+    return response;
+}
+
+}  // namespace
+
+Video decodeVideo(const json& value) {
+    return videoAt(value, topLevel());
+}
+Playlist decodePlaylist(const json& value) {
+    return playlistAt(value, topLevel());
+}
+PlaylistResponse decodePlaylistResponse(const json& value) {
+    return playlistResponseAt(value, topLevel());
+}
+Episode decodeEpisode(const json& value) {
+    return episodeAt(value, topLevel());
+}
+EpisodeResponse decodeEpisodeResponse(const json& value) {
+    return episodeResponseAt(value, topLevel());
+}
+
+std::vector<PlaylistResponse> decodePlaylistResponses(std::string_view utf8) {
+    return readArray<PlaylistResponse>(parse(utf8), topLevel(), playlistResponseAt);
+}
+
+std::vector<EpisodeResponse> decodeEpisodeResponses(std::string_view utf8) {
+    return readArray<EpisodeResponse>(parse(utf8), topLevel(), episodeResponseAt);
+}
+
+// MARK: - Encoding
+
+nlohmann::json encode(const Video& video) {
+    return {{"id", video.id},
+            {"url", video.url},
+            {"title", video.title},
+            {"description", video.description},
+            {"thumbnail", video.thumbnail},
+            {"isWatched", video.isWatched}};
+}
+
+nlohmann::json encode(const Playlist& playlist) {
+    nlohmann::json out = nlohmann::json::object();
+    out["id"] = playlist.id;
+    if (playlist.name) out["name"] = *playlist.name;
+    if (playlist.thumbnail) out["thumbnail"] = *playlist.thumbnail;
+    if (playlist.description) out["description"] = *playlist.description;
+    out["videos"] = nlohmann::json::array();
+    for (const auto& video : playlist.videos) out["videos"].push_back(encode(video));
+    return out;
+}
+
+nlohmann::json encode(const Episode& episode) {
+    return {{"index", episode.index},         {"url", episode.url},
+            {"thumbnail", episode.thumbnail}, {"title", episode.title},
+            {"isActive", episode.isActive},   {"length", episode.length}};
+}
+
+nlohmann::json encode(const EpisodeResponse& response) {
+    nlohmann::json out = {{"id", response.id}, {"episodes", nlohmann::json::array()}};
+    for (const auto& episode : response.episodes) out["episodes"].push_back(encode(episode));
+    return out;
+}
+
+}  // namespace kavelin
