@@ -2,14 +2,23 @@
 #include "Kavelin/Platform/MpvMediaPlayerFactory.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/WindowPresenter.h"
 
 namespace kavelin {
 
 Platform makeRealPlatform() {
     Platform p;
-    p.queue = std::make_shared<ThreadMainQueue>();
-    p.players = std::make_shared<MpvMediaPlayerFactory>(p.queue);
-    p.presenter = std::make_shared<HeadlessPresenter>(p.queue);
+    auto queue = std::make_shared<ThreadMainQueue>();
+    p.queue = queue;
+    auto players = std::make_shared<MpvMediaPlayerFactory>(p.queue);
+    if (WindowPresenter::displayAvailable()) {
+        auto window = std::make_shared<WindowPresenter>(queue);
+        p.presenter = window;
+        p.players = window->wrapFactory(players);
+    } else {
+        p.presenter = std::make_shared<HeadlessPresenter>(p.queue);
+        p.players = players;
+    }
     p.defaults = std::make_shared<UserDefaults>(UserDefaults::defaultPath(), p.queue);
     p.wallClock = [] { return std::chrono::system_clock::now(); };
     return p;

@@ -1,0 +1,459 @@
+#include "Kavelin/Platform/WindowPresenter.h"
+
+#define GL_GLEXT_PROTOTYPES 1
+#include <GL/gl.h>
+#include <SDL.h>
+#include <backends/imgui_impl_opengl3.h>
+#include <backends/imgui_impl_sdl.h>
+#include <imgui.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Kavelin/Extentions/Color+Ext.h"
+#include "Kavelin/Platform/MpvMediaPlayer.h"
+#include "Kavelin/Platform/MpvVideoRenderer.h"
+#include "Kavelin/PlayerController.h"
+#include "Kavelin/log/VPLogger.h"
+#include "Kavelin/views/Frame.h"
+#include "Kavelin/views/VideoPlayerView.h"
+
+namespace kavelin {
+
+// The presented screen: the view tree and what keeps it up to date.
+class ScreenHostingController final : public HostingController {
+  public:
+    ScreenHostingController(const std::shared_ptr<PlayerController>& player,
+                            const std::shared_ptr<PlaylistController>& playlist)
+        : player(player), view(player, orientation, playlist) {}
+
+    std::shared_ptr<OrientationObserver> orientation = std::make_shared<OrientationObserver>();
+    std::shared_ptr<PlayerController> player;
+    VideoPlayerView view;
+    std::vector<ObservableObject::Subscription> subscriptions;
+};
+
+namespace {
+
+bool envSet(const char* name) {
+    const char* v = std::getenv(name);
+    return v && *v;
+}
+
+bool windowSizeFromEnvironment(int& w, int& h) {
+    const char* size = std::getenv("KAVELIN_WINDOW_SIZE");
+    return size && std::sscanf(size, "%dx%d", &w, &h) == 2 && w > 0 && h > 0;
+}
+
+ImTextureID uploadTexture(const Image& image) {
+    GLuint id = 0;
+    glGenTextures(1, &id);
+    glBindTexture(GL_TEXTURE_2D, id);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, image.width, image.height, 0, GL_RGBA,
+                 GL_UNSIGNED_BYTE, image.rgba.data());
+    return reinterpret_cast<ImTextureID>(static_cast<intptr_t>(id));
+}
+
+void releaseTexture(ImTextureID texture) {
+    GLuint id = static_cast<GLuint>(reinterpret_cast<intptr_t>(texture));
+    glDeleteTextures(1, &id);
+}
+
+class RenderingPlayerFactory final : public MediaPlayerFactory {
+  public:
+    RenderingPlayerFactory(std::shared_ptr<MediaPlayerFactory> inner,
+                           std::function<void(const std::shared_ptr<MediaPlayer>&)> attach)
+        : inner_(std::move(inner)), attach_(std::move(attach)) {}
+    std::shared_ptr<MediaPlayer> makePlayer() override {
+        auto player = inner_->makePlayer();
+        if (player) attach_(player);
+        return player;
+    }
+
+  private:
+    std::shared_ptr<MediaPlayerFactory> inner_;
+    std::function<void(const std::shared_ptr<MediaPlayer>&)> attach_;
+};
+
+}  // namespace
+
+bool WindowPresenter::displayAvailable() {
+    const char* headless = std::getenv("KAVELIN_HEADLESS");
+    if (headless && std::strcmp(headless, "1") == 0) return false;
+    return envSet("DISPLAY") || envSet("WAYLAND_DISPLAY");
+}
+
+WindowPresenter::WindowPresenter(std::shared_ptr<ThreadMainQueue> queue)
+    : queue_(std::move(queue)) {}
+
+WindowPresenter::~WindowPresenter() {
+    if (!window_) return;
+    if (queue_->isCurrent())
+        destroyWindow();
+    else
+        queue_->sync([this] { destroyWindow(); });
+}
+
+bool WindowPresenter::ensureWindow() {
+    if (window_) return true;
+    if (windowFailed_) return false;
+    windowFailed_ = true;                           // until it worked
+    SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");  // the host owns the signals
+    SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
+    if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) {
+        VPLogger::warning(std::string("⚠️ No window for the player: ") + SDL_GetError());
+        return false;
+    }
+    int w = 0, h = 0;
+    if (!windowSizeFromEnvironment(w, h)) {
+        SDL_DisplayMode mode;
+        if (SDL_GetDesktopDisplayMode(0, &mode) == 0) {
+            w = mode.w;
+            h = mode.h;
+        } else {
+            w = 1280;
+            h = 720;
+        }
+    }
+    SDL_GL_SetAttribute(SDL_GL_CONTEXT_MAJOR_VERSION, 3);
+    SDL_GL_SetAttribute(SDL_GL_CONTEXT_MINOR_VERSION, 2);
+    SDL_GL_SetAttribute(SDL_GL_CONTEXT_PROFILE_MASK, SDL_GL_CONTEXT_PROFILE_CORE);
+    SDL_GL_SetAttribute(SDL_GL_DOUBLEBUFFER, 1);
+    window_ = SDL_CreateWindow(
+        "Kavelin", 0, 0, w, h,
+        SDL_WINDOW_OPENGL | SDL_WINDOW_BORDERLESS | SDL_WINDOW_HIDDEN | SDL_WINDOW_ALLOW_HIGHDPI);
+    if (!window_) {
+        VPLogger::warning(std::string("⚠️ No window for the player: ") + SDL_GetError());
+        SDL_QuitSubSystem(SDL_INIT_VIDEO);
+        return false;
+    }
+    glContext_ = SDL_GL_CreateContext(window_);
+    if (!glContext_) {
+        VPLogger::warning(std::string("⚠️ No OpenGL context for the player: ") +
+                          SDL_GetError());
+        SDL_DestroyWindow(window_);
+        window_ = nullptr;
+        SDL_QuitSubSystem(SDL_INIT_VIDEO);
+        return false;
+    }
+    windowFailed_ = false;
+    SDL_GL_MakeCurrent(window_, glContext_);
+    // Frames are paced by the queue, never by blocking in a swap.
+    SDL_GL_SetSwapInterval(0);
+
+    ImGuiContext* context = ImGui::CreateContext();
+    imgui_ = context;
+    ImGui::SetCurrentContext(context);
+    ImGuiIO& io = ImGui::GetIO();
+    io.IniFilename = nullptr;
+    io.LogFilename = nullptr;
+    Font::install(io);
+    ImGui_ImplSDL2_InitForOpenGL(window_, glContext_);
+    ImGui_ImplOpenGL3_Init("#version 150");
+    Textures::install(uploadTexture, releaseTexture);
+
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    auto invalidate = [weak] {
+        if (auto self = weak.lock()) self->setNeedsDisplay();
+    };
+    renderer_ = std::make_shared<MpvVideoRenderer>(queue_, invalidate);
+    VideoRenderer::install(renderer_);
+    Display::install(invalidate);
+    updatePolling();
+    return true;
+}
+
+void WindowPresenter::destroyWindow() {
+    if (!window_) return;
+    SDL_GL_MakeCurrent(window_, glContext_);
+    ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
+    queue_->setIdleHook(nullptr, 0);
+    screen_.reset();
+    VideoRenderer::install(nullptr);
+    Display::install(nullptr);
+    if (renderer_) renderer_->detachAll();
+    renderer_.reset();
+    Textures::uninstall();
+    ImGui_ImplOpenGL3_Shutdown();
+    ImGui_ImplSDL2_Shutdown();
+    ImGui::DestroyContext(static_cast<ImGuiContext*>(imgui_));
+    imgui_ = nullptr;
+    SDL_GL_DeleteContext(glContext_);
+    glContext_ = nullptr;
+    SDL_DestroyWindow(window_);
+    window_ = nullptr;
+    SDL_QuitSubSystem(SDL_INIT_VIDEO);
+}
+
+std::shared_ptr<MediaPlayerFactory> WindowPresenter::wrapFactory(
+    std::shared_ptr<MediaPlayerFactory> inner) {
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    return std::make_shared<RenderingPlayerFactory>(
+        std::move(inner), [weak](const std::shared_ptr<MediaPlayer>& player) {
+            auto self = weak.lock();
+            if (self && self->ensureWindow()) {
+                SDL_GL_MakeCurrent(self->window_, self->glContext_);
+                if (self->renderer_->attach(player)) return;
+            }
+            // No picture can be shown: let mpv decode without a video output.
+            if (auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get()))
+                mpv->setVideoOutput("null");
+        });
+}
+
+std::shared_ptr<HostingController> WindowPresenter::makeHostingController(
+    const std::shared_ptr<PlayerController>& player,
+    const std::shared_ptr<PlaylistController>& playlist) {
+    auto screen = std::make_shared<ScreenHostingController>(player, playlist);
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    auto invalidate = [weak] {
+        if (auto self = weak.lock()) self->setNeedsDisplay();
+    };
+    screen->subscriptions.push_back(player->onChange(invalidate));
+    if (playlist) screen->subscriptions.push_back(playlist->onChange(invalidate));
+    screen->subscriptions.push_back(screen->orientation->onChange(invalidate));
+    return screen;
+}
+
+bool WindowPresenter::hasTopMostViewController() const {
+    return const_cast<WindowPresenter*>(this)->ensureWindow();
+}
+
+float WindowPresenter::fadeValue(double now) const {
+    double t = (now - fadeStart_) / fadeSeconds;
+    if (t >= 1) return fadeTo_;
+    if (t <= 0) return fadeFrom_;
+    return fadeFrom_ + (fadeTo_ - fadeFrom_) * easeInOut(static_cast<float>(t));
+}
+
+void WindowPresenter::present(const std::shared_ptr<HostingController>& screen, bool animated,
+                              std::function<void()> completion) {
+    ++presentations_;
+    screen_ = std::dynamic_pointer_cast<ScreenHostingController>(screen);
+    double duration = animated ? fadeSeconds : 0;
+    if (ensureWindow()) {
+        int w = 0, h = 0;
+        SDL_GetWindowSize(window_, &w, &h);
+        if (screen_) screen_->orientation->updateOrientation(std::make_pair(w, h));
+        SDL_ShowWindow(window_);
+        SDL_RaiseWindow(window_);
+        shown_ = true;
+        fadeFrom_ = fadeValue(queue_->now());
+        fadeTo_ = 1;
+        fadeStart_ = queue_->now() - (animated ? 0 : fadeSeconds);
+        setNeedsDisplay();
+        updatePolling();
+    }
+    queue_->asyncAfter(duration, [completion = std::move(completion)] {
+        if (completion) completion();
+    });
+}
+
+void WindowPresenter::dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
+                              std::function<void()> completion) {
+    double duration = animated ? fadeSeconds : 0;
+    if (window_ && shown_) {
+        fadeFrom_ = fadeValue(queue_->now());
+        fadeTo_ = 0;
+        fadeStart_ = queue_->now() - (animated ? 0 : fadeSeconds);
+        setNeedsDisplay();
+    }
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    const uint64_t presentation = presentations_;
+    queue_->asyncAfter(duration, [weak, screen, presentation, completion = std::move(completion)] {
+        if (auto self = weak.lock()) {
+            // A presentation that came in meanwhile keeps the window up.
+            if (self->presentations_ == presentation) {
+                if (self->window_) SDL_HideWindow(self->window_);
+                self->shown_ = false;
+                if (self->screen_ == screen) self->screen_.reset();
+                if (self->renderer_) {
+                    SDL_GL_MakeCurrent(self->window_, self->glContext_);
+                    self->renderer_->collect();
+                }
+                self->updatePolling();
+            }
+        }
+        if (completion) completion();
+    });
+}
+
+void WindowPresenter::setNeedsDisplay() {
+    dirty_ = true;
+    if (window_ && shown_) scheduleFrame();
+}
+
+void WindowPresenter::scheduleFrame() {
+    if (frameScheduled_) return;
+    frameScheduled_ = true;
+    double wait = lastFrame_ < 0 ? 0 : lastFrame_ + activeFrameInterval - queue_->now();
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    queue_->asyncAfter(std::max(0.0, wait), [weak] {
+        auto self = weak.lock();
+        if (!self) return;
+        self->frameScheduled_ = false;
+        if (self->dirty_ && self->shown_) self->renderFrame();
+    });
+}
+
+void WindowPresenter::updatePolling() {
+    if (!window_) return;
+    // Input is looked for often while the screen is up, rarely while hidden.
+    double interval = shown_ ? idlePollInterval : 0.25;
+    if (interval == pollInterval_) return;
+    pollInterval_ = interval;
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    queue_->setIdleHook(
+        [weak] {
+            if (auto self = weak.lock()) self->pump();
+        },
+        interval);
+}
+
+void WindowPresenter::pump() {
+    if (!window_) return;
+    ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
+    SDL_Event event;
+    while (SDL_PollEvent(&event)) handleEvent(event);
+}
+
+void WindowPresenter::handleEvent(const SDL_Event& e) {
+    ImGui_ImplSDL2_ProcessEvent(&e);
+    auto input = [this] {
+        // A quick click is down and up within one poll: two frames see both.
+        extraFrames_ = std::max(extraFrames_, 2);
+        setNeedsDisplay();
+    };
+    switch (e.type) {
+        case SDL_MOUSEMOTION:
+            if (e.motion.state != 0) input();
+            break;
+        case SDL_MOUSEBUTTONDOWN:
+        case SDL_MOUSEBUTTONUP:
+        case SDL_MOUSEWHEEL:
+        case SDL_FINGERDOWN:
+        case SDL_FINGERUP:
+        case SDL_FINGERMOTION:
+            input();
+            break;
+        case SDL_KEYDOWN: {
+            if (!screen_ || !shown_ || e.key.repeat) break;
+            std::optional<VideoPlayerView::Key> key;
+            switch (e.key.keysym.sym) {
+                case SDLK_SPACE:
+                    key = VideoPlayerView::Key::space;
+                    break;
+                case SDLK_LEFT:
+                    key = VideoPlayerView::Key::left;
+                    break;
+                case SDLK_RIGHT:
+                    key = VideoPlayerView::Key::right;
+                    break;
+                case SDLK_ESCAPE:
+                    key = VideoPlayerView::Key::escape;
+                    break;
+                default:
+                    break;
+            }
+            if (key) {
+                auto screen = screen_;  // the action may dismiss it
+                screen->view.handleKey(*key);
+            }
+            input();
+            break;
+        }
+        case SDL_WINDOWEVENT:
+            if (e.window.event == SDL_WINDOWEVENT_SIZE_CHANGED && screen_)
+                screen_->orientation->updateOrientation(
+                    std::make_pair(e.window.data1, e.window.data2));
+            if (e.window.event == SDL_WINDOWEVENT_FOCUS_GAINED && screen_ && shown_) {
+                auto screen = screen_;
+                screen->view.applicationDidBecomeActive();
+            }
+            if (e.window.event == SDL_WINDOWEVENT_CLOSE && screen_ && shown_) {
+                auto screen = screen_;
+                screen->player->backToHome();
+            }
+            setNeedsDisplay();
+            break;
+        case SDL_QUIT:
+            if (screen_ && shown_) {
+                auto screen = screen_;
+                screen->player->backToHome();
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+void WindowPresenter::renderNow() {
+    if (!window_) return;
+    renderFrame();
+}
+
+WindowPresenter::Capture WindowPresenter::capture() {
+    Capture out;
+    if (window_) renderFrame(&out);
+    return out;
+}
+
+void WindowPresenter::renderFrame(Capture* capture) {
+    dirty_ = false;
+    ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
+    SDL_GL_MakeCurrent(window_, glContext_);
+    if (renderer_) renderer_->collect();
+
+    ImGui_ImplOpenGL3_NewFrame();
+    ImGui_ImplSDL2_NewFrame();
+    ImGui::NewFrame();
+    const double now = queue_->now();
+    ImGuiIO& io = ImGui::GetIO();
+    Rect full{0, 0, io.DisplaySize.x, io.DisplaySize.y};
+    Frame frame(ImGui::GetBackgroundDrawList(), now);
+    if (screen_) {
+        auto screen = screen_;  // an action of this frame may dismiss it
+        screen->view.draw(frame, full);
+    }
+    float fade = fadeValue(now);
+    if (fade < 1) frame.fill(full, Color::black(1 - fade));
+    ImGui::Render();
+
+    int fbw = 0, fbh = 0;
+    SDL_GL_GetDrawableSize(window_, &fbw, &fbh);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    glViewport(0, 0, fbw, fbh);
+    glClearColor(0, 0, 0, 1);
+    glClear(GL_COLOR_BUFFER_BIT);
+    ImGui_ImplOpenGL3_RenderDrawData(ImGui::GetDrawData());
+    if (capture) {
+        capture->width = fbw;
+        capture->height = fbh;
+        std::vector<uint8_t> flipped(static_cast<size_t>(fbw) * fbh * 4);
+        glPixelStorei(GL_PACK_ALIGNMENT, 1);
+        glReadPixels(0, 0, fbw, fbh, GL_RGBA, GL_UNSIGNED_BYTE, flipped.data());
+        capture->rgba.resize(flipped.size());
+        const size_t row = static_cast<size_t>(fbw) * 4;
+        for (int y = 0; y < fbh; ++y)
+            std::memcpy(capture->rgba.data() + row * y, flipped.data() + row * (fbh - 1 - y), row);
+    }
+    SDL_GL_SwapWindow(window_);
+    ++frames_;
+    lastFrame_ = now;
+
+    bool fading = now < fadeStart_ + fadeSeconds;
+    bool more = frame.needsAnotherFrame() || fading || extraFrames_ > 0;
+    if (extraFrames_ > 0) --extraFrames_;
+    if (more) {
+        dirty_ = true;
+        scheduleFrame();
+    }
+}
+
+}  // namespace kavelin

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "Kavelin/Platform/MediaPlayer.h"
+#include "Kavelin/Platform/ScreenPresenter.h"
+#include "Kavelin/Platform/ThreadMainQueue.h"
+
+struct SDL_Window;
+union SDL_Event;
+
+namespace kavelin {
+
+class MpvVideoRenderer;
+class ScreenHostingController;
+
+// The player screen in a borderless full-screen SDL2 window with an OpenGL 3
+// context: libmpv draws the video, Dear ImGui the overlay. Everything (window
+// events, rendering, completions) runs on the library's main-queue thread. It
+// draws only when something changed: a controller published, an animation runs,
+// input arrived or mpv has a new picture.
+class WindowPresenter final : public ScreenPresenter,
+                              public std::enable_shared_from_this<WindowPresenter> {
+  public:
+    static constexpr double fadeSeconds = 0.35;
+    static constexpr double activeFrameInterval = 1.0 / 60;
+    // How often input is looked for while nothing changes on screen.
+    static constexpr double idlePollInterval = 1.0 / 20;
+
+    explicit WindowPresenter(std::shared_ptr<ThreadMainQueue> queue);
+    ~WindowPresenter() override;
+
+    // A display is there and not switched off with KAVELIN_HEADLESS=1.
+    static bool displayAvailable();
+
+    std::shared_ptr<HostingController> makeHostingController(
+        const std::shared_ptr<PlayerController>& player,
+        const std::shared_ptr<PlaylistController>& playlist) override;
+    bool hasTopMostViewController() const override;
+    void present(const std::shared_ptr<HostingController>& screen, bool animated,
+                 std::function<void()> completion) override;
+    void dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
+                 std::function<void()> completion) override;
+
+    // Wraps the platform's player factory so every new libmpv player gets its
+    // render context before its first item opens.
+    std::shared_ptr<MediaPlayerFactory> wrapFactory(std::shared_ptr<MediaPlayerFactory> inner);
+
+    // --- for tests and benchmarks; main queue only ---
+    struct Capture {
+        int width = 0;
+        int height = 0;
+        std::vector<uint8_t> rgba;  // top row first
+    };
+    // Draws a frame now and reads it back.
+    Capture capture();
+    // Draws a frame now, as if something had changed.
+    void renderNow();
+    uint64_t framesRendered() const { return frames_; }
+    bool isShown() const { return shown_; }
+    SDL_Window* window() const { return window_; }
+
+    // Anything that changes what is on screen asks for a frame here.
+    void setNeedsDisplay();
+
+  private:
+    bool ensureWindow();
+    void destroyWindow();
+    void pump();
+    void handleEvent(const SDL_Event& event);
+    void renderFrame(Capture* capture = nullptr);
+    void scheduleFrame();
+    void updatePolling();
+    float fadeValue(double now) const;
+
+    std::shared_ptr<ThreadMainQueue> queue_;
+    SDL_Window* window_ = nullptr;
+    void* glContext_ = nullptr;
+    void* imgui_ = nullptr;  // ImGuiContext
+    bool windowFailed_ = false;
+    std::shared_ptr<MpvVideoRenderer> renderer_;
+    uint64_t presentations_ = 0;
+
+    std::shared_ptr<ScreenHostingController> screen_;
+    bool shown_ = false;
+    // Fade from `fadeFrom` to `fadeTo` starting at `fadeStart`.
+    float fadeFrom_ = 0, fadeTo_ = 0;
+    double fadeStart_ = 0;
+    bool dirty_ = false;
+    bool frameScheduled_ = false;
+    int extraFrames_ = 0;
+    double lastFrame_ = -1;
+    uint64_t frames_ = 0;
+    double pollInterval_ = 0;
+};
+
+}  // namespace kavelin

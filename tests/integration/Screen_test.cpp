@@ -1,0 +1,208 @@
+// The player screen in a real window under Xvfb: a generated clip plays through
+// libmpv's render API, and the pixels read back show the video, the controls and
+// the rail where the layout puts them. The screenshot is kept in the build dir.
+#include <SDL.h>
+#include <SDL_image.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "Kavelin/Platform/Platform.h"
+#include "Kavelin/Platform/WindowPresenter.h"
+#include "Kavelin/VideoPlayerBridgging.h"
+#include "Kavelin/VideoPlayerService.h"
+#include "Kavelin/views/VideoPlayerView.h"
+
+extern char** environ;
+
+namespace kavelin {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Starts a private X server when the test has no display of its own.
+class XvfbEnvironment : public ::testing::Environment {
+  public:
+    void SetUp() override {
+        unsetenv("KAVELIN_HEADLESS");
+        setenv("KAVELIN_WINDOW_SIZE", "1280x720", 1);
+        const char* display = std::getenv("DISPLAY");
+        if (display && *display) return;
+        const std::string number = std::to_string(90 + getpid() % 9);
+        const std::string name = ":" + number;
+        std::string arg0 = "Xvfb";
+        std::string screen = "0";
+        std::string geometry = "1280x720x24";
+        std::string nolisten = "-nolisten";
+        std::string tcp = "tcp";
+        char* argv[] = {arg0.data(),
+                        const_cast<char*>(name.c_str()),
+                        const_cast<char*>("-screen"),
+                        screen.data(),
+                        geometry.data(),
+                        nolisten.data(),
+                        tcp.data(),
+                        nullptr};
+        ASSERT_EQ(posix_spawnp(&pid_, "Xvfb", nullptr, nullptr, argv, environ), 0);
+        const fs::path socket = "/tmp/.X11-unix/X" + number;
+        for (int i = 0; i < 100 && !fs::exists(socket); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        ASSERT_TRUE(fs::exists(socket)) << "Xvfb did not start";
+        setenv("DISPLAY", name.c_str(), 1);
+    }
+    void TearDown() override {
+        Platform::shutdown();
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+
+  private:
+    pid_t pid_ = 0;
+};
+
+const auto* const gXvfb = ::testing::AddGlobalTestEnvironment(new XvfbEnvironment);
+
+// Runs `probe` on the main queue until it holds, for at most `seconds` of real
+// playback time (libmpv runs on its own clock, so there is no virtual time here).
+bool waitFor(const std::function<bool()>& probe, double seconds) {
+    auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < until) {
+        bool ok = false;
+        mainQueue().sync([&] { ok = probe(); });
+        if (ok) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+struct Pixel {
+    int r, g, b;
+};
+
+Pixel at(const WindowPresenter::Capture& c, float x, float y) {
+    int px = std::clamp(static_cast<int>(x), 0, c.width - 1);
+    int py = std::clamp(static_cast<int>(y), 0, c.height - 1);
+    const uint8_t* p = &c.rgba[(static_cast<size_t>(py) * c.width + px) * 4];
+    return {p[0], p[1], p[2]};
+}
+
+bool isRed(Pixel p) {
+    return p.r > 150 && p.g < 90 && p.b < 90;
+}
+bool isBlack(Pixel p) {
+    return p.r < 20 && p.g < 20 && p.b < 20;
+}
+bool isWhite(Pixel p) {
+    return p.r > 200 && p.g > 200 && p.b > 200;
+}
+
+// Share of pixels in `r` that satisfy `test`.
+double share(const WindowPresenter::Capture& c, const Rect& r, bool (*test)(Pixel)) {
+    int hits = 0, total = 0;
+    for (float y = r.y; y < r.bottom(); y += 2)
+        for (float x = r.x; x < r.right(); x += 2) {
+            ++total;
+            if (test(at(c, x, y))) ++hits;
+        }
+    return total ? static_cast<double>(hits) / total : 0;
+}
+
+void savePng(const WindowPresenter::Capture& c, const fs::path& path) {
+    SDL_Surface* surface =
+        SDL_CreateRGBSurfaceWithFormatFrom(const_cast<uint8_t*>(c.rgba.data()), c.width, c.height,
+                                           32, c.width * 4, SDL_PIXELFORMAT_ABGR8888);
+    ASSERT_NE(surface, nullptr);
+    EXPECT_EQ(IMG_SavePNG(surface, path.c_str()), 0);
+    SDL_FreeSurface(surface);
+}
+
+TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
+    const fs::path dir = fs::temp_directory_path() / ("kavelin-screen-" + std::to_string(getpid()));
+    fs::create_directories(dir);
+    const std::string clip = (dir / "red.mp4").string();
+    ASSERT_EQ(std::system(("ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi -i "
+                           "color=c=0xD02020:size=640x360:rate=25:duration=30 -c:v libx264 "
+                           "-preset ultrafast -pix_fmt yuv420p '" +
+                           clip + "'")
+                              .c_str()),
+              0);
+
+    const std::string thumbs =
+        std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/Thumbnails/";
+    std::shared_ptr<VideoPlayerService> service;
+    std::shared_ptr<WindowPresenter> window;
+    mainQueue().sync([&] {
+        window = std::dynamic_pointer_cast<WindowPresenter>(Platform::current().presenter);
+        subscriptionStatus() = SubscriptionStatus::free;
+        std::vector<Video> videos;
+        for (int i = 1; i <= 4; ++i)
+            videos.emplace_back("v" + std::to_string(i), "file://" + clip,
+                                "Red clip number " + std::to_string(i), "pl-1",
+                                thumbs + "sample-1-0" + std::to_string(i) + ".svg");
+        playlists() = {
+            Playlist("pl-1", "Red", thumbs + "playlist-1.svg", std::nullopt, videos),
+            Playlist("pl-2", "Colours", thumbs + "playlist-2.svg", std::nullopt, videos)};
+        service = std::make_shared<VideoPlayerService>(Platform::current());
+        currentVideoPlayerService() = service;
+        service->playPlaylist("pl-1");
+    });
+    ASSERT_NE(window, nullptr) << "the real platform did not choose the window presenter";
+    auto pc = service->playerController;
+
+    ASSERT_TRUE(waitFor([&] { return pc->isPlaying && !pc->showLoading && pc->showPlaylist; }, 20));
+    // Let the rail slide in and the thumbnails arrive.
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+
+    WindowPresenter::Capture shot;
+    VideoPlayerView::Layout layout;
+    mainQueue().sync([&] {
+        shot = window->capture();
+        auto state = VideoPlayerView::State::read(*pc, false, true);
+        layout = VideoPlayerView::layout(state, {0, 0, 1280, 720}, 1);
+    });
+    ASSERT_EQ(shot.width, 1280);
+    ASSERT_EQ(shot.height, 720);
+    const fs::path png = fs::path(KAVELIN_BUILD_DIR) / "screen-test.png";
+    savePng(shot, png);
+    RecordProperty("screenshot", png.string());
+
+    // Video: letter-boxed red picture with black bars at the sides.
+    Rect video = aspectFitRect(640, 360, layout.videoArea);
+    EXPECT_FLOAT_EQ(layout.rail.h, 176);
+    EXPECT_GT(share(shot, {video.x + 8, video.y + 110, 60, 80}, isRed), 0.95);
+    EXPECT_GT(share(shot, {4, video.midY(), video.x - 8, 40}, isBlack), 0.95);
+
+    // Controls: the back button over the left bar, the white play/pause disc in
+    // the centre row, the time label's light backing.
+    EXPECT_GT(1 - share(shot, layout.back.inset(8), isBlack), 0.5);
+    EXPECT_GT(share(shot, layout.centre[2].inset(4), isWhite), 0.3);
+    EXPECT_GT(share(shot, layout.timeBackground.inset(10), isWhite), 0.3);
+
+    // Rail: black strip with the first card's white border and its thumbnail.
+    const float cardTop = layout.rail.y + PlaylistBottomView::UI::phoneLandscapeSpacing * 2;
+    EXPECT_TRUE(isWhite(at(shot, 16 + 1.5f, cardTop + 55)));
+    EXPECT_LT(share(shot, {30, cardTop + 20, 120, 70}, isBlack), 0.5);
+    EXPECT_GT(share(shot, {0, layout.rail.y + 2, 1280, 8}, isBlack), 0.95);
+
+    // Back closes the window.
+    mainQueue().sync([&] { pc->backToHome(); });
+    EXPECT_TRUE(waitFor([&] { return !window->isShown(); }, 5));
+    mainQueue().sync([&] {
+        currentVideoPlayerService().reset();
+        service.reset();
+    });
+    fs::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace kavelin
