@@ -1,0 +1,197 @@
+// Thumbnail loading against a local HTTP server: what counts as a picture, what
+// the memory cache saves, and that failures end quietly in the placeholder.
+#include "Kavelin/views/ImageCache.h"
+
+#include <SDL.h>
+#include <SDL_image.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "Kavelin/Platform/Platform.h"
+#include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/views/CachedAsyncImage.h"
+#include "support/LocalHttpServer.h"
+#include "support/VirtualPlatform.h"
+
+namespace kavelin {
+namespace {
+
+using test::LocalHttpServer;
+
+std::string pngBytes(int w, int h) {
+    SDL_Surface* s = SDL_CreateRGBSurfaceWithFormat(0, w, h, 32, SDL_PIXELFORMAT_ABGR8888);
+    SDL_FillRect(s, nullptr, SDL_MapRGB(s->format, 200, 30, 30));
+    std::string buffer(64 * 1024, '\0');
+    SDL_RWops* rw = SDL_RWFromMem(buffer.data(), static_cast<int>(buffer.size()));
+    IMG_SavePNG_RW(s, rw, 0);
+    buffer.resize(static_cast<size_t>(SDL_RWtell(rw)));
+    SDL_RWclose(rw);
+    SDL_FreeSurface(s);
+    return buffer;
+}
+
+class ImageCacheTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        // Fetches finish on worker threads and hop onto a real main queue.
+        Platform p;
+        p.queue = queue;
+        Platform::install(p);
+        ImageCache::shared().removeAll();
+        ImageLoader::setTimeoutForTesting(ImageLoader::timeoutSeconds);
+        server.setResponse("/thumb.png", {200, pngBytes(8, 6), "image/png"});
+    }
+    void TearDown() override {
+        queue->sync([&] { views.clear(); });
+        queue->shutdown();
+        ImageLoader::setTimeoutForTesting(ImageLoader::timeoutSeconds);
+    }
+
+    // Shows a view for `url` (its first frame starts the load) and waits until
+    // its fetch, if any, has finished.
+    CachedAsyncImage& show(const std::string& url) {
+        CachedAsyncImage* view = nullptr;
+        queue->sync([&] {
+            views.push_back(std::make_unique<CachedAsyncImage>(url));
+            view = views.back().get();
+            drawOnce(*view);
+        });
+        waitUntilLoaded(*view);
+        return *view;
+    }
+
+    void waitUntilLoaded(const CachedAsyncImage& view) {
+        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        bool loading = true;
+        while (loading && std::chrono::steady_clock::now() < until) {
+            queue->sync([&] { loading = view.isLoading(); });
+            if (loading) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ASSERT_FALSE(loading);
+    }
+
+    // One headless ImGui frame drawing `view` (on the main queue).
+    void drawOnce(CachedAsyncImage& view) {
+        ImGuiContext* context = ImGui::CreateContext();
+        ImGuiIO& io = ImGui::GetIO();
+        io.DisplaySize = {200, 200};
+        io.IniFilename = nullptr;
+        io.Fonts->Build();
+        ImGui::NewFrame();
+        Frame frame(ImGui::GetBackgroundDrawList(), queue->now(), &trace);
+        view.draw(frame, {10, 10, 180, 130});
+        ImGui::Render();
+        ImGui::DestroyContext(context);
+    }
+
+    DrawTrace trace;
+    std::shared_ptr<ThreadMainQueue> queue = std::make_shared<ThreadMainQueue>();
+    LocalHttpServer server;
+    testing::LogCapture logs;
+    std::vector<std::unique_ptr<CachedAsyncImage>> views;
+};
+
+TEST_F(ImageCacheTest, FetchedPictureIsCachedAndServedFromMemoryAfterwards) {
+    const std::string url = server.url("/thumb.png");
+    auto& first = show(url);
+    ASSERT_NE(first.image(), nullptr);
+    EXPECT_FALSE(first.hasError());
+    EXPECT_EQ(first.image()->width, 8);
+    EXPECT_EQ(first.image()->height, 6);
+    EXPECT_EQ(ImageCache::shared().image(url), first.image());
+
+    // A later view shows it at once, without a spinner or a request.
+    bool loadingRightAway = true;
+    std::shared_ptr<const Image> second;
+    queue->sync([&] {
+        views.push_back(std::make_unique<CachedAsyncImage>(url));
+        views.back()->loadImage();
+        loadingRightAway = views.back()->isLoading();
+        second = views.back()->image();
+    });
+    EXPECT_FALSE(loadingRightAway);
+    EXPECT_EQ(second, first.image());
+    EXPECT_EQ(server.requestCount("/thumb.png"), 1u);
+
+    // The key is the address as written: another spelling is another fetch.
+    show(url + "?");
+    EXPECT_EQ(server.requestCount("/thumb.png"), 2u);
+}
+
+TEST_F(ImageCacheTest, EveryFailureEndsInThePlaceholderWithoutRetryOrLog) {
+    server.setResponse("/missing.png", {404, "not found"});
+    server.setResponse("/broken.png", {500, "oops"});
+    server.setResponse("/empty.png", {204, ""});
+    server.setResponse("/garbage.png", {200, "definitely not a picture", "image/png"});
+    server.setResponse("/slow.png", {200, pngBytes(4, 4), "image/png", 3.0});
+    ImageLoader::setTimeoutForTesting(0.5);
+
+    for (const char* path :
+         {"/missing.png", "/broken.png", "/empty.png", "/garbage.png", "/slow.png"}) {
+        SCOPED_TRACE(path);
+        trace.items.clear();
+        auto& view = show(server.url(path));
+        EXPECT_TRUE(view.hasError());
+        EXPECT_EQ(view.image(), nullptr);
+        EXPECT_EQ(ImageCache::shared().image(server.url(path)), nullptr);
+        EXPECT_EQ(server.requestCount(path), 1u);
+        // Later frames keep drawing the placeholder and ask nothing more.
+        queue->sync([&] {
+            for (int i = 0; i < 3; ++i) drawOnce(view);
+        });
+        EXPECT_EQ(server.requestCount(path), 1u);
+        EXPECT_EQ(trace.count(DrawTrace::Kind::image, "photo"), 3u);
+    }
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(ImageCacheTest, MalformedAddressesFailAtOnceWithoutARequest) {
+    for (std::string url :
+         {std::string(""), std::string("not a url"), std::string("http://"),
+          std::string("ftp://127.0.0.1/x.png"), server.url("/thumb.png").replace(7, 0, " ")}) {
+        SCOPED_TRACE(url);
+        bool error = false, loading = true;
+        queue->sync([&] {
+            CachedAsyncImage view(url);
+            view.loadImage();
+            error = view.hasError();
+            loading = view.isLoading();
+        });
+        EXPECT_TRUE(error);
+        EXPECT_FALSE(loading);
+    }
+    EXPECT_EQ(server.totalRequests(), 0u);
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+TEST_F(ImageCacheTest, TwoViewsAppearingTogetherBothFetch) {
+    const std::string url = server.url("/thumb.png");
+    CachedAsyncImage *a = nullptr, *b = nullptr;
+    queue->sync([&] {
+        views.push_back(std::make_unique<CachedAsyncImage>(url));
+        views.push_back(std::make_unique<CachedAsyncImage>(url));
+        a = views[0].get();
+        b = views[1].get();
+        a->loadImage();
+        b->loadImage();
+    });
+    waitUntilLoaded(*a);
+    waitUntilLoaded(*b);
+    EXPECT_NE(a->image(), nullptr);
+    EXPECT_NE(b->image(), nullptr);
+    EXPECT_EQ(server.requestCount("/thumb.png"), 2u);
+}
+
+TEST_F(ImageCacheTest, SampleThumbnailsLoadFromFileAddresses) {
+    auto& view =
+        show(std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/Thumbnails/playlist-1.svg");
+    ASSERT_NE(view.image(), nullptr);
+    EXPECT_GT(view.image()->width, 100);
+    auto& missing = show(std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/none.svg");
+    EXPECT_TRUE(missing.hasError());
+}
+
+}  // namespace
+}  // namespace kavelin
