@@ -83,7 +83,13 @@ std::optional<Image> decodeImage(std::string_view bytes, int svgWidth, int svgHe
         surface = IMG_Load_RW(rw, 0);
     }
     SDL_RWclose(rw);
-    return fromSurface(surface);
+    auto image = fromSurface(surface);
+    // SDL_image keeps the drawing's proportions; artwork is stretched to the
+    // frame it is asked for, as a resizable image would be.
+    if (image && svgWidth > 0 && svgHeight > 0 &&
+        (image->width != svgWidth || image->height != svgHeight))
+        image = image->resized(svgWidth, svgHeight);
+    return image;
 }
 
 std::string resourcesDirectory() {

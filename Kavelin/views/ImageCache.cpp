@@ -1,5 +1,6 @@
 #include "Kavelin/views/ImageCache.h"
 
+#include <SDL_image.h>
 #include <curl/curl.h>
 
 #include <atomic>
@@ -56,6 +57,8 @@ class WorkerPool {
   private:
     explicit WorkerPool(int count) {
         curl_global_init(CURL_GLOBAL_DEFAULT);
+        // Decoder libraries load on first use; do it once, before two workers race.
+        IMG_Init(IMG_INIT_PNG | IMG_INIT_JPG | IMG_INIT_WEBP);
         for (int i = 0; i < count; ++i) std::thread([this] { run(); }).detach();
     }
     void run() {
@@ -84,12 +87,9 @@ bool startsWith(const std::string& s, std::string_view prefix) {
     return s.compare(0, prefix.size(), prefix) == 0;
 }
 
-// Thumbnails that are SVG files are rasterised at a card's size.
-constexpr int kSvgWidth = 600;
-constexpr int kSvgHeight = 400;
-
+// SVG thumbnails are rasterised at their own size, keeping their proportions.
 std::shared_ptr<const Image> decodeShared(const std::string& body) {
-    auto image = decodeImage(body, kSvgWidth, kSvgHeight);
+    auto image = decodeImage(body);
     if (!image) return nullptr;
     return std::make_shared<const Image>(std::move(*image));
 }

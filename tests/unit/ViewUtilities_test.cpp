@@ -1,0 +1,263 @@
+// The small building blocks of the screen: shapes, stacks, animation curves,
+// image resizing, colours, orientation, text fitting, the slider and loaders.
+#include "Kavelin/Extentions/ViewUtilities.h"
+
+#include <gtest/gtest.h>
+#include <imgui.h>
+
+#include <set>
+
+#include "Kavelin/Extentions/Color+Ext.h"
+#include "Kavelin/Extentions/UIImage+Ext.h"
+#include "Kavelin/views/Loaders.h"
+#include "Kavelin/views/OrientationObserver.h"
+#include "Kavelin/views/SwiftUISlider.h"
+#include "Kavelin/views/VideoSurfaces.h"
+
+namespace kavelin {
+namespace {
+
+// A headless ImGui context for views that read the pointer.
+class Headless {
+  public:
+    Headless() {
+        context_ = ImGui::CreateContext();
+        ImGuiIO& io = ImGui::GetIO();
+        io.IniFilename = nullptr;
+        io.DisplaySize = {800, 400};
+        Font::install(io);
+        io.Fonts->Build();
+    }
+    ~Headless() { ImGui::DestroyContext(context_); }
+    template <typename Draw>
+    void frame(ImVec2 mouse, bool down, double now, Draw draw) {
+        ImGuiIO& io = ImGui::GetIO();
+        io.MousePos = mouse;
+        io.MouseDown[0] = down;
+        io.DeltaTime = 1.0f / 60;
+        ImGui::NewFrame();
+        Frame f(ImGui::GetBackgroundDrawList(), now, &trace);
+        draw(f);
+        ImGui::Render();
+    }
+    DrawTrace trace;
+
+  private:
+    ImGuiContext* context_;
+};
+
+TEST(RoundedCorner, RoundsOnlyTheListedCorners) {
+    EXPECT_EQ(cornerRadius(10, bottomLeft | bottomRight).drawFlags(),
+              ImDrawFlags_RoundCornersBottomLeft | ImDrawFlags_RoundCornersBottomRight);
+    EXPECT_EQ(cornerRadius(10).drawFlags(), ImDrawFlags_RoundCornersAll);
+    EXPECT_EQ(cornerRadius(0, topLeft).drawFlags(), ImDrawFlags_RoundCornersNone);
+}
+
+TEST(Stacks, HiddenItemsTakeNoRoomAndTheRestStaysCentred) {
+    Rect bounds{0, 0, 400, 100};
+    auto all = hstackCentred(bounds, {50, 50, 50}, {false, false, false}, 50, 20);
+    EXPECT_FLOAT_EQ(all[0].x, 200 - 95);
+    auto some = hstackCentred(bounds, {50, 50, 50}, {false, true, false}, 50, 20);
+    EXPECT_TRUE(some[1].empty());
+    EXPECT_FLOAT_EQ(some[2].x - some[0].right(), 20);
+    EXPECT_FLOAT_EQ((some[0].x + some[2].right()) / 2, 200);
+    EXPECT_FLOAT_EQ(some[0].y, 25);
+    auto none = hstackCentred(bounds, {50}, {true}, 50, 20);
+    EXPECT_TRUE(none[0].empty());
+}
+
+TEST(Animation, EasesAndRetargetsFromWhereItIs) {
+    AnimatedValue v(0);
+    v.animateTo(1, 10, 1);
+    EXPECT_FLOAT_EQ(v.value(10), 0);
+    EXPECT_FLOAT_EQ(v.value(10.5), 0.5f);
+    EXPECT_LT(v.value(10.25), 0.25f);  // slow start
+    EXPECT_TRUE(v.isAnimating(10.9));
+    EXPECT_FLOAT_EQ(v.value(11), 1);
+    EXPECT_FALSE(v.isAnimating(11));
+    v.animateTo(0, 11.5, 1);
+    v.animateTo(1, 12, 1);  // turned around half way
+    EXPECT_FLOAT_EQ(v.value(12), 0.5f);
+}
+
+TEST(HiddenViewModifier, RemovesAtOnceAndFadesBackInOverAQuarterSecond) {
+    AnimatedValue fade(1);
+    EXPECT_EQ(isHidden(true).opacity(fade, 0), 0);
+    EXPECT_FLOAT_EQ(isHidden(false).opacity(fade, 1), 0);
+    EXPECT_FLOAT_EQ(isHidden(false).opacity(fade, 1.125), 0.5f);
+    EXPECT_FLOAT_EQ(isHidden(false).opacity(fade, 1.25), 1);
+    EXPECT_FALSE(isDisabled(true).reactsToTouches());
+    EXPECT_TRUE(isDisabled(false).reactsToTouches());
+}
+
+TEST(VideoGeometry, FitLetterBoxesAndFillCrops) {
+    Rect fit = aspectFitRect(640, 360, {0, 0, 1280, 544});
+    EXPECT_FLOAT_EQ(fit.h, 544);
+    EXPECT_NEAR(fit.w, 967.1f, 0.1f);
+    EXPECT_NEAR(fit.x, (1280 - fit.w) / 2, 0.01f);
+    Rect tall = aspectFitRect(640, 360, {0, 0, 390, 844});
+    EXPECT_FLOAT_EQ(tall.w, 390);
+    EXPECT_NEAR(tall.y, (844 - tall.h) / 2, 0.01f);
+    EXPECT_EQ(aspectFitRect(0, 0, {1, 2, 3, 4}), (Rect{1, 2, 3, 4}));
+
+    UVRect uv = aspectFillUV(1600, 900, 900, 900);  // square window on wide video
+    EXPECT_NEAR(uv.uv0.x, (1 - 900.0f / 1600) / 2, 1e-5);
+    EXPECT_FLOAT_EQ(uv.uv0.y, 0);
+    EXPECT_FLOAT_EQ(uv.uv1.y, 1);
+}
+
+TEST(ImageResize, StretchesToExactlyTheRequestedSize) {
+    Image img;
+    img.width = 2;
+    img.height = 1;
+    img.rgba = {255, 0, 0, 255, 0, 0, 255, 255};
+    Image big = img.resized(8, 3);
+    ASSERT_EQ(big.width, 8);
+    ASSERT_EQ(big.height, 3);
+    ASSERT_EQ(big.rgba.size(), 8u * 3 * 4);
+    EXPECT_EQ(big.rgba[0], 255);            // left stays red
+    EXPECT_EQ(big.rgba[(7) * 4 + 2], 255);  // right stays blue
+    EXPECT_EQ(big.rgba[(7) * 4 + 0], 0);
+    EXPECT_TRUE(img.resized(0, 5).empty());
+}
+
+TEST(ImageDecoding, OnlyRealPicturesDecode) {
+    EXPECT_FALSE(decodeImage("").has_value());
+    EXPECT_FALSE(decodeImage("<html>nope</html>").has_value());
+    auto svg = decodeImage(
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"10\" height=\"10\"><rect width=\"10\" "
+        "height=\"10\" fill=\"#00ff00\"/></svg>",
+        40, 20);
+    ASSERT_TRUE(svg.has_value());
+    EXPECT_EQ(svg->width, 40);
+    EXPECT_EQ(svg->rgba[1], 255);
+    // Every artwork asset is there and rasterises at the size asked for.
+    for (const char* name : {"backbutton", "backword_10", "forward_10", "prev", "Play", "Pause",
+                             "zelkinLogo", "gray_back", "slider", "slider_thik", "Circle", "ad",
+                             "photo", "checkmark.circle.fill", "rocket.fill", "tortoise.fill"}) {
+        auto image = assetImage(name, 30, 20);
+        ASSERT_NE(image, nullptr) << name;
+        EXPECT_EQ(image->width, 30) << name;
+    }
+    EXPECT_EQ(assetImage("no-such-asset", 10, 10), nullptr);
+}
+
+TEST(ColorExt, RandomPicksOnlyTheFiveColoursAndAllOfThem) {
+    const std::set<uint32_t> allowed{Color::pink(), Color::blue(), Color::yellow(), Color::green(),
+                                     Color::orange()};
+    std::set<uint32_t> seen;
+    for (int i = 0; i < 500; ++i) {
+        uint32_t c = Color::random();
+        EXPECT_TRUE(allowed.contains(c));
+        seen.insert(c);
+    }
+    EXPECT_EQ(seen, allowed);
+    EXPECT_EQ(Color::withOpacity(Color::white(), 0.5f) >> 24, 128u);
+}
+
+TEST(Orientation, WindowShapeDecidesAndNoWindowKeepsTheLastValue) {
+    OrientationObserver o;
+    int changes = 0;
+    auto sub = o.onChange([&] { ++changes; });
+    EXPECT_FALSE(o.isLandscape());
+    o.updateOrientation(std::make_pair(1280, 720));
+    EXPECT_TRUE(o.isLandscape());
+    EXPECT_EQ(static_cast<int>(o.orientation.get()), 3);
+    o.updateOrientation(std::nullopt);
+    EXPECT_TRUE(o.isLandscape());
+    o.updateOrientation(std::make_pair(500, 500));
+    EXPECT_TRUE(isPortrait(o.orientation));
+    EXPECT_EQ(changes, 2);
+    EXPECT_FALSE(isLandscape(UIInterfaceOrientation::unknown));
+    EXPECT_FALSE(isPortrait(UIInterfaceOrientation::unknown));
+}
+
+TEST(TextFitting, LongTitlesWrapToTwoLinesAndEndInAnEllipsis) {
+    Headless h;
+    Font font = Font::poppinsMedium(20);
+    auto shortTitle = wrapText(font, "Red", 180, 2);
+    EXPECT_EQ(shortTitle, std::vector<std::string>{"Red"});
+    auto lines = wrapText(
+        font, "A very long title about a rocket that flies to the moon and back again", 180, 2);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(lines[1].ends_with("..."));
+    for (const auto& line : lines)
+        EXPECT_LE(font.font->CalcTextSizeA(font.size, FLT_MAX, 0, line.c_str()).x, 180);
+}
+
+TEST(Slider, WorksInHundredthsAndClampsToTheDuration) {
+    double value = 0;
+    SwiftUISlider::Binding binding{[&] { return value; }, [&](double v) { value = v; }};
+    SwiftUISlider unknown(binding, false, 0);
+    EXPECT_FLOAT_EQ(unknown.control().maximumValue, 1);
+    EXPECT_FLOAT_EQ(unknown.control().value, 0);
+    EXPECT_FLOAT_EQ(unknown.control().thumbSize, 30);
+    EXPECT_FLOAT_EQ(unknown.control().trackHeight, 6);
+
+    value = 95;
+    SwiftUISlider slider(binding, true, 60);
+    EXPECT_FLOAT_EQ(slider.control().maximumValue, 6000);
+    EXPECT_FLOAT_EQ(slider.control().value, 6000);  // thumb at the end
+    EXPECT_FLOAT_EQ(slider.control().thumbSize, 45);
+    Rect r{0, 0, 445, 45};
+    EXPECT_FLOAT_EQ(SwiftUISlider::thumbRect(slider.control(), r).right(), 445);
+}
+
+TEST(Slider, TapOnTheThumbReportsStartAndEndWithoutChangingTheValue) {
+    Headless h;
+    double value = 10;
+    int writes = 0;
+    std::vector<bool> editing;
+    SwiftUISlider::Binding binding{[&] { return value; },
+                                   [&](double v) {
+                                       value = v;
+                                       ++writes;
+                                   }};
+    auto onEditing = [&](bool e) { editing.push_back(e); };
+    SwiftUISlider slider(binding, false, 40, onEditing);
+    Rect r{100, 100, 430, 30};
+    ImVec2 thumb{SwiftUISlider::thumbRect(slider.control(), r).midX(), r.midY()};
+    h.frame(thumb, true, 0, [&](Frame& f) { slider.draw(f, r); });
+    EXPECT_TRUE(slider.coordinator().isDragging);
+    // Rotating mid-drag reconfigures the artwork; the clock does not move the thumb.
+    value = 30;
+    slider.updateUIView(binding, true, 40, onEditing);
+    EXPECT_FLOAT_EQ(slider.control().thumbSize, 45);
+    EXPECT_EQ(slider.control().configurations, 2);
+    EXPECT_FLOAT_EQ(slider.control().value, 1000);
+    value = 10;
+    h.frame(thumb, false, 0.1, [&](Frame& f) { slider.draw(f, r); });
+    EXPECT_EQ(editing, (std::vector<bool>{true, false}));
+    EXPECT_EQ(writes, 0);
+    EXPECT_FALSE(slider.coordinator().isDragging);
+    // A press on the track away from the thumb is not a drag.
+    h.frame({r.right() - 5, r.midY()}, true, 0.2, [&](Frame& f) { slider.draw(f, r); });
+    EXPECT_EQ(editing.size(), 2u);
+}
+
+TEST(Loaders, RocketSpinsAndPulsesFromItsAppearance) {
+    EXPECT_FLOAT_EQ(KidsRocketLoader::rotation(0), 0);
+    EXPECT_NEAR(KidsRocketLoader::rotation(0.6), 180, 1e-3);
+    EXPECT_NEAR(KidsRocketLoader::rotation(1.2 + 0.3), 90, 1e-3);  // repeats, never reverses
+    EXPECT_FLOAT_EQ(KidsRocketLoader::rocketScale(0), 1.0f);
+    EXPECT_NEAR(KidsRocketLoader::rocketScale(0.6), 1.2f, 1e-5);
+    EXPECT_NEAR(KidsRocketLoader::rocketScale(1.2), 1.0f, 1e-5);  // reverses
+    EXPECT_FLOAT_EQ(KidsJumpLoader::offset(0), 0);
+    EXPECT_LT(KidsJumpLoader::offset(0.4), -10);  // up by about 15 points
+
+    Headless h;
+    KidsRocketLoader first;
+    EXPECT_FALSE(first.rotate());
+    h.frame({0, 0}, false, 5, [&](Frame& f) { first.draw(f, {100, 100}); });
+    EXPECT_TRUE(first.rotate() && first.scale());
+    // A loader shown anew starts from its initial state.
+    KidsRocketLoader again;
+    h.trace.items.clear();
+    h.frame({0, 0}, false, 7.3, [&](Frame& f) { again.draw(f, {100, 100}); });
+    const auto* rocket = h.trace.find(DrawTrace::Kind::image, "rocket.fill");
+    ASSERT_NE(rocket, nullptr);
+    EXPECT_FLOAT_EQ(rocket->rect.w, KidsRocketLoader::UI::rocketSize);
+}
+
+}  // namespace
+}  // namespace kavelin
