@@ -7,87 +7,217 @@
 #include <mpv/client.h>
 #include <mpv/render_gl.h>
 
+#include <future>
+
 #include "Kavelin/Platform/MpvMediaPlayer.h"
 
 namespace kavelin {
 
 namespace {
-void* procAddress(void*, const char* name) {
-    return SDL_GL_GetProcAddress(name);
-}
+void* procAddress(void*, const char* name) { return SDL_GL_GetProcAddress(name); }
 
+// What mpv's update callback needs; lives as long as the render context.
 struct UpdateTarget {
-    std::shared_ptr<MainQueue> queue;
-    std::weak_ptr<bool> alive;
-    std::function<void()> onNewFrame;
+    std::mutex* mutex;
+    std::condition_variable* wake;
+    bool* pending;
 };
 }  // namespace
 
-MpvVideoRenderer::MpvVideoRenderer(std::shared_ptr<MainQueue> queue,
-                                   std::function<void()> onNewFrame)
-    : queue_(std::move(queue)), onNewFrame_(std::move(onNewFrame)) {}
+MpvVideoRenderer::MpvVideoRenderer(std::shared_ptr<MainQueue> queue, SDL_Window* window,
+                                   void* renderContext, std::function<void()> onNewFrame)
+    : queue_(std::move(queue)),
+      window_(window),
+      renderContext_(renderContext),
+      onNewFrame_(std::move(onNewFrame)) {
+    thread_ = std::thread([this] { run(); });
+}
 
 MpvVideoRenderer::~MpvVideoRenderer() {
     detachAll();
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    thread_.join();
+}
+
+void MpvVideoRenderer::run() {
+    SDL_GL_MakeCurrent(window_, static_cast<SDL_GLContext>(renderContext_));
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        wake_.wait(lock, [this] {
+            if (stopping_ || !tasks_.empty()) return true;
+            for (auto& weak : live_)
+                if (auto e = weak.lock(); e && (e->updatePending || e->redraw)) return true;
+            return false;
+        });
+        if (!tasks_.empty()) {
+            auto task = std::move(tasks_.front());
+            tasks_.pop_front();
+            lock.unlock();
+            task();
+            lock.lock();
+            continue;
+        }
+        if (stopping_) break;
+        std::erase_if(live_, [](const std::weak_ptr<Entry>& w) { return w.expired(); });
+        auto live = live_;
+        lock.unlock();
+        for (auto& weak : live)
+            if (auto e = weak.lock()) renderPending(*e);
+        lock.lock();
+    }
+    lock.unlock();
+    SDL_GL_MakeCurrent(window_, nullptr);
+}
+
+void MpvVideoRenderer::onRenderThread(std::function<void()> task) {
+    std::promise<void> done;
+    auto finished = done.get_future();
+    {
+        std::lock_guard lock(mutex_);
+        tasks_.push_back([&] {
+            task();
+            done.set_value();
+        });
+    }
+    wake_.notify_all();
+    finished.wait();
+}
+
+// Render thread. mpv asked for attention (or the frame size changed): let it
+// update, and draw a new picture into a slot the window is not drawing from.
+void MpvVideoRenderer::renderPending(Entry& e) {
+    int width, height, slotIndex = -1;
+    bool redraw;
+    {
+        std::lock_guard lock(mutex_);
+        e.updatePending = false;
+        redraw = e.redraw;
+        e.redraw = false;
+        width = e.targetWidth;
+        height = e.targetHeight;
+    }
+    if (!e.context) return;
+    uint64_t flags = mpv_render_context_update(e.context);
+    if (!(flags & MPV_RENDER_UPDATE_FRAME) && !redraw) return;
+    if (width <= 0 || height <= 0) return;
+    {
+        std::lock_guard lock(mutex_);
+        for (int i = 0; i < kSlots; ++i)
+            if (i != e.latest && i != e.inUse) {
+                slotIndex = i;
+                break;
+            }
+    }
+    Slot& s = e.slots[slotIndex];
+    if (!s.texture || s.width != width || s.height != height) {
+        if (!s.texture) glGenTextures(1, &s.texture);
+        if (!s.framebuffer) glGenFramebuffers(1, &s.framebuffer);
+        glBindTexture(GL_TEXTURE_2D, s.texture);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, width, height, 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                     nullptr);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+        glBindFramebuffer(GL_FRAMEBUFFER, s.framebuffer);
+        glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, s.texture, 0);
+        s.width = width;
+        s.height = height;
+    }
+    mpv_opengl_fbo fbo{static_cast<int>(s.framebuffer), width, height, 0};
+    int flip = 0;  // sampled top row first, as the overlay expects
+    mpv_render_param params[] = {
+        {MPV_RENDER_PARAM_OPENGL_FBO, &fbo},
+        {MPV_RENDER_PARAM_FLIP_Y, &flip},
+        {MPV_RENDER_PARAM_INVALID, nullptr},
+    };
+    mpv_render_context_render(e.context, params);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    // The window's context samples this texture next: it must be complete.
+    glFinish();
+    {
+        std::lock_guard lock(mutex_);
+        e.latest = slotIndex;
+    }
+    if (onNewFrame_) queue_->async(onNewFrame_);
 }
 
 bool MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player) {
     collect();
     auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get());
     if (!mpv || !mpv->handle()) return false;
-    mpv_opengl_init_params gl{procAddress, nullptr};
-    mpv_render_param params[] = {
-        {MPV_RENDER_PARAM_API_TYPE, const_cast<char*>(MPV_RENDER_API_TYPE_OPENGL)},
-        {MPV_RENDER_PARAM_OPENGL_INIT_PARAMS, &gl},
-        {MPV_RENDER_PARAM_INVALID, nullptr},
-    };
-    Entry entry;
-    if (mpv_render_context_create(&entry.context, mpv->handle(), params) < 0) {
+    auto entry = std::make_shared<Entry>();
+    entry->player = player;
+    mpv_handle* handle = mpv->handle();
+    onRenderThread([&] {
+        mpv_opengl_init_params gl{procAddress, nullptr};
+        mpv_render_param params[] = {
+            {MPV_RENDER_PARAM_API_TYPE, const_cast<char*>(MPV_RENDER_API_TYPE_OPENGL)},
+            {MPV_RENDER_PARAM_OPENGL_INIT_PARAMS, &gl},
+            {MPV_RENDER_PARAM_INVALID, nullptr},
+        };
+        if (mpv_render_context_create(&entry->context, handle, params) < 0) {
+            entry->context = nullptr;
+            return;
+        }
+        // Called from mpv's threads: only flag the work and wake the render thread.
+        auto* target = new UpdateTarget{&mutex_, &wake_, &entry->updatePending};
+        mpv_render_context_set_update_callback(
+            entry->context,
+            [](void* data) {
+                auto* t = static_cast<UpdateTarget*>(data);
+                {
+                    std::lock_guard lock(*t->mutex);
+                    *t->pending = true;
+                }
+                t->wake->notify_all();
+            },
+            target);
+        std::lock_guard lock(mutex_);
+        live_.push_back(entry);
+        targets_[entry.get()] = target;  // freed with the context (see release)
+    });
+    if (!entry->context) {
         // Without a context mpv cannot open its video output; decode without one.
         mpv->setVideoOutput("null");
         return false;
     }
-    entry.player = player;
-    // mpv calls this from its own threads: only hop onto the main queue.
-    auto* target = new UpdateTarget{queue_, {}, onNewFrame_};
-    // The target must outlive every callback: it is freed with the context.
-    entry.alive = std::shared_ptr<bool>(new bool(true), [target](bool* b) {
-        delete b;
-        delete target;
-    });
-    target->alive = entry.alive;
-    mpv_render_context_set_update_callback(
-        entry.context,
-        [](void* data) {
-            auto* t = static_cast<UpdateTarget*>(data);
-            std::weak_ptr<bool> alive = t->alive;
-            auto fn = t->onNewFrame;
-            t->queue->async([alive, fn] {
-                if (alive.lock() && fn) fn();
-            });
-        },
-        target);
-    entries_[player.get()] = std::move(entry);
+    entries_[player.get()] = entry;
     return true;
 }
 
-void MpvVideoRenderer::release(Entry& e) {
-    if (e.context) {
-        mpv_render_context_set_update_callback(e.context, nullptr, nullptr);
-        mpv_render_context_free(e.context);
-        e.context = nullptr;
-    }
-    if (e.framebuffer) glDeleteFramebuffers(1, &e.framebuffer);
-    if (e.texture) glDeleteTextures(1, &e.texture);
-    e.framebuffer = e.texture = 0;
-    e.alive.reset();
+void MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
+    onRenderThread([&] {
+        if (entry->context) {
+            mpv_render_context_set_update_callback(entry->context, nullptr, nullptr);
+            mpv_render_context_free(entry->context);
+            entry->context = nullptr;
+        }
+        for (auto& s : entry->slots) {
+            if (s.framebuffer) glDeleteFramebuffers(1, &s.framebuffer);
+            if (s.texture) glDeleteTextures(1, &s.texture);
+            s = Slot{};
+        }
+        std::lock_guard lock(mutex_);
+        if (auto it = targets_.find(entry.get()); it != targets_.end()) {
+            delete static_cast<UpdateTarget*>(it->second);
+            targets_.erase(it);
+        }
+        std::erase_if(live_, [&](const std::weak_ptr<Entry>& w) { return w.lock() == entry; });
+    });
 }
 
 void MpvVideoRenderer::collect() {
     for (auto it = entries_.begin(); it != entries_.end();) {
-        if (it->second.player.use_count() == 1) {
-            release(it->second);
-            it = entries_.erase(it);  // the player (and mpv) goes after its context
+        if (it->second->player.use_count() == 1) {
+            auto entry = it->second;
+            it = entries_.erase(it);
+            release(entry);
+            entry->player.reset();  // mpv goes after its render context, on this queue
         } else {
             ++it;
         }
@@ -95,58 +225,49 @@ void MpvVideoRenderer::collect() {
 }
 
 void MpvVideoRenderer::detachAll() {
-    for (auto& [key, entry] : entries_) {
+    auto entries = std::move(entries_);
+    entries_.clear();
+    for (auto& [key, entry] : entries) {
         release(entry);
-        if (auto* mpv = dynamic_cast<MpvMediaPlayer*>(entry.player.get()))
+        if (auto* mpv = dynamic_cast<MpvMediaPlayer*>(entry->player.get()))
             mpv->setVideoOutput("null");
     }
-    entries_.clear();
 }
 
-std::optional<VideoTexture> MpvVideoRenderer::frameFor(const std::shared_ptr<MediaPlayer>& player) {
+std::optional<VideoTexture> MpvVideoRenderer::frameFor(const std::shared_ptr<MediaPlayer>& player,
+                                                       int pixelWidth, int pixelHeight, bool fill) {
     auto it = entries_.find(player.get());
-    if (it == entries_.end() || !it->second.context) return std::nullopt;
-    Entry& e = it->second;
-    uint64_t flags = mpv_render_context_update(e.context);
-    if (flags & MPV_RENDER_UPDATE_FRAME) {
-        auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get());
-        int64_t w = 0, h = 0;
-        mpv_get_property(mpv->handle(), "dwidth", MPV_FORMAT_INT64, &w);
-        mpv_get_property(mpv->handle(), "dheight", MPV_FORMAT_INT64, &h);
-        if (w > 0 && h > 0) {
-            if (!e.texture || w != e.width || h != e.height) {
-                if (!e.texture) glGenTextures(1, &e.texture);
-                if (!e.framebuffer) glGenFramebuffers(1, &e.framebuffer);
-                glBindTexture(GL_TEXTURE_2D, e.texture);
-                glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, static_cast<GLsizei>(w),
-                             static_cast<GLsizei>(h), 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
-                glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-                glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-                glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-                glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-                glBindFramebuffer(GL_FRAMEBUFFER, e.framebuffer);
-                glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D,
-                                       e.texture, 0);
-                glBindFramebuffer(GL_FRAMEBUFFER, 0);
-                e.width = static_cast<int>(w);
-                e.height = static_cast<int>(h);
-            }
-            mpv_opengl_fbo fbo{static_cast<int>(e.framebuffer), e.width, e.height, 0};
-            // The texture is sampled top row first, as ImGui expects.
-            int flip = 0;
-            mpv_render_param params[] = {
-                {MPV_RENDER_PARAM_OPENGL_FBO, &fbo},
-                {MPV_RENDER_PARAM_FLIP_Y, &flip},
-                {MPV_RENDER_PARAM_INVALID, nullptr},
-            };
-            mpv_render_context_render(e.context, params);
-            glBindFramebuffer(GL_FRAMEBUFFER, 0);
-            e.hasFrame = true;
+    if (it == entries_.end() || !it->second->context) return std::nullopt;
+    Entry& e = *it->second;
+    if (fill != e.fill) {
+        // Safe here: this is not the render thread.
+        if (auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get()))
+            mpv_set_property_string(mpv->handle(), "panscan", fill ? "1.0" : "0.0");
+        e.fill = fill;
+    }
+    std::optional<VideoTexture> out;
+    bool wake = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (pixelWidth != e.targetWidth || pixelHeight != e.targetHeight) {
+            e.targetWidth = pixelWidth;
+            e.targetHeight = pixelHeight;
+            e.redraw = wake = true;
+        }
+        if (e.latest >= 0) {
+            const Slot& s = e.slots[e.latest];
+            e.inUse = e.latest;
+            out = VideoTexture{reinterpret_cast<ImTextureID>(static_cast<intptr_t>(s.texture)),
+                               s.width, s.height};
         }
     }
-    if (!e.hasFrame) return std::nullopt;
-    return VideoTexture{reinterpret_cast<ImTextureID>(static_cast<intptr_t>(e.texture)), e.width,
-                        e.height};
+    if (wake) wake_.notify_all();
+    return out;
+}
+
+void MpvVideoRenderer::endFrame() {
+    std::lock_guard lock(mutex_);
+    for (auto& [key, entry] : entries_) entry->inUse = -1;
 }
 
 }  // namespace kavelin

@@ -1,54 +1,91 @@
 #pragma once
 
+#include <condition_variable>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include "Kavelin/Platform/MainQueue.h"
 #include "Kavelin/Platform/MediaPlayer.h"
 #include "Kavelin/views/VideoSurfaces.h"
 
-struct mpv_handle;
+struct SDL_Window;
 struct mpv_render_context;
 
 namespace kavelin {
 
-// Draws libmpv players into textures through mpv's OpenGL render API. Lives on
-// the main queue with the window's GL context current. It keeps each attached
-// player alive until nobody else holds it, so that its render context is freed
-// before mpv itself goes away.
-class MpvVideoRenderer final : public VideoRenderer,
-                               public std::enable_shared_from_this<MpvVideoRenderer> {
-  public:
-    // `onNewFrame` runs on the main queue whenever mpv has a new picture.
-    MpvVideoRenderer(std::shared_ptr<MainQueue> queue, std::function<void()> onNewFrame);
+// Draws libmpv players into textures through mpv's OpenGL render API.
+//
+// mpv must not wait on a thread that itself calls into mpv, and our main queue
+// drives the players; so mpv renders on a thread of its own, with a GL context
+// that shares textures with the window's. The main queue only picks up the
+// newest finished texture. Each attached player is kept alive until nobody else
+// holds it, so that its render context is freed before mpv itself goes away.
+class MpvVideoRenderer final : public VideoRenderer {
+public:
+    // `renderContext` shares objects with the window's context and is used only
+    // by the render thread. `onNewFrame` runs on the main queue.
+    MpvVideoRenderer(std::shared_ptr<MainQueue> queue, SDL_Window* window, void* renderContext,
+                     std::function<void()> onNewFrame);
     ~MpvVideoRenderer() override;
 
     // Creates the render context for a new player (before its first item opens).
     // False when the player is not a libmpv one or the context failed.
     bool attach(const std::shared_ptr<MediaPlayer>& player);
-    std::optional<VideoTexture> frameFor(const std::shared_ptr<MediaPlayer>& player) override;
+    std::optional<VideoTexture> frameFor(const std::shared_ptr<MediaPlayer>& player, int pixelWidth,
+                                         int pixelHeight, bool fill) override;
+    // The window has shown the frame handed out last: its texture may be reused.
+    void endFrame();
     // Frees the contexts of players nobody else holds any more.
     void collect();
-    // Frees everything (the GL context is about to go).
+    // Frees everything (the window is about to go).
     void detachAll();
     size_t attachedCount() const { return entries_.size(); }
 
-  private:
-    struct Entry {
-        std::shared_ptr<MediaPlayer> player;
-        mpv_render_context* context = nullptr;
-        unsigned framebuffer = 0;
+private:
+    static constexpr int kSlots = 3;
+    struct Slot {
         unsigned texture = 0;
+        unsigned framebuffer = 0;
         int width = 0;
         int height = 0;
-        bool hasFrame = false;
-        std::shared_ptr<bool> alive;
     };
-    void release(Entry& entry);
+    // Shared between the main queue, the render thread and mpv's callback.
+    struct Entry {
+        std::shared_ptr<MediaPlayer> player;  // main queue only
+        bool fill = false;                    // main queue only
+        mpv_render_context* context = nullptr;
+        Slot slots[kSlots];
+        int latest = -1;  // newest finished slot
+        int inUse = -1;   // slot the window is drawing from
+        int targetWidth = 0;
+        int targetHeight = 0;
+        bool updatePending = false;
+        bool redraw = false;  // the target size changed: draw the frame again
+    };
+
+    void run();
+    // Runs `task` on the render thread and waits for it.
+    void onRenderThread(std::function<void()> task);
+    void renderPending(Entry& entry);
+    void release(const std::shared_ptr<Entry>& entry);
 
     std::shared_ptr<MainQueue> queue_;
+    SDL_Window* window_;
+    void* renderContext_;
     std::function<void()> onNewFrame_;
-    std::map<MediaPlayer*, Entry> entries_;
+    std::map<MediaPlayer*, std::shared_ptr<Entry>> entries_;  // main queue only
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::function<void()>> tasks_;
+    std::vector<std::weak_ptr<Entry>> live_;  // what the render thread looks at
+    std::map<Entry*, void*> targets_;         // mpv callback data, freed with the context
+    bool stopping_ = false;
+    std::thread thread_;
 };
 
 }  // namespace kavelin

@@ -162,7 +162,15 @@ bool WindowPresenter::ensureWindow() {
     auto invalidate = [weak] {
         if (auto self = weak.lock()) self->setNeedsDisplay();
     };
-    renderer_ = std::make_shared<MpvVideoRenderer>(queue_, invalidate);
+    // mpv draws on its own thread with a context that shares our textures.
+    SDL_GL_SetAttribute(SDL_GL_SHARE_WITH_CURRENT_CONTEXT, 1);
+    renderGlContext_ = SDL_GL_CreateContext(window_);
+    SDL_GL_SetAttribute(SDL_GL_SHARE_WITH_CURRENT_CONTEXT, 0);
+    SDL_GL_MakeCurrent(window_, glContext_);
+    if (renderGlContext_)
+        renderer_ = std::make_shared<MpvVideoRenderer>(queue_, window_, renderGlContext_, invalidate);
+    else
+        VPLogger::warning(std::string("⚠️ No OpenGL context for video: ") + SDL_GetError());
     VideoRenderer::install(renderer_);
     Display::install(invalidate);
     updatePolling();
@@ -178,7 +186,10 @@ void WindowPresenter::destroyWindow() {
     VideoRenderer::install(nullptr);
     Display::install(nullptr);
     if (renderer_) renderer_->detachAll();
-    renderer_.reset();
+    renderer_.reset();  // stops the render thread
+    if (renderGlContext_) SDL_GL_DeleteContext(renderGlContext_);
+    renderGlContext_ = nullptr;
+    SDL_GL_MakeCurrent(window_, glContext_);
     Textures::uninstall();
     ImGui_ImplOpenGL3_Shutdown();
     ImGui_ImplSDL2_Shutdown();
@@ -197,10 +208,8 @@ std::shared_ptr<MediaPlayerFactory> WindowPresenter::wrapFactory(
     return std::make_shared<RenderingPlayerFactory>(
         std::move(inner), [weak](const std::shared_ptr<MediaPlayer>& player) {
             auto self = weak.lock();
-            if (self && self->ensureWindow()) {
-                SDL_GL_MakeCurrent(self->window_, self->glContext_);
-                if (self->renderer_->attach(player)) return;
-            }
+            if (self && self->ensureWindow() && self->renderer_ && self->renderer_->attach(player))
+                return;
             // No picture can be shown: let mpv decode without a video output.
             if (auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get()))
                 mpv->setVideoOutput("null");
@@ -273,10 +282,7 @@ void WindowPresenter::dismiss(const std::shared_ptr<HostingController>& screen, 
                 if (self->window_) SDL_HideWindow(self->window_);
                 self->shown_ = false;
                 if (self->screen_ == screen) self->screen_.reset();
-                if (self->renderer_) {
-                    SDL_GL_MakeCurrent(self->window_, self->glContext_);
-                    self->renderer_->collect();
-                }
+                if (self->renderer_) self->renderer_->collect();
                 self->updatePolling();
             }
         }
@@ -444,6 +450,7 @@ void WindowPresenter::renderFrame(Capture* capture) {
             std::memcpy(capture->rgba.data() + row * y, flipped.data() + row * (fbh - 1 - y), row);
     }
     SDL_GL_SwapWindow(window_);
+    if (renderer_) renderer_->endFrame();
     ++frames_;
     lastFrame_ = now;
 

@@ -79,6 +79,7 @@ class WindowPresenter final : public ScreenPresenter,
     std::shared_ptr<ThreadMainQueue> queue_;
     SDL_Window* window_ = nullptr;
     void* glContext_ = nullptr;
+    void* renderGlContext_ = nullptr;  // shares textures; mpv's render thread owns it
     void* imgui_ = nullptr;  // ImGuiContext
     bool windowFailed_ = false;
     std::shared_ptr<MpvVideoRenderer> renderer_;

@@ -1,6 +1,8 @@
 #include "Kavelin/views/VideoSurfaces.h"
 
 #include <cmath>
+
+#include <imgui.h>
 #include <numbers>
 
 #include "Kavelin/Extentions/Color+Ext.h"
@@ -21,6 +23,13 @@ VideoRenderer* VideoRenderer::current() {
     return installedRenderer().get();
 }
 
+namespace {
+int pixels(float points) {
+    float scale = ImGui::GetIO().DisplayFramebufferScale.x;
+    return static_cast<int>(std::lround(points * (scale > 0 ? scale : 1)));
+}
+}  // namespace
+
 Rect aspectFitRect(float videoW, float videoH, const Rect& b) {
     if (videoW <= 0 || videoH <= 0 || b.empty()) return b;
     float scale = std::min(b.w / videoW, b.h / videoH);
@@ -33,7 +42,7 @@ void AspectFitVideoPlayer::draw(Frame& frame, const Rect& bounds) const {
     if (!player) return;
     auto* renderer = VideoRenderer::current();
     if (!renderer) return;
-    auto video = renderer->frameFor(player);
+    auto video = renderer->frameFor(player, pixels(bounds.w), pixels(bounds.h), false);
     if (!video || !video->texture) return;
     Rect r =
         aspectFitRect(static_cast<float>(video->width), static_cast<float>(video->height), bounds);
@@ -48,7 +57,7 @@ void FullScreenVideoPlayer::draw(Frame& frame, const Rect& bounds) const {
     if (!player) return;
     auto* renderer = VideoRenderer::current();
     if (!renderer) return;
-    auto video = renderer->frameFor(player);
+    auto video = renderer->frameFor(player, pixels(bounds.w), pixels(bounds.h), true);
     if (!video || !video->texture) return;
     UVRect uv = aspectFillUV(static_cast<float>(video->width), static_cast<float>(video->height),
                              bounds.w, bounds.h);

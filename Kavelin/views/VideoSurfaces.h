@@ -20,8 +20,10 @@ struct VideoTexture {
 class VideoRenderer {
   public:
     virtual ~VideoRenderer() = default;
-    // The player's present picture, or nothing while it has none.
-    virtual std::optional<VideoTexture> frameFor(const std::shared_ptr<MediaPlayer>& player) = 0;
+    // The player's present picture drawn for a frame of `pixelWidth` x
+    // `pixelHeight` (letter-boxed, or cropped to fill it), or nothing while it has none.
+    virtual std::optional<VideoTexture> frameFor(const std::shared_ptr<MediaPlayer>& player,
+                                                 int pixelWidth, int pixelHeight, bool fill) = 0;
 
     static void install(std::shared_ptr<VideoRenderer> renderer);
     static VideoRenderer* current();

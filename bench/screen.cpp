@@ -1,0 +1,128 @@
+// The player screen in a real window (software GL under Xvfb when there is no
+// display): frame time with the rail shown, and the CPU a paused screen costs.
+// Prints `name: value` lines.
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "Kavelin/Platform/Platform.h"
+#include "Kavelin/Platform/WindowPresenter.h"
+#include "Kavelin/VideoPlayerBridgging.h"
+#include "Kavelin/VideoPlayerService.h"
+#include "Kavelin/log/VPLogger.h"
+#include "support/XvfbDisplay.h"
+
+using namespace kavelin;
+namespace fs = std::filesystem;
+
+namespace {
+
+double processCpuSeconds() {
+    timespec ts{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+bool waitFor(const std::function<bool()>& probe, double seconds) {
+    auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < until) {
+        bool ok = false;
+        mainQueue().sync([&] { ok = probe(); });
+        if (ok) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+double percentile(std::vector<double> v, double p) {
+    std::sort(v.begin(), v.end());
+    size_t i = std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size() - 1) + 0.5));
+    return v[i];
+}
+
+}  // namespace
+
+int main() {
+    test::XvfbDisplay display;
+    if (!display.ok()) {
+        std::fprintf(stderr, "no X server\n");
+        return 1;
+    }
+    VPLogger::setSink([](const std::string&) {});  // keep the output to the numbers
+    const fs::path dir = fs::temp_directory_path() / ("kavelin-bench-screen-" + std::to_string(getpid()));
+    fs::create_directories(dir);
+    const std::string clip = (dir / "clip.mp4").string();
+    if (std::system(("ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi -i "
+                     "testsrc2=size=1280x720:rate=30:duration=120 -c:v libx264 -preset ultrafast "
+                     "-pix_fmt yuv420p '" + clip + "'").c_str()) != 0)
+        return 1;
+
+    const std::string thumbs = std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/Thumbnails/";
+    std::shared_ptr<VideoPlayerService> service;
+    std::shared_ptr<WindowPresenter> window;
+    mainQueue().sync([&] {
+        window = std::dynamic_pointer_cast<WindowPresenter>(Platform::current().presenter);
+        std::vector<Video> videos;
+        for (int i = 1; i <= 8; ++i)
+            videos.emplace_back("v" + std::to_string(i), "file://" + clip, "Test card " + std::to_string(i),
+                                "pl", thumbs + "sample-1-0" + std::to_string(i) + ".svg");
+        playlists() = {Playlist("pl", "Bench", thumbs + "playlist-1.svg", std::nullopt, videos),
+                       Playlist("pl-2", "Next", thumbs + "playlist-2.svg", std::nullopt, videos)};
+        service = std::make_shared<VideoPlayerService>(Platform::current());
+        currentVideoPlayerService() = service;
+        service->playPlaylist("pl");
+    });
+    if (!window) return 1;
+    auto pc = service->playerController;
+    if (!waitFor([&] { return pc->isPlaying && !pc->showLoading && pc->showPlaylist; }, 30)) return 1;
+    std::this_thread::sleep_for(std::chrono::seconds(1));  // thumbnails in, rail settled
+
+    // Frame time while playing with the rail up: each frame draws the newest
+    // video picture, the overlay and the rail.
+    std::vector<double> ms;
+    mainQueue().sync([&] {
+        pc->cancelAutoHide();
+        if (pc->halfScreenAutoReturnWorkItem) pc->halfScreenAutoReturnWorkItem->cancel();
+        pc->showPlaylist = true;
+        pc->showControls = true;
+    });
+    for (int i = 0; i < 600; ++i) {
+        mainQueue().sync([&] {
+            auto start = std::chrono::steady_clock::now();
+            window->renderNow();
+            ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+        });
+    }
+    std::printf("screen_frame_ms_median: %.3f\n", percentile(ms, 0.5));
+    std::printf("screen_frame_ms_p99: %.3f\n", percentile(ms, 0.99));
+
+    // A paused screen with nothing animating should cost next to nothing.
+    mainQueue().sync([&] { pc->pause(); });
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    uint64_t framesBefore = 0, framesAfter = 0;
+    mainQueue().sync([&] { framesBefore = window->framesRendered(); });
+    const double window_s = 20;
+    double cpu0 = processCpuSeconds();
+    std::this_thread::sleep_for(std::chrono::duration<double>(window_s));
+    double cpu1 = processCpuSeconds();
+    mainQueue().sync([&] { framesAfter = window->framesRendered(); });
+    std::printf("paused_screen_cpu_seconds_per_minute: %.4f\n", (cpu1 - cpu0) * 60 / window_s);
+    std::printf("paused_screen_frames_per_minute: %.1f\n",
+                static_cast<double>(framesAfter - framesBefore) * 60 / window_s);
+
+    mainQueue().sync([&] {
+        currentVideoPlayerService().reset();
+        service.reset();
+    });
+    Platform::shutdown();
+    fs::remove_all(dir);
+    return 0;
+}
