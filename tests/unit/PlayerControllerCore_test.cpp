@@ -300,6 +300,31 @@ TEST_F(Core, DelayedTasksDoNothingOnceTheControllerIsGone) {
     for (const auto& e : events.events()) EXPECT_EQ(e.method, "OnViewDismissed");
 }
 
+TEST_F(Core, HostDroppingTheControllerFromItsCallbackIsSafe) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    startPlaylist("pl-1");
+    std::vector<std::string> seen;
+    setEventObserverForTesting([&](std::string_view method, std::string_view) {
+        seen.emplace_back(method);
+        if (method == "OnVideoFinished" || method == "OnVideoClosed") service->cleanup();
+    });
+    std::weak_ptr<PlayerController> weak = pc;
+    pc.reset();
+    vp.advance(kClip);
+    EXPECT_TRUE(weak.expired());
+    EXPECT_EQ(seen, (std::vector<std::string>{"OnVideoFinished", "OnVideoPlay"}));
+    EXPECT_TRUE(logs.contains(
+        "🧼 PlayerController instance cleaned up – resources released successfully!"));
+
+    service->setURLS({urlOf("a0")});
+    service->playPlaylist("pl-1");
+    weak = service->playerController;
+    service->playerController->backToHome();
+    EXPECT_TRUE(weak.expired());
+    vp.advance(1);
+    setEventObserverForTesting(nullptr);
+}
+
 TEST_F(Core, MakeWithoutPlayersSkipsEveryPlayerStep) {
     Platform bare = vp.platform();
     bare.players = nullptr;
