@@ -30,10 +30,6 @@ enum PropertyId : uint64_t {
     kEofReached,
 };
 
-// Seek command replies carry their token above this base so they never collide
-// with property ids or the untracked commands (0).
-constexpr uint64_t kSeekTokenBase = 1u << 20;
-
 bool envSet(const char* name) {
     const char* v = std::getenv(name);
     return v && *v;
@@ -197,6 +193,10 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         if (mpv_) mpv_set_property_string(mpv_, "vo", vo.c_str());
     }
 
+    // Every request goes to mpv synchronously, so they take effect in call order:
+    // an asynchronous "stop" could land after the "loadfile" that follows it and
+    // stop the new item before it started. mpv answers these at once, even while
+    // an item is still opening.
     void replaceCurrentItem(std::optional<std::string> url) {
         abandonSeek();
         ++itemGen_;
@@ -229,7 +229,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
                 }
             } else {
                 const char* cmd[] = {"stop", nullptr};
-                mpv_command_async(mpv_, 0, cmd);
+                mpv_command(mpv_, cmd);
             }
         }
         scheduleStatusUpdate();
@@ -241,7 +241,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         paused_ = paused;
         if (mpv_) {
             int flag = paused ? 1 : 0;
-            mpv_set_property_async(mpv_, 0, "pause", MPV_FORMAT_FLAG, &flag);
+            mpv_set_property(mpv_, "pause", MPV_FORMAT_FLAG, &flag);
         }
         scheduleStatusUpdate();
     }
@@ -398,14 +398,6 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
             case MPV_EVENT_PROPERTY_CHANGE:
                 onProperty(e.reply_userdata, *static_cast<mpv_event_property*>(e.data));
                 break;
-            case MPV_EVENT_COMMAND_REPLY:
-                if (pendingSeek_ && e.reply_userdata == kSeekTokenBase + pendingSeek_->token) {
-                    if (e.error < 0)
-                        finishSeek(false);
-                    else
-                        pendingSeek_->acknowledged = true;
-                }
-                break;
             case MPV_EVENT_PLAYBACK_RESTART:
                 if (pendingSeek_ && pendingSeek_->acknowledged) seekLanded();
                 break;
@@ -517,7 +509,11 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         std::snprintf(target, sizeof target, "%.6f", s.target);
         const char* cmd[] = {"seek", target, s.exact ? "absolute+exact" : "absolute+keyframes",
                              nullptr};
-        if (mpv_command_async(mpv_, kSeekTokenBase + s.token, cmd) < 0) finishSeek(false);
+        if (mpv_command(mpv_, cmd) < 0) {
+            abandonSeek();
+            return;
+        }
+        s.acknowledged = true;
     }
 
     void seekLanded() {

@@ -274,6 +274,27 @@ TEST_F(MpvMediaPlayerTest, AStalledLoadDoesNotHoldUpItsReplacement) {
     EXPECT_FALSE(logged("stalled.mp4")) << "an abandoned load is not a failure";
 }
 
+TEST_F(MpvMediaPlayerTest, ClearingThenLoadingAtOnceAlwaysStartsTheNewItem) {
+    // The controller's teardown and load run back to back: pause, rewind, clear,
+    // then the next item. Requests reaching mpv out of order stopped the new item
+    // before it started, now and then; repeated so such a race shows.
+    queue->sync([&] { player = std::make_shared<MpvMediaPlayer>(queue, quietOptions()); });
+    for (int round = 0; round < 12; ++round) {
+        SCOPED_TRACE(round);
+        queue->sync([&] {
+            if (round) unobserve();
+            rec.statuses.clear();
+            player->pause();
+            player->seek(0, 0, 0);
+            player->replaceCurrentItem(std::nullopt);
+            player->replaceCurrentItem("av://lavfi:testsrc2=duration=5:size=160x90:rate=25");
+            observe();
+            player->play();
+        });
+        ASSERT_TRUE(rec.waitFor([&] { return rec.sawStatus(Status::playing); }));
+    }
+}
+
 TEST_F(MpvMediaPlayerTest, ExactSeekLandsOnTargetTicksOnceAndCompletes) {
     load(server->url(TestMedia::kClip3s));
     queue->sync([&] { player->play(); });
