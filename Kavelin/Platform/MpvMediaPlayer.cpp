@@ -101,6 +101,38 @@ MpvMediaPlayer::Options MpvMediaPlayer::Options::fromEnvironment() {
     return o;
 }
 
+void MpvMediaPlayer::configure(mpv_handle* handle, const Options& options) {
+    const std::string timeout = std::to_string(options.networkTimeoutSeconds);
+    const std::pair<const char*, std::string> settings[] = {
+        {"config", "no"},
+        {"load-scripts", "no"},
+        {"ytdl", "no"},
+        {"osc", "no"},
+        {"load-stats-overlay", "no"},
+        {"load-osd-console", "no"},
+        {"load-auto-profiles", "no"},
+        {"input-default-bindings", "no"},
+        {"input-vo-keyboard", "no"},
+        {"input-terminal", "no"},
+        {"terminal", "no"},
+        {"msg-level", "all=error"},
+        {"idle", "yes"},
+        {"keep-open", "yes"},
+        {"resume-playback", "no"},
+        {"save-position-on-quit", "no"},
+        {"sub-auto", "no"},
+        {"audio-file-auto", "no"},
+        {"audio-display", "no"},
+        {"network-timeout", timeout},
+        {"vo", options.videoOutput.empty() ? "null" : options.videoOutput},
+        {"ao", options.audioOutput.empty() ? "null" : options.audioOutput},
+        {"audio-fallback-to-null", "yes"},
+    };
+    // Options missing from this mpv build are skipped; none of them is essential
+    // on its own.
+    for (const auto& [name, value] : settings) mpv_set_option_string(handle, name, value.c_str());
+}
+
 // Everything the player knows lives here, shared with the tasks mpv's wake-ups
 // post, which hold it weakly: once the player is gone they do nothing.
 class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
@@ -111,35 +143,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
             VPLogger::error("❌ mpv could not be created");
             return;
         }
-        const std::string timeout = std::to_string(options.networkTimeoutSeconds);
-        const std::pair<const char*, std::string> settings[] = {
-            {"config", "no"},
-            {"load-scripts", "no"},
-            {"ytdl", "no"},
-            {"osc", "no"},
-            {"load-stats-overlay", "no"},
-            {"load-osd-console", "no"},
-            {"load-auto-profiles", "no"},
-            {"input-default-bindings", "no"},
-            {"input-vo-keyboard", "no"},
-            {"input-terminal", "no"},
-            {"terminal", "no"},
-            {"msg-level", "all=error"},
-            {"idle", "yes"},
-            {"keep-open", "yes"},
-            {"resume-playback", "no"},
-            {"save-position-on-quit", "no"},
-            {"sub-auto", "no"},
-            {"audio-file-auto", "no"},
-            {"audio-display", "no"},
-            {"network-timeout", timeout},
-            {"vo", options.videoOutput.empty() ? "null" : options.videoOutput},
-            {"ao", options.audioOutput.empty() ? "null" : options.audioOutput},
-            {"audio-fallback-to-null", "yes"},
-        };
-        // Options missing from this mpv build are skipped; none of them is essential
-        // on its own.
-        for (const auto& [name, value] : settings) mpv_set_option_string(mpv_, name, value.c_str());
+        configure(mpv_, options);
         if (mpv_initialize(mpv_) < 0) {
             VPLogger::error("❌ mpv could not be initialised");
             mpv_terminate_destroy(mpv_);

@@ -503,9 +503,28 @@ TEST(MpvMediaPlayerFactoryTest, HandsOutHookedPlayersOnTheGivenQueue) {
     EXPECT_EQ(hooked, 2);
     EXPECT_NE(a, b);
     ASSERT_NE(dynamic_cast<MpvMediaPlayer*>(a.get()), nullptr);
-    char* vo = mpv_get_property_string(dynamic_cast<MpvMediaPlayer*>(a.get())->handle(), "vo");
-    EXPECT_STREQ(vo, "null");
-    mpv_free(vo);
+    // The embedding is locked down: nothing from the user's mpv set-up, no scripts
+    // or downloads, no key bindings, and a bounded wait on the network.
+    auto* handle = dynamic_cast<MpvMediaPlayer*>(a.get())->handle();
+    const std::pair<const char*, const char*> expected[] = {
+        {"vo", "null"},
+        {"options/config", "no"},
+        {"options/ytdl", "no"},
+        {"options/load-scripts", "no"},
+        {"options/osc", "no"},
+        {"options/input-default-bindings", "no"},
+        {"options/idle", "yes"},
+        {"options/keep-open", "yes"},
+        {"options/terminal", "no"},
+    };
+    for (const auto& [name, value] : expected) {
+        char* actual = mpv_get_property_string(handle, name);
+        EXPECT_STREQ(actual, value) << name;
+        mpv_free(actual);
+    }
+    double timeout = 0;
+    mpv_get_property(handle, "options/network-timeout", MPV_FORMAT_DOUBLE, &timeout);
+    EXPECT_EQ(timeout, 10.0);
     queue->sync([&] {
         a.reset();
         b.reset();
