@@ -67,7 +67,13 @@ void PlayerController::loadVideo(const std::string& urlString) {
         VPLogger::warning("⚠️ Not a valid URL, nothing loaded: " + urlString);
         return;
     }
-    ++loadDepth_;
+    // A host callback run from inside may drop the service's reference to us.
+    const auto keepAlive = shared_from_this();
+    struct DepthGuard {
+        int& depth;
+        explicit DepthGuard(int& d) : depth(d) { ++depth; }
+        ~DepthGuard() { --depth; }
+    } depthGuard(loadDepth_);
     cleanup();
 
     if (!player.get() && platform_.players) player = platform_.players->makePlayer();
@@ -119,10 +125,10 @@ void PlayerController::loadVideo(const std::string& urlString) {
     }
     autoHideControls();
     if (auto playlist = playlistController.lock()) playlist->videoStarted(currentVideoID());
-    --loadDepth_;
 }
 
 void PlayerController::play() {
+    const auto keepAlive = shared_from_this();  // the echo below reaches host code
     auto mediaPlayer = player.get();
     if (isPlaying && mediaPlayer && mediaPlayer->timeControlStatus() == TimeControlStatus::playing)
         return;

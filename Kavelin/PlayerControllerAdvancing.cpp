@@ -23,6 +23,7 @@ std::optional<int> indexOfVideo(const std::vector<Video>& videos, const std::str
 }  // namespace
 
 void PlayerController::playerDidFinishPlaying() {
+    const auto keepAlive = shared_from_this();  // events reach host code
     auto playlist = playlistController.lock();
     if (!playlist || !playlist->currentVideoID.get()) return;
     auto found = indexOfVideo(playlist->videos, *playlist->currentVideoID.get());
@@ -112,6 +113,7 @@ void PlayerController::playApprovedVideo() {
 }
 
 void PlayerController::onVideoSelected(const Video& video) {
+    const auto keepAlive = shared_from_this();  // events reach host code
     showPlaylist = false;
     if (isFree()) {
         // Every tile choice by a free viewer asks for an ad, whatever the tracker says.
@@ -152,6 +154,7 @@ void PlayerController::onPlaylistSelected(const Playlist& selected) {
 }
 
 void PlayerController::triggerMidRollAd(double cue) {
+    const auto keepAlive = shared_from_this();  // events reach host code
     midRollCuePointState.markConsumed(cue);
     midRollCuePointState.isShowingAd = true;
     if (auto p = player.get())

@@ -100,6 +100,7 @@ void PlayerController::switchScreenBack_and_forth() {
 }
 
 void PlayerController::backToHome() {
+    const auto keepAlive = shared_from_this();  // the event reaches host code
     sendUnityMessage("OnVideoClosed", "back");
     std::weak_ptr<PlayerController> weak = weak_from_this();
     platform_.queue->asyncAfter(kTeardownDelay, [weak] {

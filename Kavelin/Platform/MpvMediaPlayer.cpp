@@ -30,10 +30,6 @@ enum PropertyId : uint64_t {
     kEofReached,
 };
 
-// Seek command replies carry their token above this base so they never collide
-// with property ids or the untracked commands (0).
-constexpr uint64_t kSeekTokenBase = 1u << 20;
-
 bool envSet(const char* name) {
     const char* v = std::getenv(name);
     return v && *v;
@@ -105,6 +101,38 @@ MpvMediaPlayer::Options MpvMediaPlayer::Options::fromEnvironment() {
     return o;
 }
 
+void MpvMediaPlayer::configure(mpv_handle* handle, const Options& options) {
+    const std::string timeout = std::to_string(options.networkTimeoutSeconds);
+    const std::pair<const char*, std::string> settings[] = {
+        {"config", "no"},
+        {"load-scripts", "no"},
+        {"ytdl", "no"},
+        {"osc", "no"},
+        {"load-stats-overlay", "no"},
+        {"load-osd-console", "no"},
+        {"load-auto-profiles", "no"},
+        {"input-default-bindings", "no"},
+        {"input-vo-keyboard", "no"},
+        {"input-terminal", "no"},
+        {"terminal", "no"},
+        {"msg-level", "all=error"},
+        {"idle", "yes"},
+        {"keep-open", "yes"},
+        {"resume-playback", "no"},
+        {"save-position-on-quit", "no"},
+        {"sub-auto", "no"},
+        {"audio-file-auto", "no"},
+        {"audio-display", "no"},
+        {"network-timeout", timeout},
+        {"vo", options.videoOutput.empty() ? "null" : options.videoOutput},
+        {"ao", options.audioOutput.empty() ? "null" : options.audioOutput},
+        {"audio-fallback-to-null", "yes"},
+    };
+    // Options missing from this mpv build are skipped; none of them is essential
+    // on its own.
+    for (const auto& [name, value] : settings) mpv_set_option_string(handle, name, value.c_str());
+}
+
 // Everything the player knows lives here, shared with the tasks mpv's wake-ups
 // post, which hold it weakly: once the player is gone they do nothing.
 class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
@@ -115,35 +143,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
             VPLogger::error("❌ mpv could not be created");
             return;
         }
-        const std::string timeout = std::to_string(options.networkTimeoutSeconds);
-        const std::pair<const char*, std::string> settings[] = {
-            {"config", "no"},
-            {"load-scripts", "no"},
-            {"ytdl", "no"},
-            {"osc", "no"},
-            {"load-stats-overlay", "no"},
-            {"load-osd-console", "no"},
-            {"load-auto-profiles", "no"},
-            {"input-default-bindings", "no"},
-            {"input-vo-keyboard", "no"},
-            {"input-terminal", "no"},
-            {"terminal", "no"},
-            {"msg-level", "all=error"},
-            {"idle", "yes"},
-            {"keep-open", "yes"},
-            {"resume-playback", "no"},
-            {"save-position-on-quit", "no"},
-            {"sub-auto", "no"},
-            {"audio-file-auto", "no"},
-            {"audio-display", "no"},
-            {"network-timeout", timeout},
-            {"vo", options.videoOutput.empty() ? "null" : options.videoOutput},
-            {"ao", options.audioOutput.empty() ? "null" : options.audioOutput},
-            {"audio-fallback-to-null", "yes"},
-        };
-        // Options missing from this mpv build are skipped; none of them is essential
-        // on its own.
-        for (const auto& [name, value] : settings) mpv_set_option_string(mpv_, name, value.c_str());
+        configure(mpv_, options);
         if (mpv_initialize(mpv_) < 0) {
             VPLogger::error("❌ mpv could not be initialised");
             mpv_terminate_destroy(mpv_);
@@ -197,6 +197,10 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         if (mpv_) mpv_set_property_string(mpv_, "vo", vo.c_str());
     }
 
+    // Every request goes to mpv synchronously, so they take effect in call order:
+    // an asynchronous "stop" could land after the "loadfile" that follows it and
+    // stop the new item before it started. mpv answers these at once, even while
+    // an item is still opening.
     void replaceCurrentItem(std::optional<std::string> url) {
         abandonSeek();
         ++itemGen_;
@@ -229,7 +233,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
                 }
             } else {
                 const char* cmd[] = {"stop", nullptr};
-                mpv_command_async(mpv_, 0, cmd);
+                mpv_command(mpv_, cmd);
             }
         }
         scheduleStatusUpdate();
@@ -241,7 +245,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         paused_ = paused;
         if (mpv_) {
             int flag = paused ? 1 : 0;
-            mpv_set_property_async(mpv_, 0, "pause", MPV_FORMAT_FLAG, &flag);
+            mpv_set_property(mpv_, "pause", MPV_FORMAT_FLAG, &flag);
         }
         scheduleStatusUpdate();
     }
@@ -398,14 +402,6 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
             case MPV_EVENT_PROPERTY_CHANGE:
                 onProperty(e.reply_userdata, *static_cast<mpv_event_property*>(e.data));
                 break;
-            case MPV_EVENT_COMMAND_REPLY:
-                if (pendingSeek_ && e.reply_userdata == kSeekTokenBase + pendingSeek_->token) {
-                    if (e.error < 0)
-                        finishSeek(false);
-                    else
-                        pendingSeek_->acknowledged = true;
-                }
-                break;
             case MPV_EVENT_PLAYBACK_RESTART:
                 if (pendingSeek_ && pendingSeek_->acknowledged) seekLanded();
                 break;
@@ -517,7 +513,11 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         std::snprintf(target, sizeof target, "%.6f", s.target);
         const char* cmd[] = {"seek", target, s.exact ? "absolute+exact" : "absolute+keyframes",
                              nullptr};
-        if (mpv_command_async(mpv_, kSeekTokenBase + s.token, cmd) < 0) finishSeek(false);
+        if (mpv_command(mpv_, cmd) < 0) {
+            abandonSeek();
+            return;
+        }
+        s.acknowledged = true;
     }
 
     void seekLanded() {

@@ -43,6 +43,11 @@ class MpvMediaPlayer final : public MediaPlayer {
     // For the window's render context (mpv_render_context_create) and for
     // measurements. Null when mpv could not be started.
     mpv_handle* handle() const;
+    // Sets the embedding options (no config files, scripts, ytdl, bindings; idle,
+    // keep-open, network time-out, outputs) on a handle before mpv_initialize.
+    // Benchmarks use it to compare with bare libmpv on equal terms.
+    static void configure(mpv_handle* handle, const Options& options);
+
     // Switches the video output at run time, e.g. to "libmpv" once the window has
     // a render context, and back to "null" before that context is freed.
     void setVideoOutput(const std::string& videoOutput);

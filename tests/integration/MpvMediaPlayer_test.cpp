@@ -62,10 +62,17 @@ struct Recorder {
         }
         changed.notify_all();
     }
+    // Re-checks now and then as well, for conditions outside the recorder (the
+    // server's request counts).
     template <class Pred>
     bool waitFor(Pred pred, std::chrono::seconds timeout = kTimeout) {
+        auto deadline = std::chrono::steady_clock::now() + timeout;
         std::unique_lock lock(mutex);
-        return changed.wait_for(lock, timeout, pred);
+        while (!pred()) {
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+            changed.wait_for(lock, 10ms);
+        }
+        return true;
     }
     bool sawStatus(Status s) {
         for (auto& [from, to] : statuses)
@@ -243,6 +250,49 @@ TEST_F(MpvMediaPlayerTest, ReplacingOrClearingMidPlayDoesNotReportEnd) {
     ASSERT_TRUE(rec.waitFor([&] { return laterEnds == 1; }));
     std::lock_guard lock(rec.mutex);
     EXPECT_EQ(clearedEnds, 0);
+}
+
+TEST_F(MpvMediaPlayerTest, AStalledLoadDoesNotHoldUpItsReplacement) {
+    // The server sits on the first request for longer than the test may take, so
+    // only a replace that does not wait for that load can finish in time.
+    server->setResponse("/stalled.mp4", {.body = "", .delaySeconds = 120});
+    load(server->url("/stalled.mp4"));
+    queue->sync([&] { player->play(); });
+    ASSERT_TRUE(rec.waitFor([&] { return server->requestCount("/stalled.mp4") > 0; }));
+    EXPECT_EQ(onQueue<Status>([&] { return player->timeControlStatus(); }),
+              Status::waitingToPlayAtSpecifiedRate);
+
+    int replacementEnds = 0;
+    queue->sync([&] {
+        player->replaceCurrentItem(server->url(TestMedia::kClip2s));
+        player->addEndOfItemObserver([&] { rec.record([&] { ++replacementEnds; }); });
+        player->play();
+    });
+    ASSERT_TRUE(rec.waitFor([&] { return replacementEnds == 1; }));
+    std::lock_guard lock(rec.mutex);
+    EXPECT_EQ(rec.ends, 0);
+    EXPECT_FALSE(logged("stalled.mp4")) << "an abandoned load is not a failure";
+}
+
+TEST_F(MpvMediaPlayerTest, ClearingThenLoadingAtOnceAlwaysStartsTheNewItem) {
+    // The controller's teardown and load run back to back: pause, rewind, clear,
+    // then the next item. Requests reaching mpv out of order stopped the new item
+    // before it started, now and then; repeated so such a race shows.
+    queue->sync([&] { player = std::make_shared<MpvMediaPlayer>(queue, quietOptions()); });
+    for (int round = 0; round < 12; ++round) {
+        SCOPED_TRACE(round);
+        queue->sync([&] {
+            if (round) unobserve();
+            rec.statuses.clear();
+            player->pause();
+            player->seek(0, 0, 0);
+            player->replaceCurrentItem(std::nullopt);
+            player->replaceCurrentItem("av://lavfi:testsrc2=duration=5:size=160x90:rate=25");
+            observe();
+            player->play();
+        });
+        ASSERT_TRUE(rec.waitFor([&] { return rec.sawStatus(Status::playing); }));
+    }
 }
 
 TEST_F(MpvMediaPlayerTest, ExactSeekLandsOnTargetTicksOnceAndCompletes) {
@@ -453,9 +503,28 @@ TEST(MpvMediaPlayerFactoryTest, HandsOutHookedPlayersOnTheGivenQueue) {
     EXPECT_EQ(hooked, 2);
     EXPECT_NE(a, b);
     ASSERT_NE(dynamic_cast<MpvMediaPlayer*>(a.get()), nullptr);
-    char* vo = mpv_get_property_string(dynamic_cast<MpvMediaPlayer*>(a.get())->handle(), "vo");
-    EXPECT_STREQ(vo, "null");
-    mpv_free(vo);
+    // The embedding is locked down: nothing from the user's mpv set-up, no scripts
+    // or downloads, no key bindings, and a bounded wait on the network.
+    auto* handle = dynamic_cast<MpvMediaPlayer*>(a.get())->handle();
+    const std::pair<const char*, const char*> expected[] = {
+        {"vo", "null"},
+        {"options/config", "no"},
+        {"options/ytdl", "no"},
+        {"options/load-scripts", "no"},
+        {"options/osc", "no"},
+        {"options/input-default-bindings", "no"},
+        {"options/idle", "yes"},
+        {"options/keep-open", "yes"},
+        {"options/terminal", "no"},
+    };
+    for (const auto& [name, value] : expected) {
+        char* actual = mpv_get_property_string(handle, name);
+        EXPECT_STREQ(actual, value) << name;
+        mpv_free(actual);
+    }
+    double timeout = 0;
+    mpv_get_property(handle, "options/network-timeout", MPV_FORMAT_DOUBLE, &timeout);
+    EXPECT_EQ(timeout, 10.0);
     queue->sync([&] {
         a.reset();
         b.reset();
