@@ -44,7 +44,8 @@ bool waitFor(const std::function<bool()>& probe, double seconds) {
 
 double percentile(std::vector<double> v, double p) {
     std::sort(v.begin(), v.end());
-    size_t i = std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size() - 1) + 0.5));
+    size_t i =
+        std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size() - 1) + 0.5));
     return v[i];
 }
 
@@ -57,23 +58,28 @@ int main() {
         return 1;
     }
     VPLogger::setSink([](const std::string&) {});  // keep the output to the numbers
-    const fs::path dir = fs::temp_directory_path() / ("kavelin-bench-screen-" + std::to_string(getpid()));
+    const fs::path dir =
+        fs::temp_directory_path() / ("kavelin-bench-screen-" + std::to_string(getpid()));
     fs::create_directories(dir);
     const std::string clip = (dir / "clip.mp4").string();
     if (std::system(("ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi -i "
                      "testsrc2=size=1280x720:rate=30:duration=120 -c:v libx264 -preset ultrafast "
-                     "-pix_fmt yuv420p '" + clip + "'").c_str()) != 0)
+                     "-pix_fmt yuv420p '" +
+                     clip + "'")
+                        .c_str()) != 0)
         return 1;
 
-    const std::string thumbs = std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/Thumbnails/";
+    const std::string thumbs =
+        std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/Thumbnails/";
     std::shared_ptr<VideoPlayerService> service;
     std::shared_ptr<WindowPresenter> window;
     mainQueue().sync([&] {
         window = std::dynamic_pointer_cast<WindowPresenter>(Platform::current().presenter);
         std::vector<Video> videos;
         for (int i = 1; i <= 8; ++i)
-            videos.emplace_back("v" + std::to_string(i), "file://" + clip, "Test card " + std::to_string(i),
-                                "pl", thumbs + "sample-1-0" + std::to_string(i) + ".svg");
+            videos.emplace_back("v" + std::to_string(i), "file://" + clip,
+                                "Test card " + std::to_string(i), "pl",
+                                thumbs + "sample-1-0" + std::to_string(i) + ".svg");
         playlists() = {Playlist("pl", "Bench", thumbs + "playlist-1.svg", std::nullopt, videos),
                        Playlist("pl-2", "Next", thumbs + "playlist-2.svg", std::nullopt, videos)};
         service = std::make_shared<VideoPlayerService>(Platform::current());
@@ -82,7 +88,8 @@ int main() {
     });
     if (!window) return 1;
     auto pc = service->playerController;
-    if (!waitFor([&] { return pc->isPlaying && !pc->showLoading && pc->showPlaylist; }, 30)) return 1;
+    if (!waitFor([&] { return pc->isPlaying && !pc->showLoading && pc->showPlaylist; }, 30))
+        return 1;
     std::this_thread::sleep_for(std::chrono::seconds(1));  // thumbnails in, rail settled
 
     // Frame time while playing with the rail up: each frame draws the newest
@@ -98,7 +105,9 @@ int main() {
         mainQueue().sync([&] {
             auto start = std::chrono::steady_clock::now();
             window->renderNow();
-            ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+            ms.push_back(
+                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                    .count());
         });
     }
     std::printf("screen_frame_ms_median: %.3f\n", percentile(ms, 0.5));

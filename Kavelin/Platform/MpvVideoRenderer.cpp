@@ -14,7 +14,9 @@
 namespace kavelin {
 
 namespace {
-void* procAddress(void*, const char* name) { return SDL_GL_GetProcAddress(name); }
+void* procAddress(void*, const char* name) {
+    return SDL_GL_GetProcAddress(name);
+}
 
 // What mpv's update callback needs; lives as long as the render context.
 struct UpdateTarget {

@@ -25,7 +25,7 @@ namespace kavelin {
 // newest finished texture. Each attached player is kept alive until nobody else
 // holds it, so that its render context is freed before mpv itself goes away.
 class MpvVideoRenderer final : public VideoRenderer {
-public:
+  public:
     // `renderContext` shares objects with the window's context and is used only
     // by the render thread. `onNewFrame` runs on the main queue.
     MpvVideoRenderer(std::shared_ptr<MainQueue> queue, SDL_Window* window, void* renderContext,
@@ -45,7 +45,7 @@ public:
     void detachAll();
     size_t attachedCount() const { return entries_.size(); }
 
-private:
+  private:
     static constexpr int kSlots = 3;
     struct Slot {
         unsigned texture = 0;

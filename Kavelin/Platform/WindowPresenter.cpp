@@ -168,7 +168,8 @@ bool WindowPresenter::ensureWindow() {
     SDL_GL_SetAttribute(SDL_GL_SHARE_WITH_CURRENT_CONTEXT, 0);
     SDL_GL_MakeCurrent(window_, glContext_);
     if (renderGlContext_)
-        renderer_ = std::make_shared<MpvVideoRenderer>(queue_, window_, renderGlContext_, invalidate);
+        renderer_ =
+            std::make_shared<MpvVideoRenderer>(queue_, window_, renderGlContext_, invalidate);
     else
         VPLogger::warning(std::string("⚠️ No OpenGL context for video: ") + SDL_GetError());
     VideoRenderer::install(renderer_);

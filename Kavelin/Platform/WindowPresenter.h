@@ -80,7 +80,7 @@ class WindowPresenter final : public ScreenPresenter,
     SDL_Window* window_ = nullptr;
     void* glContext_ = nullptr;
     void* renderGlContext_ = nullptr;  // shares textures; mpv's render thread owns it
-    void* imgui_ = nullptr;  // ImGuiContext
+    void* imgui_ = nullptr;            // ImGuiContext
     bool windowFailed_ = false;
     std::shared_ptr<MpvVideoRenderer> renderer_;
     uint64_t presentations_ = 0;

@@ -1,8 +1,8 @@
 #include "Kavelin/views/VideoSurfaces.h"
 
-#include <cmath>
-
 #include <imgui.h>
+
+#include <cmath>
 #include <numbers>
 
 #include "Kavelin/Extentions/Color+Ext.h"

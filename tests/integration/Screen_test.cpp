@@ -25,7 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 class XvfbEnvironment : public ::testing::Environment {
-public:
+  public:
     void SetUp() override {
         display_ = std::make_unique<test::XvfbDisplay>();
         ASSERT_TRUE(display_->ok()) << "no X server for the window";
@@ -35,7 +35,7 @@ public:
         display_.reset();
     }
 
-private:
+  private:
     std::unique_ptr<test::XvfbDisplay> display_;
 };
 
@@ -129,10 +129,13 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     auto pc = service->playerController;
 
     ASSERT_TRUE(waitFor(
-        [&] { return pc->isPlaying && !pc->showLoading && pc->showPlaylist && pc->currentTime > 0.5; },
+        [&] {
+            return pc->isPlaying && !pc->showLoading && pc->showPlaylist && pc->currentTime > 0.5;
+        },
         20))
         << "playing " << pc->isPlaying.get() << " loading " << pc->showLoading.get() << " rail "
-        << pc->showPlaylist.get() << " at " << pc->currentTime.get() << " of " << pc->duration.get();
+        << pc->showPlaylist.get() << " at " << pc->currentTime.get() << " of "
+        << pc->duration.get();
 
     // mpv hands its pictures over on its own schedule: look until one is up.
     WindowPresenter::Capture shot;
@@ -145,7 +148,11 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
             layout = VideoPlayerView::layout(state, {0, 0, 1280, 720}, 1);
             video = aspectFitRect(640, 360, layout.videoArea);
         });
-        return share(shot, {video.x + 8, video.y + 110, 60, 80}, isRed) > 0.95;
+        // The rail has finished sliding in once the strip above its cards is black
+        // right under the picture's bottom edge.
+        return share(shot, {video.x + 8, video.y + 110, 60, 80}, isRed) > 0.95 &&
+               share(shot, {video.x + 8, video.bottom() - 4, 60, 2}, isRed) > 0.95 &&
+               share(shot, {0, layout.rail.y + 2, 1280, 8}, isBlack) > 0.95;
     };
     for (int i = 0; i < 100 && !videoShown(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));

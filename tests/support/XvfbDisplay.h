@@ -8,7 +8,7 @@ namespace kavelin::test {
 // and set up so the library picks its window presenter (KAVELIN_HEADLESS unset,
 // a 1280x720 window). Stops the server it started when destroyed.
 class XvfbDisplay {
-public:
+  public:
     XvfbDisplay();
     ~XvfbDisplay();
     XvfbDisplay(const XvfbDisplay&) = delete;
@@ -16,7 +16,7 @@ public:
 
     bool ok() const { return ok_; }
 
-private:
+  private:
     pid_t pid_ = 0;
     bool ok_ = false;
 };
