@@ -52,6 +52,7 @@ double percentile(std::vector<double> v, double p) {
 }  // namespace
 
 int main() {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     test::XvfbDisplay display;
     if (!display.ok()) {
         std::fprintf(stderr, "no X server\n");

@@ -28,7 +28,7 @@ class WindowPresenter final : public ScreenPresenter,
     static constexpr double fadeSeconds = 0.35;
     static constexpr double activeFrameInterval = 1.0 / 60;
     // How often input is looked for while nothing changes on screen.
-    static constexpr double idlePollInterval = 1.0 / 20;
+    static constexpr double idlePollInterval = 0.1;
 
     explicit WindowPresenter(std::shared_ptr<ThreadMainQueue> queue);
     ~WindowPresenter() override;
