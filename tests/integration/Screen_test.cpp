@@ -179,6 +179,25 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     EXPECT_LT(share(shot, {30, cardTop + 20, 120, 70}, isBlack), 0.5);
     EXPECT_GT(share(shot, {0, layout.rail.y + 2, 1280, 8}, isBlack), 0.95);
 
+    // Space on the keyboard pauses, as the button does.
+    SDL_Event key{};
+    key.type = SDL_KEYDOWN;
+    key.key.keysym.sym = SDLK_SPACE;
+    key.key.windowID = SDL_GetWindowID(window->window());
+    ASSERT_EQ(SDL_PushEvent(&key), 1);
+    ASSERT_TRUE(waitFor([&] { return !pc->isPlaying; }, 5));
+
+    // Paused, with the fades over, nothing changes on screen and nothing is drawn.
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    uint64_t before = 0, after = 0;
+    mainQueue().sync([&] { before = window->framesRendered(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    mainQueue().sync([&] { after = window->framesRendered(); });
+    EXPECT_EQ(after, before);
+    // A change the controller publishes is drawn.
+    mainQueue().sync([&] { pc->showControls = false; });
+    EXPECT_TRUE(waitFor([&] { return window->framesRendered() > after; }, 2));
+
     // Back closes the window.
     mainQueue().sync([&] { pc->backToHome(); });
     EXPECT_TRUE(waitFor([&] { return !window->isShown(); }, 5));
