@@ -100,7 +100,7 @@ namespace {
 // duration of its own; wrapping it in an edit list of a fixed length gives the
 // player a real duration and a real end. Graphs carry no ',' or ';' (edit-list
 // separators).
-std::string lavfi(std::string_view graph, int seconds) {
+std::string sampleAddress(std::string_view graph, int seconds) {
     return "edl://file=av://lavfi:" + std::string(graph) + ",length=" + std::to_string(seconds);
 }
 
@@ -110,30 +110,31 @@ std::string thumbnail(std::string_view name) {
 
 Playlist makePlaylist1() {
     const std::string id = "sample-playlist-1";
-    return Playlist(id, "Test Patterns", thumbnail("playlist-1"),
-                    "Ten classic broadcast and test patterns, from colour bars to fractals.",
-                    {
-                        Video("sample-1-01", lavfi("testsrc2=size=480x270:rate=25", 30),
-                              "Moving Test Card", id, thumbnail("sample-1-01")),
-                        Video("sample-1-02", lavfi("testsrc=size=480x270:rate=25", 25),
-                              "Counting Gradient", id, thumbnail("sample-1-02")),
-                        Video("sample-1-03", lavfi("smptebars=size=480x270:rate=25", 40),
-                              "Colour Bars", id, thumbnail("sample-1-03")),
-                        Video("sample-1-04", lavfi("smptehdbars=size=480x270:rate=25", 35),
-                              "HD Colour Bars", id, thumbnail("sample-1-04")),
-                        Video("sample-1-05", lavfi("rgbtestsrc=size=480x270:rate=25", 20),
-                              "Red, Green and Blue", id, thumbnail("sample-1-05")),
-                        Video("sample-1-06", lavfi("yuvtestsrc=size=480x270:rate=25", 45),
-                              "Light and Colour", id, thumbnail("sample-1-06")),
-                        Video("sample-1-07", lavfi("mandelbrot=size=480x270:rate=25", 50),
-                              "Mandelbrot Dive", id, thumbnail("sample-1-07")),
-                        Video("sample-1-08", lavfi("life=size=480x270:rate=25:mold=10:seed=7", 40),
-                              "Game of Life", id, thumbnail("sample-1-08")),
-                        Video("sample-1-09", lavfi("cellauto=size=480x270:rate=25:rule=30", 30),
-                              "Rule Thirty", id, thumbnail("sample-1-09")),
-                        Video("sample-1-10", lavfi("pal100bars=size=480x270:rate=25", 25),
-                              "PAL Bars", id, thumbnail("sample-1-10")),
-                    });
+    return Playlist(
+        id, "Test Patterns", thumbnail("playlist-1"),
+        "Ten classic broadcast and test patterns, from colour bars to fractals.",
+        {
+            Video("sample-1-01", sampleAddress("testsrc2=size=480x270:rate=25", 30),
+                  "Moving Test Card", id, thumbnail("sample-1-01")),
+            Video("sample-1-02", sampleAddress("testsrc=size=480x270:rate=25", 25),
+                  "Counting Gradient", id, thumbnail("sample-1-02")),
+            Video("sample-1-03", sampleAddress("smptebars=size=480x270:rate=25", 40), "Colour Bars",
+                  id, thumbnail("sample-1-03")),
+            Video("sample-1-04", sampleAddress("smptehdbars=size=480x270:rate=25", 35),
+                  "HD Colour Bars", id, thumbnail("sample-1-04")),
+            Video("sample-1-05", sampleAddress("rgbtestsrc=size=480x270:rate=25", 20),
+                  "Red, Green and Blue", id, thumbnail("sample-1-05")),
+            Video("sample-1-06", sampleAddress("yuvtestsrc=size=480x270:rate=25", 45),
+                  "Light and Colour", id, thumbnail("sample-1-06")),
+            Video("sample-1-07", sampleAddress("mandelbrot=size=480x270:rate=25", 50),
+                  "Mandelbrot Dive", id, thumbnail("sample-1-07")),
+            Video("sample-1-08", sampleAddress("life=size=480x270:rate=25:mold=10:seed=7", 40),
+                  "Game of Life", id, thumbnail("sample-1-08")),
+            Video("sample-1-09", sampleAddress("cellauto=size=480x270:rate=25:rule=30", 30),
+                  "Rule Thirty", id, thumbnail("sample-1-09")),
+            Video("sample-1-10", sampleAddress("pal100bars=size=480x270:rate=25", 25), "PAL Bars",
+                  id, thumbnail("sample-1-10")),
+        });
 }
 
 Playlist makePlaylist2() {
@@ -141,16 +142,15 @@ Playlist makePlaylist2() {
     return Playlist(
         id, "Colours", thumbnail("playlist-2"), "Slow washes of colour to rest the eyes.",
         {
-            Video("sample-2-01", lavfi("gradients=size=480x270:rate=25:speed=0.02", 40),
+            Video("sample-2-01", sampleAddress("gradients=size=480x270:rate=25:speed=0.02", 40),
                   "Drifting Gradients", id, thumbnail("sample-2-01")),
-            Video("sample-2-02", lavfi("colorspectrum=size=480x270:rate=25:type=all", 20),
+            Video("sample-2-02", sampleAddress("colorspectrum=size=480x270:rate=25:type=all", 20),
                   "The Whole Spectrum", id, thumbnail("sample-2-02")),
             Video(
                 "sample-2-03",
-                lavfi(
-                    "gradients=size=480x270:rate=25:type=radial:c0=0xff8000:c1=0x0080ff:speed=0.01",
-                    25),
-                "Orange and Blue", id, thumbnail("sample-2-03")),
+                sampleAddress(
+                    "gradients=size=480x270:rate=25:type=radial:c0=orange:c1=teal:speed=0.01", 25),
+                "Orange and Teal", id, thumbnail("sample-2-03")),
         });
 }
 
@@ -160,15 +160,15 @@ Playlist makePlaylist3() {
         id, "Patterns in Motion", thumbnail("playlist-3"),
         "Shapes that grow, repeat and change all by themselves.",
         {
-            Video("sample-3-01", lavfi("sierpinski=size=480x270:rate=25:type=carpet", 30),
+            Video("sample-3-01", sampleAddress("sierpinski=size=480x270:rate=25:type=carpet", 30),
                   "Sierpinski Carpet", id, thumbnail("sample-3-01")),
             Video("sample-3-02",
-                  lavfi("cellauto=size=480x270:rate=25:rule=110:random_fill_ratio=0.5", 35),
+                  sampleAddress("cellauto=size=480x270:rate=25:rule=110:random_fill_ratio=0.5", 35),
                   "Rule One Hundred Ten", id, thumbnail("sample-3-02")),
-            Video("sample-3-03", lavfi("mptestsrc=rate=25", 30), "Motion Test", id,
+            Video("sample-3-03", sampleAddress("mptestsrc=rate=25", 30), "Motion Test", id,
                   thumbnail("sample-3-03")),
-            Video("sample-3-04", lavfi("testsrc2=size=480x270:rate=30", 60), "One Minute Test Card",
-                  id, thumbnail("sample-3-04")),
+            Video("sample-3-04", sampleAddress("testsrc2=size=480x270:rate=30", 60),
+                  "One Minute Test Card", id, thumbnail("sample-3-04")),
         });
 }
 
