@@ -27,7 +27,7 @@ namespace kavelin {
 // (advancing and ad gating).
 class PlayerController : public ObservableObject,
                          public std::enable_shared_from_this<PlayerController> {
-public:
+  public:
     // Always made shared: delayed tasks and observers hold it weakly.
     static std::shared_ptr<PlayerController> make(const Platform& platform = Platform::current());
     ~PlayerController() override;
@@ -125,7 +125,7 @@ public:
 
     const Platform& platform() const { return platform_; }
 
-private:
+  private:
     explicit PlayerController(Platform platform);
     void onClockTick(double t);
     void onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus);

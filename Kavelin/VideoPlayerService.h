@@ -6,8 +6,8 @@
 
 #include "Kavelin/Model/AdSessionTracker.h"
 #include "Kavelin/Model/Catalogue.h"
-#include "Kavelin/PlayerController.h"
 #include "Kavelin/Platform/Platform.h"
+#include "Kavelin/PlayerController.h"
 #include "Kavelin/Playlist/Controllers/PlaylistController.h"
 
 namespace kavelin {
@@ -15,12 +15,12 @@ namespace kavelin {
 // The facade behind the C entry points: ingests the catalogue and the policy,
 // starts playlists and routes the host's ad outcomes. Main queue only.
 class VideoPlayerService {
-public:
+  public:
     explicit VideoPlayerService(const Platform& platform = Platform::current());
 
+    const std::shared_ptr<AdSessionTracker> adSessionTracker;
     std::shared_ptr<PlayerController> playerController;
     std::shared_ptr<PlaylistController> playlistController;
-    const std::shared_ptr<AdSessionTracker> adSessionTracker;
 
     int currentIndex() const;
     void setCurrentIndex(int index);
@@ -57,8 +57,10 @@ public:
     std::vector<Playlist> mapToPlaylists(const std::vector<EpisodeResponse>& episodesResponse,
                                          const std::vector<PlaylistResponse>& playlistsResponse);
 
-private:
+  private:
     void mergeIfReady();
+    // A new controller that knows the service's ad session tracker.
+    std::shared_ptr<PlayerController> makePlayerController() const;
     void setFlagLater(Published<bool> PlayerController::*flag, bool value);
 
     Platform platform_;

@@ -55,9 +55,8 @@ void onEvent(const char* message) {
     }
 }
 
-const char* kPlaylists =
-    R"([{"id":"demo-1","name":"Shapes and Colours","thumbnail":""},)"
-    R"({"id":"demo-2","name":"Counting","thumbnail":""}])";
+const char* kPlaylists = R"([{"id":"demo-1","name":"Shapes and Colours","thumbnail":""},)"
+                         R"({"id":"demo-2","name":"Counting","thumbnail":""}])";
 
 const char* kPolicy = R"({
   "version": 1,
@@ -70,10 +69,11 @@ const char* kPolicy = R"({
 std::string episodes(const std::string& sampleUrlBase) {
     auto ep = [&](const char* index, const char* title, int seconds, const char* pattern) {
         char buf[512];
-        std::snprintf(buf, sizeof buf,
-                      R"({"index":"%s","url":"%s%s=duration=%d:size=640x360:rate=25","thumbnail":"",)"
-                      R"("title":"%s","isActive":1,"length":%d})",
-                      index, sampleUrlBase.c_str(), pattern, seconds, title, seconds);
+        std::snprintf(
+            buf, sizeof buf,
+            R"({"index":"%s","url":"%s%s=duration=%d:size=640x360:rate=25","thumbnail":"",)"
+            R"("title":"%s","isActive":1,"length":%d})",
+            index, sampleUrlBase.c_str(), pattern, seconds, title, seconds);
         return std::string(buf);
     };
     return "[{\"id\":\"demo-1\",\"episodes\":[" + ep("1", "Bars", 16, "smptebars") + "," +

@@ -12,7 +12,7 @@ namespace kavelin {
 // Whether one more ad may be asked for now: the per-session cap and the
 // wall-clock cooldown of the policy.
 class AdSessionTracker {
-public:
+  public:
     using Clock = std::function<std::chrono::system_clock::time_point()>;
 
     // `now` defaults to the system wall clock; tests pass their own.
@@ -27,7 +27,7 @@ public:
         return lastAdTimestamp_;
     }
 
-private:
+  private:
     Clock now_;
     int64_t totalAdsShown_ = 0;
     std::optional<std::chrono::system_clock::time_point> lastAdTimestamp_;

@@ -1,18 +1,17 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 namespace kavelin {
 
 // A decode failure; what() names the key and what was wrong with it.
 class DecodingError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
@@ -50,9 +49,8 @@ struct Playlist {
     std::vector<Video> videos;
 
     Playlist() = default;
-    Playlist(std::string id, std::optional<std::string> name,
-             std::optional<std::string> thumbnail, std::optional<std::string> description,
-             std::vector<Video> videos)
+    Playlist(std::string id, std::optional<std::string> name, std::optional<std::string> thumbnail,
+             std::optional<std::string> description, std::vector<Video> videos)
         : id(std::move(id)),
           name(std::move(name)),
           thumbnail(std::move(thumbnail)),

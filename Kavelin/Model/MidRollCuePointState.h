@@ -11,7 +11,7 @@ namespace kavelin {
 // The cue-point plan of the video that is playing, and the two pieces of ad state
 // the player controller keeps beside it. Never talks to the host.
 class MidRollCuePointState {
-public:
+  public:
     struct CuePoint {
         double timestamp = 0;
         bool consumed = false;

@@ -11,7 +11,7 @@ namespace kavelin {
 // state. Timers, posted tasks, media callbacks and (with a window) rendering all
 // run on it.
 class MainQueue {
-public:
+  public:
     virtual ~MainQueue() = default;
 
     // Runs the task after everything already queued for now.

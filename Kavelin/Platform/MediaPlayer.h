@@ -16,7 +16,7 @@ enum class TimeControlStatus { paused = 0, waitingToPlayAtSpecifiedRate = 1, pla
 // called from inside the call that registered it except the duration
 // observation's initial value.
 class MediaPlayer {
-public:
+  public:
     using ObserverId = uint64_t;  // 0 is never a valid id
 
     virtual ~MediaPlayer() = default;
@@ -64,7 +64,7 @@ public:
 // The controller drops its player when the viewer leaves and makes a new one on
 // the next load.
 class MediaPlayerFactory {
-public:
+  public:
     virtual ~MediaPlayerFactory() = default;
     virtual std::shared_ptr<MediaPlayer> makePlayer() = 0;
 };

@@ -1,9 +1,9 @@
 #include "Kavelin/Platform/Platform.h"
 
-#include "Kavelin/Platform/ThreadMainQueue.h"
-
 #include <cstdlib>
 #include <mutex>
+
+#include "Kavelin/Platform/ThreadMainQueue.h"
 
 namespace kavelin {
 namespace {
@@ -11,7 +11,9 @@ namespace {
 std::mutex gMutex;
 Platform* gPlatform = nullptr;  // leaked on purpose: lives until process exit
 
-void shutdownAtExit() { Platform::shutdown(); }
+void shutdownAtExit() {
+    Platform::shutdown();
+}
 
 }  // namespace
 

@@ -30,6 +30,8 @@ struct Platform {
 // The real platform for this machine (defined next to the real seams).
 Platform makeRealPlatform();
 
-inline MainQueue& mainQueue() { return *Platform::current().queue; }
+inline MainQueue& mainQueue() {
+    return *Platform::current().queue;
+}
 
 }  // namespace kavelin

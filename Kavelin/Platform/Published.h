@@ -11,12 +11,12 @@ namespace kavelin {
 // An object whose published properties announce every assignment. Views
 // subscribe to mark themselves dirty; tests subscribe to watch state change.
 class ObservableObject {
-public:
+  public:
     using Observer = std::function<void()>;
 
     // Keep the returned handle alive for as long as the observer should be called.
     class Subscription {
-    public:
+      public:
         Subscription() = default;
         explicit Subscription(std::function<void()> cancel) : cancel_(std::move(cancel)) {}
         Subscription(Subscription&& o) noexcept : cancel_(std::exchange(o.cancel_, nullptr)) {}
@@ -34,7 +34,7 @@ public:
             if (cancel_) std::exchange(cancel_, nullptr)();
         }
 
-    private:
+      private:
         std::function<void()> cancel_;
     };
 
@@ -60,7 +60,7 @@ public:
         for (auto& [id, fn] : snapshot) fn();
     }
 
-private:
+  private:
     struct Observers {
         uint64_t next = 0;
         std::vector<std::pair<uint64_t, Observer>> list;
@@ -71,7 +71,7 @@ private:
 // A property that notifies its owner on every assignment, equal value or not.
 template <typename T>
 class Published {
-public:
+  public:
     Published(ObservableObject* owner, T initial) : owner_(owner), value_(std::move(initial)) {}
     Published(const Published&) = delete;
     Published& operator=(const Published&) = delete;
@@ -85,7 +85,7 @@ public:
     operator const T&() const { return value_; }
     const T* operator->() const { return &value_; }
 
-private:
+  private:
     ObservableObject* owner_;
     T value_;
 };

@@ -6,6 +6,7 @@ namespace kavelin {
 Platform makeRealPlatform() {
     Platform p;
     p.queue = std::make_shared<ThreadMainQueue>();
+    p.defaults = std::make_shared<UserDefaults>(UserDefaults::defaultPath(), p.queue);
     p.wallClock = [] { return std::chrono::system_clock::now(); };
     return p;
 }

@@ -11,14 +11,14 @@ class PlaylistController;
 // The presented player screen, as the platform's hosting view controller: it owns
 // the view tree while shown.
 class HostingController {
-public:
+  public:
     virtual ~HostingController() = default;
 };
 
 // Puts the player screen over the host's interface and takes it down again. Both
 // completions run on the main queue once the animation is over.
 class ScreenPresenter {
-public:
+  public:
     virtual ~ScreenPresenter() = default;
 
     // Builds the screen for these controllers (not yet shown).

@@ -15,7 +15,9 @@ ThreadMainQueue::ThreadMainQueue() {
     ready.wait();
 }
 
-ThreadMainQueue::~ThreadMainQueue() { shutdown(); }
+ThreadMainQueue::~ThreadMainQueue() {
+    shutdown();
+}
 
 void ThreadMainQueue::shutdown() {
     {
@@ -82,7 +84,9 @@ void ThreadMainQueue::sync(const std::function<void()>& task) {
     finished.get();
 }
 
-bool ThreadMainQueue::isCurrent() const { return std::this_thread::get_id() == threadId_; }
+bool ThreadMainQueue::isCurrent() const {
+    return std::this_thread::get_id() == threadId_;
+}
 
 double ThreadMainQueue::now() const {
     return std::chrono::duration<double>(Clock::now() - start_).count();

@@ -14,7 +14,7 @@ namespace kavelin {
 
 // The real main queue: a library-owned thread with a timer heap.
 class ThreadMainQueue final : public MainQueue {
-public:
+  public:
     ThreadMainQueue();
     ~ThreadMainQueue() override;
 
@@ -32,7 +32,7 @@ public:
     // queue thread (the window uses it to pump input events).
     void setIdleHook(std::function<void()> hook, double intervalSeconds);
 
-private:
+  private:
     using Clock = std::chrono::steady_clock;
     struct Timed {
         Clock::time_point when;

@@ -3,10 +3,9 @@
 #include <cstddef>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "Kavelin/Platform/MainQueue.h"
 
@@ -18,7 +17,7 @@ namespace kavelin {
 // is rewritten coalesced (at most about once a second while values change, and
 // always on flush/teardown/process exit), atomically via temp file, fsync, rename.
 class UserDefaults {
-public:
+  public:
     // `file` is the JSON file; `queue` schedules the coalesced writes.
     UserDefaults(std::filesystem::path file, std::shared_ptr<MainQueue> queue);
     ~UserDefaults();  // flushes pending changes
@@ -27,7 +26,10 @@ public:
     static std::filesystem::path defaultPath();
 
     std::optional<nlohmann::json> object(const std::string& key) const;
-    void setObject(const std::string& key, nlohmann::json value);
+    // An equal value changes nothing and schedules no write; the const& form lets
+    // a caller re-store a large cached value every tick without copying it.
+    void setObject(const std::string& key, const nlohmann::json& value);
+    void setObject(const std::string& key, nlohmann::json&& value);
     void removeObject(const std::string& key);
 
     // Writes pending changes now (no-op when nothing changed).
@@ -36,7 +38,7 @@ public:
     // How many times the file was (re)written; benchmarks and tests read it.
     size_t fileWriteCount() const;
 
-private:
+  private:
     struct State;
     std::shared_ptr<State> state_;
 };

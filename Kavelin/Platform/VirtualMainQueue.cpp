@@ -17,7 +17,9 @@ void VirtualMainQueue::asyncAfter(double seconds, WorkItemPtr item) {
     scheduled_.emplace(std::make_pair(nowMicros_ + toMicros(seconds), seq_++), std::move(item));
 }
 
-void VirtualMainQueue::runUntilIdle() { advance(0); }
+void VirtualMainQueue::runUntilIdle() {
+    advance(0);
+}
 
 void VirtualMainQueue::advance(double seconds) {
     const int64_t target = nowMicros_ + toMicros(seconds);

@@ -12,7 +12,7 @@ namespace kavelin {
 // A main queue on virtual time for deterministic tests: nothing runs until the
 // test drains or advances it, and every call is treated as being on the queue.
 class VirtualMainQueue final : public MainQueue {
-public:
+  public:
     void async(std::function<void()> task) override;
     void asyncAfter(double seconds, WorkItemPtr item) override;
     using MainQueue::asyncAfter;
@@ -27,7 +27,7 @@ public:
     // Number of tasks and uncancelled delayed items still waiting.
     size_t pendingCount() const;
 
-private:
+  private:
     // Whole microseconds, so that ten 0.1 s steps land exactly on 1 s.
     static int64_t toMicros(double seconds);
     int64_t nowMicros_ = 0;

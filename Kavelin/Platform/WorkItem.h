@@ -9,7 +9,7 @@ namespace kavelin {
 // A cancellable unit of delayed work. Cancelling releases the block at once, so
 // whatever it captured does not outlive the cancellation.
 class WorkItem {
-public:
+  public:
     explicit WorkItem(std::function<void()> block) : block_(std::move(block)) {}
 
     void cancel() {
@@ -26,7 +26,7 @@ public:
         block();
     }
 
-private:
+  private:
     std::function<void()> block_;
     std::atomic<bool> cancelled_{false};
 };

@@ -87,8 +87,12 @@ void VPLogger::print(std::string_view message, LogType type, std::string_view fi
     std::fflush(stdout);
 }
 
-void VPLogger::setEnabled(bool enabled) { gEnabled.store(enabled); }
-bool VPLogger::isEnabled() { return gEnabled.load(); }
+void VPLogger::setEnabled(bool enabled) {
+    gEnabled.store(enabled);
+}
+bool VPLogger::isEnabled() {
+    return gEnabled.load();
+}
 
 void VPLogger::setSink(Sink s) {
     std::lock_guard lock(sinkMutex());

@@ -16,7 +16,7 @@ std::optional<LogType> logTypeFromRaw(std::string_view raw);
 // The library's one diagnostic channel: one tagged, time-stamped line per call on
 // standard output, flushed at once so a host piping our output sees every line.
 class VPLogger {
-public:
+  public:
     static void log(std::string_view message,
                     std::source_location where = std::source_location::current());
     static void warning(std::string_view message,

@@ -41,8 +41,10 @@ KAVELIN_EXPORT void registerUnityCallback(kavelin_event_callback callback);
 KAVELIN_EXPORT void loadVideo(const char* urlString);
 /* Starts or resumes playback; always echoes "OnVideoPlay:Started". Any thread. */
 KAVELIN_EXPORT void play(void);
-/* Pauses playback; always echoes "OnVideoPause:Paused". Any thread. */
-KAVELIN_EXPORT void pause(void);
+/* Pauses playback; always echoes "OnVideoPause:Paused". Any thread.
+ * The exported symbol is "pause"; in C and C++ it is declared as kavelin_pause
+ * because POSIX <unistd.h> already declares int pause(void). */
+KAVELIN_EXPORT void kavelin_pause(void) __asm__("pause");
 /* Pauses and rewinds to 0; always echoes "OnVideoStop:Stopped". Any thread. */
 KAVELIN_EXPORT void stop(void);
 /* Skips forward by `seconds`; always echoes "OnVideoSeekForward:<seconds>". Any thread. */

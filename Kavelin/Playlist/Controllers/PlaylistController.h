@@ -20,7 +20,7 @@ enum class VideoState { watching, nextVideo, completed, none };
 // playing, the end-of-video countdown, the next playlist, and the watched videos
 // of every playlist (kept across launches).
 class PlaylistController : public ObservableObject {
-public:
+  public:
     static constexpr const char* kCompletedVideosKey =
         "zelkin.playlistSDK.completedVideosByPlaylist";
 
@@ -54,7 +54,7 @@ public:
     void setNextPlaylist();
     std::vector<Playlist> loadAllplaylist() const;
 
-private:
+  private:
     // The watched set of the current playlist, without copying.
     const std::set<std::string>& completedVideoIDs() const;
     void setCompletedVideosByPlaylist(std::map<std::string, std::set<std::string>> map);
@@ -64,6 +64,8 @@ private:
     std::shared_ptr<UserDefaults> defaults_;
     WorkItemPtr timer_;  // nothing starts one; cancelCountdown clears it
     std::optional<std::string> countdownTriggeredForVideoID_;
+    // The watched map as last stored, kept so an unchanged map is not re-encoded.
+    std::optional<nlohmann::json> encodedCompletedVideos_;
 };
 
 }  // namespace kavelin

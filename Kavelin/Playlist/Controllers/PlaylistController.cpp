@@ -1,0 +1,196 @@
+#include "Kavelin/Playlist/Controllers/PlaylistController.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+
+#include "Kavelin/Platform/Platform.h"
+#include "Kavelin/log/VPLogger.h"
+
+namespace kavelin {
+namespace {
+
+// An empty catalogue here is a programming error of the embedding code: stop.
+const Playlist& firstPlaylistOrDie() {
+    auto& list = playlists();
+    if (list.empty()) {
+        std::fputs("Fatal error: Index out of range (the playlist catalogue is empty)\n", stderr);
+        std::fflush(stderr);
+        std::abort();
+    }
+    return list.front();
+}
+
+const std::set<std::string>& emptySet() {
+    static const std::set<std::string> empty;
+    return empty;
+}
+
+}  // namespace
+
+PlaylistController::PlaylistController(std::shared_ptr<UserDefaults> defaults)
+    : currentPlaylist(this, firstPlaylistOrDie()),
+      videos(currentPlaylist->videos),
+      defaults_(defaults ? std::move(defaults) : Platform::current().defaults) {
+    // Writing the loaded map straight back also replaces an unusable stored entry.
+    setCompletedVideosByPlaylist(loadCompletedVideos());
+}
+
+PlaylistController::~PlaylistController() {
+    VPLogger::log(
+        "🧼 PlaylistController instance cleaned up – resources released successfully!");
+}
+
+const std::set<std::string>& PlaylistController::completedVideoIDs() const {
+    const auto& map = completedVideosByPlaylist.get();
+    auto it = map.find(currentPlaylist->id);
+    return it == map.end() ? emptySet() : it->second;
+}
+
+VideoState PlaylistController::state(const Video& video) const {
+    // A watched video playing again shows as playing, one up next as up next.
+    if (currentVideoID.get() == video.id) return VideoState::watching;
+    if (countdownVideoID.get() == video.id) return VideoState::nextVideo;
+    if (completedVideoIDs().contains(video.id)) return VideoState::completed;
+    return VideoState::none;
+}
+
+int PlaylistController::remainingTimeFor(const Video& video) const {
+    return countdownVideoID.get() == video.id ? remainingTime.get() : 0;
+}
+
+void PlaylistController::videoStarted(const std::string& id) {
+    cancelCountdown();
+    currentVideoID = id;
+    countdownTriggeredForVideoID_.reset();
+}
+
+void PlaylistController::userSelectedVideo(const std::string& id) {
+    videoStarted(id);
+}
+
+void PlaylistController::videoCompleted(const std::string& id, double time) {
+    // Watched once the playhead reaches 10 s, not at the end of the video.
+    if (time < 10.0) return;
+
+    const auto& map = completedVideosByPlaylist.get();
+    auto entry = map.find(currentPlaylist->id);
+    if (entry != map.end() && entry->second.contains(id)) {
+        // Re-assigning an equal map, as happens on every tick past 10 s: announce
+        // and persist it like an assignment, without copying the map.
+        notifyChange();
+        persistCompletedVideos();
+    } else {
+        auto updated = map;
+        updated[currentPlaylist->id].insert(id);
+        setCompletedVideosByPlaylist(std::move(updated));
+    }
+
+    auto video =
+        std::find_if(videos.begin(), videos.end(), [&](const Video& v) { return v.id == id; });
+    if (video != videos.end()) video->isWatched = true;
+}
+
+void PlaylistController::triggerCountdownIfNeeded(const std::string& currentID,
+                                                  int remainingSeconds) {
+    if (remainingSeconds < 0 || remainingSeconds > 5) return;
+    auto current = std::find_if(videos.begin(), videos.end(),
+                                [&](const Video& v) { return v.id == currentID; });
+    // No countdown into the next playlist.
+    if (current == videos.end() || std::next(current) == videos.end()) return;
+    countdownVideoID = std::next(current)->id;
+    remainingTime = remainingSeconds;
+    countdownTriggeredForVideoID_ = currentID;
+}
+
+void PlaylistController::cancelCountdown() {
+    if (timer_) timer_->cancel();
+    timer_.reset();
+    countdownVideoID = std::nullopt;
+    remainingTime = 0;
+}
+
+std::optional<size_t> PlaylistController::firstUnwatchedVideoID() const {
+    const auto& watched = completedVideoIDs();
+    for (size_t i = 0; i < videos.size(); ++i)
+        if (!watched.contains(videos[i].id)) return i;
+    return std::nullopt;
+}
+
+std::optional<std::string> PlaylistController::nextVideoToPlayOnReturn() const {
+    if (videos.empty()) return std::nullopt;
+    if (auto index = firstUnwatchedVideoID()) return videos[*index].id;
+    // Everything watched: the playlist starts over.
+    return videos.front().id;
+}
+
+bool PlaylistController::allVideosWatched() const {
+    // Counts only: ids of videos no longer in the playlist still count.
+    return completedVideoIDs().size() == videos.size();
+}
+
+void PlaylistController::userSelectedPlaylist(const std::optional<Playlist>& playlist) {
+    cancelCountdown();
+    if (!playlist) return;
+    currentPlaylist = *playlist;
+    videos = playlist->videos;
+    currentVideoID = nextVideoToPlayOnReturn();
+    setNextPlaylist();
+}
+
+void PlaylistController::setNextPlaylist() {
+    const auto& list = playlists();
+    auto current = std::find_if(list.begin(), list.end(),
+                                [&](const Playlist& p) { return p.id == currentPlaylist->id; });
+    // The catalogue is a ring: after the last (or an unknown) playlist comes the first.
+    if (current != list.end() && std::next(current) != list.end())
+        nextPlaylist = *std::next(current);
+    else
+        nextPlaylist = firstPlaylistOrDie();
+}
+
+std::vector<Playlist> PlaylistController::loadAllplaylist() const {
+    return playlists();
+}
+
+void PlaylistController::setCompletedVideosByPlaylist(
+    std::map<std::string, std::set<std::string>> map) {
+    completedVideosByPlaylist = std::move(map);
+    encodedCompletedVideos_.reset();
+    persistCompletedVideos();
+}
+
+void PlaylistController::persistCompletedVideos() {
+    if (!defaults_) return;
+    if (!encodedCompletedVideos_) {
+        nlohmann::json encoded = nlohmann::json::object();
+        for (const auto& [playlistID, videoIDs] : completedVideosByPlaylist.get()) {
+            auto& array = encoded[playlistID] = nlohmann::json::array();
+            for (const auto& videoID : videoIDs) array.push_back(videoID);
+        }
+        encodedCompletedVideos_ = std::move(encoded);
+    }
+    // The store compares and ignores an unchanged value, so re-storing every tick
+    // costs one comparison and no write.
+    defaults_->setObject(kCompletedVideosKey, *encodedCompletedVideos_);
+}
+
+std::map<std::string, std::set<std::string>> PlaylistController::loadCompletedVideos() const {
+    std::map<std::string, std::set<std::string>> result;
+    if (!defaults_) return result;
+    auto stored = defaults_->object(kCompletedVideosKey);
+    if (!stored || !stored->is_object()) return result;
+    // Any foreign value anywhere makes the whole entry unusable.
+    for (const auto& [playlistID, videoIDs] : stored->items()) {
+        if (!videoIDs.is_array()) return {};
+        auto& set = result[playlistID];
+        for (const auto& videoID : videoIDs) {
+            if (!videoID.is_string()) return {};
+            set.insert(videoID.get<std::string>());
+        }
+    }
+    return result;
+}
+
+}  // namespace kavelin

@@ -1,0 +1,251 @@
+#include "Kavelin/VideoPlayerService.h"
+
+#include <algorithm>
+
+#include "Kavelin/log/VPLogger.h"
+
+namespace kavelin {
+
+VideoPlayerService::VideoPlayerService(const Platform& platform)
+    : adSessionTracker(std::make_shared<AdSessionTracker>(platform.wallClock)),
+      platform_(platform) {
+    playerController = makePlayerController();
+    playlistController = std::make_shared<PlaylistController>(platform.defaults);
+}
+
+std::shared_ptr<PlayerController> VideoPlayerService::makePlayerController() const {
+    auto controller = PlayerController::make(platform_);
+    controller->adSessionTracker = adSessionTracker;
+    return controller;
+}
+
+int VideoPlayerService::currentIndex() const {
+    return playerController ? playerController->currentIndex.get() : 0;
+}
+
+void VideoPlayerService::setCurrentIndex(int index) {
+    if (playerController) playerController->currentIndex = index;
+}
+
+void VideoPlayerService::loadVideo(const std::string& urlString) {
+    if (playerController) playerController->loadVideo(urlString);
+}
+
+void VideoPlayerService::play() {
+    if (playerController) playerController->play();
+}
+
+void VideoPlayerService::pause() {
+    if (playerController) playerController->pause();
+}
+
+void VideoPlayerService::stop() {
+    if (playerController) playerController->stop();
+}
+
+void VideoPlayerService::seekForward(double seconds) {
+    if (playerController) playerController->seekForward(seconds);
+}
+
+void VideoPlayerService::seekBackward(double seconds) {
+    if (playerController) playerController->seekBackward(seconds);
+}
+
+void VideoPlayerService::cleanup() {
+    if (!playerController) return;
+    playerController->cleanup();
+    playerController.reset();
+}
+
+void VideoPlayerService::seekTo(double value) {
+    if (playerController) playerController->seekTo(value);
+}
+
+void VideoPlayerService::setURLS(std::vector<std::string> urls) {
+    if (!playerController) playerController = makePlayerController();
+    playerController->setURLS(std::move(urls));
+}
+
+void VideoPlayerService::setFlagLater(Published<bool> PlayerController::*flag, bool value) {
+    // Deferred on purpose: a flag set right after setURLS lands after the current work.
+    // The service lives as long as the process, so `this` outlives the task.
+    platform_.queue->async([this, flag, value] {
+        if (playerController) (*playerController).*flag = value;
+    });
+}
+
+void VideoPlayerService::setShowForwardButton(bool show) {
+    setFlagLater(&PlayerController::showForwardButton, show);
+}
+void VideoPlayerService::setShowBackwordButton(bool show) {
+    setFlagLater(&PlayerController::showBackwordButton, show);
+}
+void VideoPlayerService::setShowBack10Button(bool show) {
+    setFlagLater(&PlayerController::showBack10Button, show);
+}
+void VideoPlayerService::setShowFor10Button(bool show) {
+    setFlagLater(&PlayerController::showFor10Button, show);
+}
+void VideoPlayerService::setShowPlayPauseButton(bool show) {
+    setFlagLater(&PlayerController::showPlayPauseButton, show);
+}
+void VideoPlayerService::setShowBackButton(bool show) {
+    setFlagLater(&PlayerController::showBackButton, show);
+}
+void VideoPlayerService::setShowLogo(bool show) {
+    setFlagLater(&PlayerController::showLogo, show);
+}
+void VideoPlayerService::setShowSeekbar(bool show) {
+    setFlagLater(&PlayerController::showSeekbar, show);
+}
+void VideoPlayerService::setShowTimeDuration(bool show) {
+    setFlagLater(&PlayerController::showTimeDration, show);
+}
+
+void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
+    try {
+        playlistsResponse_ = decodePlaylistResponses(jsonString);
+    } catch (const DecodingError& e) {
+        VPLogger::error(std::string("❌ Failed to decode playlists: ") + e.what());
+        return;
+    }
+    VPLogger::log("✅ Playlist metadata received from Unity");
+    mergeIfReady();
+}
+
+void VideoPlayerService::setEpisodesFromUnity(std::string_view jsonString) {
+    try {
+        episodesResponse_ = decodeEpisodeResponses(jsonString);
+    } catch (const DecodingError& e) {
+        VPLogger::error(std::string("❌ Failed to decode episodes: ") + e.what());
+        return;
+    }
+    VPLogger::log("✅ Episodes received from Unity");
+    mergeIfReady();
+}
+
+void VideoPlayerService::mergeIfReady() {
+    if (episodesResponse_.empty()) {
+        VPLogger::warning("⏳ Waiting for episodes...");
+        return;
+    }
+    if (playlistsResponse_.empty()) {
+        VPLogger::warning("⏳ Waiting for playlists...");
+        return;
+    }
+    VPLogger::log("🔄 Merging data...");
+    playlists() = mapToPlaylists(episodesResponse_, playlistsResponse_);
+    VPLogger::log("✅ Final playlists ready: " + std::to_string(playlists().size()));
+}
+
+std::vector<Playlist> VideoPlayerService::mapToPlaylists(
+    const std::vector<EpisodeResponse>& episodesResponse,
+    const std::vector<PlaylistResponse>& playlistsResponse) {
+    std::vector<Playlist> result;
+    result.reserve(playlistsResponse.size());
+    for (const auto& response : playlistsResponse) {
+        auto group = std::find_if(episodesResponse.begin(), episodesResponse.end(),
+                                  [&](const EpisodeResponse& e) { return e.id == response.id; });
+        if (group == episodesResponse.end()) {
+            VPLogger::warning("No episodes found for playlistId: " + response.id);
+            continue;
+        }
+        std::vector<Video> videos;
+        videos.reserve(group->episodes.size());
+        for (const auto& episode : group->episodes) videos.push_back(episode.toVideo(response.id));
+        result.emplace_back(response.id, response.name, response.thumbnail, std::nullopt,
+                            std::move(videos));
+        VPLogger::log("Mapped playlist: " + response.name + " with " +
+                      std::to_string(result.back().videos.size()) + " videos");
+    }
+    return result;
+}
+
+std::vector<Playlist> VideoPlayerService::getAllPlaylists() const {
+    return playlists();
+}
+
+void VideoPlayerService::playPlaylist(const std::string& playlistId) {
+    const auto& all = playlists();
+    auto found =
+        std::find_if(all.begin(), all.end(), [&](const Playlist& p) { return p.id == playlistId; });
+    if (found == all.end()) {
+        VPLogger::error("❌ Playlist not found");
+        return;
+    }
+    if (found->videos.empty()) {
+        VPLogger::error("❌ Playlist has no videos");
+        return;
+    }
+    // Copy before handing over: selecting a playlist may run code that replaces the list.
+    const Playlist playlist = *found;
+    if (!playlistController)
+        playlistController = std::make_shared<PlaylistController>(platform_.defaults);
+    if (!playerController) return;
+    playerController->playlistController = playlistController;
+    playerController->onPlaylistSelected(playlist);
+}
+
+void VideoPlayerService::setPremium(bool isPremium) {
+    subscriptionStatus() = isPremium ? SubscriptionStatus::premium : SubscriptionStatus::free;
+    VPLogger::log("✅ Subscription updated:" + std::string(rawValue(subscriptionStatus())));
+    if (!isPremium) return;
+    if (playerController) playerController->midRollCuePointState.reset();
+    adSessionTracker->reset();
+}
+
+void VideoPlayerService::setMidRollAdConfig(std::string_view jsonString) {
+    MidRollAdConfig config;
+    try {
+        config = MidRollAdConfig::decode(jsonString);
+    } catch (const DecodingError& e) {
+        VPLogger::warning(std::string("⚠️ Failed to decode mid-roll config: ") + e.what());
+        return;
+    }
+    if (!playerController) return;
+    playerController->midRollConfig = config;
+    VPLogger::log("✅ Mid-roll ad config loaded (v" + std::to_string(config.version) +
+                  "): " + std::to_string(config.durationBuckets.size()) + " buckets");
+}
+
+void VideoPlayerService::AdCompletedResumePlayback() {
+    if (!playerController) return;
+    auto controller = playerController;  // the calls below may run host callbacks
+    adSessionTracker->recordAdShown();
+    VPLogger::log("🎯 Ad completed, resuming playback");
+
+    if (controller->midRollCuePointState.isShowingAd) {
+        controller->resumeAfterMidRollAd();
+        const auto& urls = controller->getURLs();
+        const int index = controller->currentIndex;
+        if (index < 0 || static_cast<size_t>(index) >= urls.size()) {
+            VPLogger::warning("⚠️ No video at index " + std::to_string(index) + " to resume");
+            return;
+        }
+        controller->loadVideo(urls[static_cast<size_t>(index)]);
+        return;
+    }
+
+    controller->shouldWaitForAd = false;
+    if (controller->pendingVideo) {
+        const Video video = *controller->pendingVideo;
+        int index = 0;
+        if (playlistController) {
+            const auto& videos = playlistController->videos;
+            auto it = std::find_if(videos.begin(), videos.end(),
+                                   [&](const Video& v) { return v.id == video.id; });
+            if (it != videos.end()) index = static_cast<int>(it - videos.begin());
+        }
+        controller->currentIndex = index;
+        controller->loadVideo(video.url);
+        controller->pendingVideo.reset();
+    } else if (controller->pendingNextIndex) {
+        const int index = *controller->pendingNextIndex;
+        controller->playNext(index);
+        controller->pendingNextIndex.reset();
+    } else {
+        controller->play();
+    }
+}
+
+}  // namespace kavelin

@@ -1,0 +1,70 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "Kavelin/log/VPLogger.h"
+
+using namespace kavelin;
+
+class VPLoggerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        VPLogger::setSink([this](const std::string& line) { lines.push_back(line); });
+    }
+    void TearDown() override {
+        VPLogger::setSink(nullptr);
+        VPLogger::setEnabled(true);
+    }
+    std::vector<std::string> lines;
+};
+
+TEST_F(VPLoggerTest, LineHasTagTimestampLevelFileLineAndMessage) {
+    VPLogger::log("🎯 Ad completed, resuming playback");
+    const int line = __LINE__ - 1;
+    ASSERT_EQ(lines.size(), 1u);
+    const std::regex format(
+        R"(\[QORVA_VIDEO_PLAYER\] - \d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2} : \[LOG\] \[VPLogger_test\.cpp:(\d+)\] 🎯 Ad completed, resuming playback)");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(lines[0], m, format)) << lines[0];
+    EXPECT_EQ(std::stoi(m[1]), line);
+}
+
+TEST_F(VPLoggerTest, LevelsAreNamedAsTheHostFiltersThem) {
+    VPLogger::warning("⏳ Waiting for episodes...");
+    VPLogger::error("❌ Playlist not found");
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_NE(lines[0].find(" : [WARNING] ["), std::string::npos);
+    EXPECT_NE(lines[1].find(" : [ERROR] ["), std::string::npos);
+    EXPECT_EQ(logTypeFromRaw("WARNING"), LogType::warning);
+    EXPECT_EQ(logTypeFromRaw("warning"), std::nullopt);
+}
+
+TEST_F(VPLoggerTest, FileWithoutSlashIsPrintedWholeAndEmptyMessageKeepsTheBlank) {
+    VPLogger::print("", LogType::log, "Plain.swift", 7);
+    ASSERT_EQ(lines.size(), 1u);
+    const std::string tail = "[LOG] [Plain.swift:7] ";
+    ASSERT_GE(lines[0].size(), tail.size());
+    EXPECT_EQ(lines[0].substr(lines[0].size() - tail.size()), tail);
+}
+
+TEST_F(VPLoggerTest, DisabledLoggerWritesNothing) {
+    VPLogger::setEnabled(false);
+    VPLogger::log("hidden");
+    VPLogger::error("hidden too");
+    EXPECT_TRUE(lines.empty());
+    VPLogger::setEnabled(true);
+    VPLogger::log("visible");
+    EXPECT_EQ(lines.size(), 1u);
+}
+
+TEST(VPLoggerStdout, EachLineReachesStandardOutputWithItsLineFeed) {
+    testing::internal::CaptureStdout();
+    VPLogger::log("✅ one");
+    VPLogger::log("✅ two");
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2);
+    EXPECT_NE(out.find("✅ one\n"), std::string::npos);
+    EXPECT_NE(out.find("✅ two\n"), std::string::npos);
+}
