@@ -1,17 +1,14 @@
 #include "Kavelin/Platform/UserDefaults.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <mutex>
-#include <sstream>
 #include <system_error>
 #include <vector>
 
@@ -22,9 +19,7 @@ namespace kavelin {
 namespace {
 // Coalescing window: a burst of changes reaches the file once, about this late.
 constexpr double kFlushDelaySeconds = 1.0;
-}  // namespace
 
-namespace {
 struct ExitFlushable {
     virtual ~ExitFlushable() = default;
     virtual void flushAtExit() = 0;

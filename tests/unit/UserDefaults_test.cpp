@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "Kavelin/Platform/Platform.h"
+#include "Kavelin/Platform/ThreadMainQueue.h"
 #include "Kavelin/Platform/VirtualMainQueue.h"
 #include "Kavelin/log/VPLogger.h"
 
@@ -121,6 +123,27 @@ TEST_F(UserDefaultsTest, DefaultPathFollowsXdgConfigHomeThenHome) {
 
     if (oldXdg) ::setenv("XDG_CONFIG_HOME", savedXdg.c_str(), 1);
     if (oldHome) ::setenv("HOME", savedHome.c_str(), 1);
+}
+
+TEST_F(UserDefaultsTest, TheRealPlatformStoreLivesUnderXdgConfigHome) {
+    const char* oldXdg = std::getenv("XDG_CONFIG_HOME");
+    const std::string savedXdg = oldXdg ? oldXdg : "";
+    ::setenv("XDG_CONFIG_HOME", dir.c_str(), 1);
+    {
+        Platform real = makeRealPlatform();
+        ASSERT_TRUE(real.defaults);
+        real.queue->sync([&] {
+            real.defaults->setObject("k", "v");
+            real.defaults->flush();
+        });
+        EXPECT_EQ(real.defaults->fileWriteCount(), 1u);
+        if (auto* thread = dynamic_cast<ThreadMainQueue*>(real.queue.get())) thread->shutdown();
+    }
+    EXPECT_EQ(json::parse(readFile(file)), (json{{"k", "v"}}));
+    if (oldXdg)
+        ::setenv("XDG_CONFIG_HOME", savedXdg.c_str(), 1);
+    else
+        ::unsetenv("XDG_CONFIG_HOME");
 }
 
 // ---- Coalesced writes ------------------------------------------------------
