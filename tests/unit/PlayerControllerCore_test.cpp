@@ -182,6 +182,11 @@ TEST(URLString, AcceptsWhatThePlayerCanOpen) {
     }
 }
 
+TEST(URLString, AcceptsEverySampleCatalogueAddress) {
+    for (const auto& playlist : Playlist::allPlaylists())
+        for (const auto& v : playlist.videos) EXPECT_TRUE(isValidURLString(v.url)) << v.url;
+}
+
 TEST(URLString, RejectsWhatIsNotAURL) {
     for (const char* bad :
          {"", "not a url", "http://a b/c", "http://host/\x01", "http://host/é", "://x", "1http://x",
