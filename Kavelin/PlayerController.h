@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Kavelin/Model/AdSessionTracker.h"
@@ -129,8 +130,16 @@ class PlayerController : public ObservableObject,
     explicit PlayerController(Platform platform);
     void onClockTick(double t);
     void onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus);
+    bool adAllowedByTracker() const;
+    // Loads urls[index], or logs and ignores an index outside the list.
+    bool loadURLAt(int index, std::string_view caller);
 
     Platform platform_;
+    // Nesting depth of loadVideo: play() inside a load must not start another load.
+    int loadDepth_ = 0;
+    // Bumped by cleanup() so callbacks hopping onto the queue for an earlier item
+    // are dropped.
+    uint64_t itemGeneration_ = 0;
 };
 
 }  // namespace kavelin

@@ -1,3 +1,4 @@
+#include "Kavelin/Platform/HeadlessPresenter.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/ThreadMainQueue.h"
 
@@ -6,6 +7,7 @@ namespace kavelin {
 Platform makeRealPlatform() {
     Platform p;
     p.queue = std::make_shared<ThreadMainQueue>();
+    p.presenter = std::make_shared<HeadlessPresenter>(p.queue);
     p.defaults = std::make_shared<UserDefaults>(UserDefaults::defaultPath(), p.queue);
     p.wallClock = [] { return std::chrono::system_clock::now(); };
     return p;

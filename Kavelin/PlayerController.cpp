@@ -1,0 +1,334 @@
+#include "Kavelin/PlayerController.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "Kavelin/Extentions/URLString.h"
+#include "Kavelin/VideoPlayerBridgging.h"
+#include "Kavelin/log/VPLogger.h"
+
+namespace kavelin {
+namespace {
+
+// Stand-in play order until the host sends its own: a generated test pattern,
+// so nothing reaches the network.
+constexpr const char* kPlaceholderStream = "av://lavfi:testsrc2=duration=30:size=640x360:rate=25";
+
+constexpr double kClockInterval = 0.1;
+// Position changes smaller than this are not published (clock jitter).
+constexpr double kPublishThreshold = 0.05;
+constexpr double kSeekTolerance = 0.1;
+
+}  // namespace
+
+std::shared_ptr<PlayerController> PlayerController::make(const Platform& platform) {
+    std::shared_ptr<PlayerController> controller(new PlayerController(platform));
+    if (platform.players) controller->player = platform.players->makePlayer();
+    return controller;
+}
+
+PlayerController::PlayerController(Platform platform)
+    : urls(5, kPlaceholderStream), platform_(std::move(platform)) {}
+
+PlayerController::~PlayerController() {
+    VPLogger::log("🧼 PlayerController instance cleaned up – resources released successfully!");
+}
+
+void PlayerController::setURLS(std::vector<std::string> newURLs) {
+    urls = std::move(newURLs);
+}
+
+void PlayerController::attachPlaylist(const std::shared_ptr<PlaylistController>& playlist) {
+    playlistController = playlist;
+    if (!playlist) return;
+    const int index = currentIndex;
+    if (index < 0 || index >= static_cast<int>(playlist->videos.size())) {
+        VPLogger::warning("⚠️ attachPlaylist: current index " + std::to_string(index) +
+                          " is outside the playlist's " + std::to_string(playlist->videos.size()) +
+                          " videos; current video left unchanged");
+        return;
+    }
+    playlist->currentVideoID = playlist->videos[static_cast<size_t>(index)].id;
+}
+
+std::string PlayerController::currentVideoID() const {
+    auto playlist = playlistController.lock();
+    if (!playlist) return "";
+    const int index = currentIndex;
+    if (index < 0 || index >= static_cast<int>(playlist->videos.size())) return "";
+    return playlist->videos[static_cast<size_t>(index)].id;
+}
+
+void PlayerController::loadVideo(const std::string& urlString) {
+    VPLogger::log("current index: " + std::to_string(currentIndex.get()));
+    showLoadingUI(true);
+    if (!isValidURLString(urlString)) {
+        VPLogger::warning("⚠️ Not a valid URL, nothing loaded: " + urlString);
+        return;
+    }
+    // A host callback run from inside may drop the service's reference to us.
+    const auto keepAlive = shared_from_this();
+    struct DepthGuard {
+        int& depth;
+        explicit DepthGuard(int& d) : depth(d) { ++depth; }
+        ~DepthGuard() { --depth; }
+    } depthGuard(loadDepth_);
+    cleanup();
+
+    if (!player.get() && platform_.players) player = platform_.players->makePlayer();
+    auto mediaPlayer = player.get();
+    std::weak_ptr<PlayerController> weak = weak_from_this();
+    if (mediaPlayer) {
+        mediaPlayer->replaceCurrentItem(urlString);
+        statusObservation = mediaPlayer->addStatusObserver(
+            [weak](TimeControlStatus oldStatus, TimeControlStatus newStatus) {
+                if (auto self = weak.lock()) self->onStatusChange(oldStatus, newStatus);
+            });
+        isObservingTimeControlStatus = true;
+    }
+    observeDuration();
+    addPeriodicTimeObserver();
+
+    const int index = currentIndex;
+    const int last = static_cast<int>(urls.size()) - 1;
+    if (index == 0) {
+        disableBackButton = true;
+        disbleForwardButton = false;
+    } else if (index == last) {
+        disbleForwardButton = true;
+        disableBackButton = false;
+    } else {
+        disableBackButton = false;
+        disbleForwardButton = false;
+    }
+
+    if (mediaPlayer) {
+        endOfItemObservation = mediaPlayer->addEndOfItemObserver([weak] {
+            if (auto self = weak.lock()) self->playerDidFinishPlaying();
+        });
+    }
+
+    if (!hostingController) presentVideoPlayer();
+    // cleanup() above has already cleared the resume position, so in practice every
+    // load starts from the beginning; the seek branch is kept for a position set
+    // between the two.
+    if (midRollResumePosition) {
+        if (mediaPlayer) {
+            mediaPlayer->seek(*midRollResumePosition, 0, 0, [weak](bool) {
+                if (auto self = weak.lock()) self->play();
+            });
+        }
+        midRollResumePosition.reset();
+    } else {
+        play();
+    }
+    autoHideControls();
+    if (auto playlist = playlistController.lock()) playlist->videoStarted(currentVideoID());
+}
+
+void PlayerController::play() {
+    const auto keepAlive = shared_from_this();  // the echo below reaches host code
+    auto mediaPlayer = player.get();
+    if (isPlaying && mediaPlayer && mediaPlayer->timeControlStatus() == TimeControlStatus::playing)
+        return;
+    sendUnityMessage("OnVideoPlay", "true");
+    if (subscriptionStatus() == SubscriptionStatus::free && shouldWaitForAd) {
+        VPLogger::log("⛔ Blocking playback until Ad finishes");
+        return;
+    }
+    const int index = currentIndex;
+    if (loadDepth_ == 0 && index >= 0 && index < static_cast<int>(urls.size()) &&
+        !hostingController)
+        loadVideo(urls[static_cast<size_t>(index)]);
+
+    isPlaying = true;
+    showLoadingUI(false);
+    autoHideControls();
+    shouldBePlayingAfterResume = true;
+    autoPlayCurrentVideo = false;
+    scheduleHalfScreenAutoReturn();
+    if (auto p = player.get()) p->play();
+}
+
+void PlayerController::pause() {
+    auto mediaPlayer = player.get();
+    const bool playerPaused =
+        !mediaPlayer || mediaPlayer->timeControlStatus() == TimeControlStatus::paused;
+    if (!isPlaying && playerPaused) return;
+    isPlaying = false;
+    cancelAutoHide();
+    showControls = true;
+    shouldBePlayingAfterResume = false;
+    if (mediaPlayer) mediaPlayer->pause();
+}
+
+void PlayerController::stop() {
+    pause();
+    autoHideControls();
+    seekTo(0);
+}
+
+void PlayerController::seekTo(double value) {
+    if (shouldWaitForAd) return;
+    auto mediaPlayer = player.get();
+    const double from = mediaPlayer ? mediaPlayer->currentTime() : 0;
+    if (subscriptionStatus() == SubscriptionStatus::free) {
+        if (auto cue = midRollCuePointState.handleSeek(from, value)) {
+            midRollCuePointState.seekTargetAfterAd = value;
+            triggerMidRollAd(*cue);
+            return;
+        }
+    }
+    if (mediaPlayer) mediaPlayer->seek(value, kSeekTolerance, kSeekTolerance);
+}
+
+void PlayerController::seekForward(double seconds) {
+    auto mediaPlayer = player.get();
+    const double target = (mediaPlayer ? mediaPlayer->currentTime() : 0) + seconds;
+    autoHideControls();
+    seekTo(target);
+}
+
+void PlayerController::seekBackward(double seconds) {
+    auto mediaPlayer = player.get();
+    const double target = std::max((mediaPlayer ? mediaPlayer->currentTime() : 0) - seconds, 0.0);
+    autoHideControls();
+    seekTo(target);
+}
+
+void PlayerController::showLoadingUI(bool show) {
+    showLoading = show;
+}
+
+void PlayerController::addPeriodicTimeObserver() {
+    auto mediaPlayer = player.get();
+    if (!mediaPlayer) {
+        timeObserverToken = 0;
+        return;
+    }
+    if (timeObserverToken) mediaPlayer->removeTimeObserver(timeObserverToken);
+    std::weak_ptr<PlayerController> weak = weak_from_this();
+    timeObserverToken = mediaPlayer->addPeriodicTimeObserver(kClockInterval, [weak](double t) {
+        if (auto self = weak.lock()) self->onClockTick(t);
+    });
+}
+
+void PlayerController::onClockTick(double t) {
+    if (!std::isfinite(t)) return;
+    if (!isScrubbing && std::abs(currentTime - t) > kPublishThreshold) currentTime = t;
+    if (duration <= 0) return;
+
+    if (subscriptionStatus() == SubscriptionStatus::free && isPlaying && !isScrubbing &&
+        !shouldWaitForAd && adAllowedByTracker()) {
+        if (auto cue = midRollCuePointState.cuePointToTrigger(t)) {
+            triggerMidRollAd(*cue);
+            return;
+        }
+    }
+
+    const double left = std::trunc(duration - currentTime);
+    const int remaining = static_cast<int>(std::clamp(left, -1e9, 1e9));
+    auto playlist = playlistController.lock();
+    if (!playlist || !playlist->currentVideoID.get()) return;
+    const std::string id = *playlist->currentVideoID.get();
+    playlist->videoCompleted(id, currentTime);
+    playlist->triggerCountdownIfNeeded(id, remaining);
+    if (remaining < 6 && !dismissedCountdownRail) showPlaylist = true;
+}
+
+void PlayerController::observeDuration() {
+    auto mediaPlayer = player.get();
+    if (!mediaPlayer || !mediaPlayer->hasCurrentItem()) return;
+    if (durationObservation) mediaPlayer->invalidateDurationObservation(durationObservation);
+    durationObservation = 0;
+    std::weak_ptr<PlayerController> weak = weak_from_this();
+    const uint64_t generation = itemGeneration_;
+    durationObservation = mediaPlayer->observeDuration([weak, generation](double seconds) {
+        if (!std::isfinite(seconds) || seconds <= 0) return;
+        auto self = weak.lock();
+        if (!self) return;
+        self->platform_.queue->async([weak, generation, seconds] {
+            auto self = weak.lock();
+            if (!self || self->itemGeneration_ != generation) return;
+            self->duration = seconds;
+            if (subscriptionStatus() == SubscriptionStatus::free &&
+                !self->midRollCuePointState.hasCuePoints()) {
+                std::optional<std::string> videoId;
+                if (auto playlist = self->playlistController.lock())
+                    videoId = playlist->currentVideoID.get();
+                self->midRollCuePointState.computeCuePoints(seconds, videoId, self->midRollConfig);
+            }
+        });
+    });
+}
+
+void PlayerController::onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus) {
+    if (newStatus == oldStatus) return;
+    platform_.queue->async([weak = weak_from_this(), newStatus] {
+        auto self = weak.lock();
+        if (!self) return;
+        self->showLoadingUI(newStatus == TimeControlStatus::waitingToPlayAtSpecifiedRate);
+    });
+}
+
+std::string PlayerController::formatTime(double seconds) {
+    if (!std::isfinite(seconds)) return "00:00";
+    // Clamp before converting: huge values would not fit an integer.
+    const double whole = std::trunc(std::clamp(seconds, 0.0, 9.0e15));
+    const auto s = static_cast<long long>(whole);
+    char buf[48];
+    std::snprintf(buf, sizeof buf, "%02lld:%02lld", s / 60, s % 60);
+    return buf;
+}
+
+void PlayerController::cleanup() {
+    auto mediaPlayer = player.get();
+    if (timeObserverToken && mediaPlayer) mediaPlayer->removeTimeObserver(timeObserverToken);
+    timeObserverToken = 0;
+    if (isObservingTimeControlStatus && mediaPlayer)
+        mediaPlayer->removeStatusObserver(statusObservation);
+    isObservingTimeControlStatus = false;
+    statusObservation = 0;
+    if (endOfItemObservation && mediaPlayer)
+        mediaPlayer->removeEndOfItemObserver(endOfItemObservation);
+    endOfItemObservation = 0;
+    if (durationObservation && mediaPlayer)
+        mediaPlayer->invalidateDurationObservation(durationObservation);
+    durationObservation = 0;
+    ++itemGeneration_;
+
+    if (mediaPlayer) {
+        mediaPlayer->pause();
+        mediaPlayer->seek(0, 0, 0);
+        mediaPlayer->replaceCurrentItem(std::nullopt);
+    }
+
+    currentTime = 0;
+    duration = 0;
+    isPlaying = false;
+    isScrubbing = false;
+    wasPlayingBeforeScrub = false;
+
+    midRollCuePointState.reset();
+    midRollResumePosition.reset();
+    if (midRollFallbackWorkItem) std::exchange(midRollFallbackWorkItem, nullptr)->cancel();
+}
+
+bool PlayerController::adAllowedByTracker() const {
+    auto tracker = adSessionTracker.lock();
+    return !tracker || tracker->canShowAd(midRollConfig);
+}
+
+bool PlayerController::loadURLAt(int index, std::string_view caller) {
+    if (index < 0 || index >= static_cast<int>(urls.size())) {
+        VPLogger::warning("⚠️ " + std::string(caller) + ": index " + std::to_string(index) +
+                          " is outside the " + std::to_string(urls.size()) +
+                          " stream addresses; ignored");
+        return false;
+    }
+    loadVideo(urls[static_cast<size_t>(index)]);
+    return true;
+}
+
+}  // namespace kavelin

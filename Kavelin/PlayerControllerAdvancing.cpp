@@ -1,0 +1,192 @@
+#include <algorithm>
+
+#include "Kavelin/Extentions/NumberFormatting.h"
+#include "Kavelin/PlayerController.h"
+#include "Kavelin/VideoPlayerBridgging.h"
+#include "Kavelin/log/VPLogger.h"
+
+namespace kavelin {
+namespace {
+
+bool isFree() {
+    return subscriptionStatus() == SubscriptionStatus::free;
+}
+
+// Position of the first video with this id, if any.
+std::optional<int> indexOfVideo(const std::vector<Video>& videos, const std::string& id) {
+    auto it =
+        std::find_if(videos.begin(), videos.end(), [&](const Video& v) { return v.id == id; });
+    if (it == videos.end()) return std::nullopt;
+    return static_cast<int>(it - videos.begin());
+}
+
+}  // namespace
+
+void PlayerController::playerDidFinishPlaying() {
+    const auto keepAlive = shared_from_this();  // events reach host code
+    auto playlist = playlistController.lock();
+    if (!playlist || !playlist->currentVideoID.get()) return;
+    auto found = indexOfVideo(playlist->videos, *playlist->currentVideoID.get());
+    if (!found) return;
+    const int index = *found;
+    const std::string text = std::to_string(index);
+    sendUnityMessage("OnVideoFinished", text);
+
+    if (isFree() && adAllowedByTracker()) {
+        switchScreenBack_and_forth();
+        shouldWaitForAd = true;
+        pendingNextIndex = index;
+        sendUnityMessage("OnNextVideoAdRequired", text);
+        return;
+    }
+    playNextVideo(index);
+}
+
+void PlayerController::playNextVideo(int index) {
+    auto playlist = playlistController.lock();
+    if (!playlist) return;
+    showLoadingUI(true);
+    const int next = index + 1;
+    if (next >= static_cast<int>(urls.size())) {
+        playNextPlaylist();
+        return;
+    }
+    if (next < 0 || next >= static_cast<int>(playlist->videos.size())) {
+        VPLogger::warning("⚠️ playNextVideo: index " + std::to_string(next) +
+                          " has no video in the playlist (" +
+                          std::to_string(playlist->videos.size()) + " videos); ignored");
+        return;
+    }
+    currentIndex = next;
+    const Video video = playlist->videos[static_cast<size_t>(next)];
+    VPLogger::log("▶️ Playing next video at index: " + std::to_string(next));
+    loadVideo(video.url);
+    playlist->videoStarted(video.id);
+}
+
+void PlayerController::playNextPlaylist() {
+    auto playlist = playlistController.lock();
+    if (!playlist) return;
+    // The catalogue is a ring: after the last playlist comes the first.
+    const Playlist chosen = playlist->nextPlaylist.get() ? *playlist->nextPlaylist.get()
+                                                         : playlist->currentPlaylist.get();
+    playlist->currentPlaylist = chosen;
+    playlist->setNextPlaylist();
+    playlist->videos = chosen.videos;
+
+    std::vector<std::string> addresses;
+    addresses.reserve(chosen.videos.size());
+    for (const auto& video : chosen.videos) addresses.push_back(video.url);
+    setURLS(std::move(addresses));
+    currentIndex = 0;
+    if (chosen.videos.empty()) {
+        VPLogger::warning("⚠️ playNextPlaylist: playlist " + chosen.id +
+                          " has no videos; nothing to play");
+        return;
+    }
+    loadVideo(urls[0]);
+    playlist->videoStarted(chosen.videos[0].id);
+}
+
+void PlayerController::nextVideo() {
+    if (currentIndex < static_cast<int>(urls.size()) - 1) {
+        currentIndex = currentIndex + 1;
+        autoHideControls();
+        loadURLAt(currentIndex, "nextVideo");
+    } else {
+        disbleForwardButton = true;
+    }
+}
+
+void PlayerController::prevVideo() {
+    if (currentIndex < 1) {
+        disableBackButton = true;
+        return;
+    }
+    currentIndex = currentIndex - 1;
+    autoHideControls();
+    loadURLAt(currentIndex, "prevVideo");
+}
+
+void PlayerController::playApprovedVideo() {
+    if (currentIndex < static_cast<int>(urls.size())) loadURLAt(currentIndex, "playApprovedVideo");
+}
+
+void PlayerController::onVideoSelected(const Video& video) {
+    const auto keepAlive = shared_from_this();  // events reach host code
+    showPlaylist = false;
+    if (isFree()) {
+        // Every tile choice by a free viewer asks for an ad, whatever the tracker says.
+        switchScreenBack_and_forth();
+        shouldWaitForAd = true;
+        pendingVideo = video;
+        sendUnityMessage("OnVideoTileClicked", video.id);
+        return;
+    }
+    showLoadingUI(true);
+    std::optional<int> index;
+    if (auto playlist = playlistController.lock()) index = indexOfVideo(playlist->videos, video.id);
+    currentIndex = index.value_or(0);
+    loadVideo(video.url);
+}
+
+void PlayerController::onPlaylistSelected(const Playlist& selected) {
+    showLoadingUI(true);
+    dismissedCountdownRail = false;
+    auto playlist = playlistController.lock();
+    if (!playlist) {
+        showLoadingUI(false);
+        VPLogger::error("PlaylistController not initialized");
+        return;
+    }
+    playlist->userSelectedPlaylist(selected);
+    VPLogger::log("playlist: " + selected.id);
+
+    urls.clear();
+    std::vector<std::string> addresses;
+    addresses.reserve(playlist->videos.size());
+    for (const auto& video : playlist->videos) addresses.push_back(video.url);
+    setURLS(std::move(addresses));
+
+    const auto first = playlist->firstUnwatchedVideoID();
+    currentIndex = first ? static_cast<int>(*first) : 0;
+    loadURLAt(currentIndex, "onPlaylistSelected");
+}
+
+void PlayerController::triggerMidRollAd(double cue) {
+    const auto keepAlive = shared_from_this();  // events reach host code
+    midRollCuePointState.markConsumed(cue);
+    midRollCuePointState.isShowingAd = true;
+    if (auto p = player.get())
+        midRollResumePosition = p->currentTime();
+    else
+        midRollResumePosition.reset();
+    shouldWaitForAd = true;
+    const std::string cueText = formatDouble("%.1f", cue);
+    VPLogger::log("⏱️ Mid-roll ad triggered at " + cueText + "s");
+    if (auto p = player.get()) p->pause();
+    isPlaying = false;
+    switchScreenBack_and_forth();
+    sendUnityMessage("OnMidRollAdRequired", cueText);
+
+    if (midRollFallbackWorkItem) midRollFallbackWorkItem->cancel();
+    midRollFallbackWorkItem = makeWorkItem([weak = weak_from_this()] {
+        auto self = weak.lock();
+        if (!self || !self->midRollCuePointState.isShowingAd) return;
+        VPLogger::log("⏱️ Mid-roll ad timeout — auto-resuming");
+        self->resumeAfterMidRollAd();
+    });
+    platform_.queue->asyncAfter(midRollConfig.adTimeoutSeconds, midRollFallbackWorkItem);
+}
+
+void PlayerController::resumeAfterMidRollAd() {
+    if (midRollFallbackWorkItem) std::exchange(midRollFallbackWorkItem, nullptr)->cancel();
+    midRollCuePointState.isShowingAd = false;
+    shouldWaitForAd = false;
+    if (midRollCuePointState.seekTargetAfterAd) {
+        midRollResumePosition = midRollCuePointState.seekTargetAfterAd;
+        midRollCuePointState.seekTargetAfterAd.reset();
+    }
+}
+
+}  // namespace kavelin

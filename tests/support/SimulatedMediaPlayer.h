@@ -1,0 +1,183 @@
+#pragma once
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Kavelin/Platform/MediaPlayer.h"
+#include "Kavelin/Platform/VirtualMainQueue.h"
+
+namespace kavelin::testing {
+
+// What the simulated players know about media, shared by every player a factory
+// makes. A URL registered here becomes ready `readyAfter` virtual seconds after it
+// is attached; an unknown URL never becomes ready unless a default duration is set.
+class SimulatedMediaLibrary {
+  public:
+    struct Media {
+        double duration = 0;
+        double readyAfter = 0;
+        bool neverReady = false;
+    };
+
+    void add(const std::string& url, double duration, double readyAfter = 0) {
+        media_[url] = Media{duration, readyAfter, false};
+    }
+    void addNeverReady(const std::string& url) { media_[url] = Media{0, 0, true}; }
+    // Unknown URLs play with this duration instead of never becoming ready.
+    void setDefaultDuration(std::optional<double> duration) { defaultDuration_ = duration; }
+
+    std::optional<Media> find(const std::string& url) const {
+        if (auto it = media_.find(url); it != media_.end()) return it->second;
+        if (defaultDuration_) return Media{*defaultDuration_, 0, false};
+        return std::nullopt;
+    }
+
+  private:
+    std::map<std::string, Media> media_;
+    std::optional<double> defaultDuration_;
+};
+
+// A media player on the virtual-time queue: playback advances with virtual time,
+// items become ready after a delay, seeks land after `seekLatency`, stalls can be
+// injected. Callbacks arrive through the queue, never from inside the call that
+// caused them (except the duration observation's initial value, as documented).
+class SimulatedMediaPlayer final : public MediaPlayer,
+                                   public std::enable_shared_from_this<SimulatedMediaPlayer> {
+  public:
+    struct SeekCall {
+        double target;
+        double toleranceBefore;
+        double toleranceAfter;
+        bool hasCompletion;
+    };
+
+    static constexpr double seekLatency = 0.05;
+
+    SimulatedMediaPlayer(std::shared_ptr<VirtualMainQueue> queue,
+                         std::shared_ptr<SimulatedMediaLibrary> library);
+    ~SimulatedMediaPlayer() override;
+
+    void replaceCurrentItem(std::optional<std::string> url) override;
+    bool hasCurrentItem() const override { return item_ != nullptr; }
+    void play() override;
+    void pause() override;
+    double currentTime() const override;
+    TimeControlStatus timeControlStatus() const override { return status_; }
+    ObserverId addStatusObserver(
+        std::function<void(TimeControlStatus, TimeControlStatus)> observer) override;
+    void removeStatusObserver(ObserverId id) override;
+    ObserverId addPeriodicTimeObserver(double interval,
+                                       std::function<void(double)> observer) override;
+    void removeTimeObserver(ObserverId id) override;
+    ObserverId observeDuration(std::function<void(double)> observer) override;
+    void invalidateDurationObservation(ObserverId id) override;
+    void seek(double seconds, double toleranceBefore, double toleranceAfter,
+              std::function<void(bool)> completion = {}) override;
+    ObserverId addEndOfItemObserver(std::function<void()> observer) override;
+    void removeEndOfItemObserver(ObserverId id) override;
+
+    // Test controls.
+    // Playback freezes in "waiting to play" for `seconds`, then carries on.
+    void stall(double seconds);
+
+    // What the tests read.
+    size_t statusObserverCount() const { return statusObservers_.size(); }
+    size_t timeObserverCount() const { return timeObservers_.size(); }
+    size_t durationObservationCount() const { return durationObservers_.size(); }
+    size_t endOfItemObserverCount() const { return endObservers_.size(); }
+    std::optional<std::string> currentURL() const;
+    double itemDuration() const;  // not-a-number until ready
+    bool wantsToPlay() const { return wantsToPlay_; }
+
+    int playCalls = 0;
+    int pauseCalls = 0;
+    std::vector<SeekCall> seeks;
+    std::vector<std::optional<std::string>> replacedItems;
+
+  private:
+    struct Item {
+        uint64_t generation;
+        std::string url;
+        double duration = std::numeric_limits<double>::quiet_NaN();
+        bool ready = false;
+        double position = 0;     // at `anchor` while advancing, or frozen
+        double anchor = 0;       // queue time the position was taken at
+        bool advancing = false;  // position moves with the queue clock
+        bool stalled = false;
+        bool ended = false;
+    };
+    struct TimeObserver {
+        double interval;
+        std::function<void(double)> fn;
+        WorkItemPtr tick;
+    };
+    struct BoundObserver {
+        uint64_t generation;
+        std::function<void()> fn;
+    };
+    struct DurationObserver {
+        uint64_t generation;
+        std::function<void(double)> fn;
+    };
+
+    void freezePosition();
+    void updatePlayback();  // recomputes status, clock and end-of-item scheduling
+    void setStatus(TimeControlStatus status);
+    void scheduleTick(ObserverId id);
+    void cancelTicks();
+    void deliverTimeToAll();
+    void becomeReady(uint64_t generation);
+    void reachEnd(uint64_t generation);
+    void cancelPendingSeek();
+    template <typename F>
+    void post(F&& f);
+
+    std::shared_ptr<VirtualMainQueue> queue_;
+    std::shared_ptr<SimulatedMediaLibrary> library_;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    std::unique_ptr<Item> item_;
+    uint64_t generation_ = 0;
+    ObserverId nextId_ = 1;
+    bool wantsToPlay_ = false;
+    TimeControlStatus status_ = TimeControlStatus::paused;
+    std::map<ObserverId, std::function<void(TimeControlStatus, TimeControlStatus)>>
+        statusObservers_;
+    std::map<ObserverId, TimeObserver> timeObservers_;
+    std::map<ObserverId, DurationObserver> durationObservers_;
+    std::map<ObserverId, BoundObserver> endObservers_;
+    WorkItemPtr endTask_;
+    WorkItemPtr stallTask_;
+    WorkItemPtr seekTask_;
+    std::function<void(bool)> seekCompletion_;
+};
+
+// Makes simulated players and keeps track of them for the tests.
+class SimulatedMediaPlayerFactory final : public MediaPlayerFactory {
+  public:
+    SimulatedMediaPlayerFactory(std::shared_ptr<VirtualMainQueue> queue,
+                                std::shared_ptr<SimulatedMediaLibrary> library)
+        : queue_(std::move(queue)), library_(std::move(library)) {}
+
+    std::shared_ptr<MediaPlayer> makePlayer() override;
+
+    int playersMade() const { return static_cast<int>(players_.size()); }
+    // The most recent player still alive, if any.
+    std::shared_ptr<SimulatedMediaPlayer> lastPlayer() const;
+    // Sums over every player still alive.
+    size_t liveStatusObservers() const;
+    size_t liveTimeObservers() const;
+    size_t liveDurationObservations() const;
+    size_t liveEndOfItemObservers() const;
+
+  private:
+    std::shared_ptr<VirtualMainQueue> queue_;
+    std::shared_ptr<SimulatedMediaLibrary> library_;
+    std::vector<std::weak_ptr<SimulatedMediaPlayer>> players_;
+};
+
+}  // namespace kavelin::testing

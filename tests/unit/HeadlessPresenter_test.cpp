@@ -1,0 +1,56 @@
+// The display-less presenter completes like an animated window would.
+#include "Kavelin/Platform/HeadlessPresenter.h"
+
+#include <gtest/gtest.h>
+
+#include "Kavelin/Platform/VirtualMainQueue.h"
+
+namespace kavelin {
+namespace {
+
+TEST(HeadlessPresenter, CompletesAfterTheAnimationAndNeverInline) {
+    auto queue = std::make_shared<VirtualMainQueue>();
+    auto presenter = std::make_shared<HeadlessPresenter>(queue);
+    auto screen = presenter->makeHostingController(nullptr, nullptr);
+    ASSERT_NE(screen, nullptr);
+
+    int presented = 0, dismissed = 0;
+    presenter->present(screen, true, [&] { ++presented; });
+    EXPECT_EQ(presented, 0);
+    queue->advance(HeadlessPresenter::animationSeconds - 0.01);
+    EXPECT_EQ(presented, 0);
+    EXPECT_EQ(presenter->presented(), nullptr);
+    queue->advance(0.01);
+    EXPECT_EQ(presented, 1);
+    EXPECT_EQ(presenter->presented(), screen);
+
+    presenter->dismiss(screen, false, [&] { ++dismissed; });
+    EXPECT_EQ(dismissed, 0);  // even unanimated, it completes on a later turn
+    queue->runUntilIdle();
+    EXPECT_EQ(dismissed, 1);
+    EXPECT_EQ(presenter->presented(), nullptr);
+    EXPECT_EQ(presenter->presentCount(), 1);
+    EXPECT_EQ(presenter->dismissCount(), 1);
+}
+
+TEST(HeadlessPresenter, TopMostViewControllerCanBeTakenAway) {
+    auto queue = std::make_shared<VirtualMainQueue>();
+    HeadlessPresenter presenter(queue);
+    EXPECT_TRUE(presenter.hasTopMostViewController());
+    presenter.setHasTopMostViewController(false);
+    EXPECT_FALSE(presenter.hasTopMostViewController());
+}
+
+TEST(HeadlessPresenter, CompletionOutlivingThePresenterStillRuns) {
+    auto queue = std::make_shared<VirtualMainQueue>();
+    auto presenter = std::make_shared<HeadlessPresenter>(queue);
+    auto screen = presenter->makeHostingController(nullptr, nullptr);
+    bool done = false;
+    presenter->dismiss(screen, true, [&] { done = true; });
+    presenter.reset();
+    queue->advance(1);
+    EXPECT_TRUE(done);
+}
+
+}  // namespace
+}  // namespace kavelin

@@ -1,0 +1,294 @@
+// Advancing through playlists and gating on the host's ads, on virtual time.
+#include <Kavelin/Kavelin.h>
+
+#include "support/PlayerControllerFixture.h"
+
+namespace kavelin::testing {
+namespace {
+
+const HostEvent kPlay{"OnVideoPlay", "true"};
+HostEvent finished(int i) {
+    return {"OnVideoFinished", std::to_string(i)};
+}
+
+using Advancing = PlayerControllerTest;
+
+TEST_F(Advancing, PremiumViewerPlaysThroughAndRingsBackToTheFirstPlaylist) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    startPlaylist("pl-1");
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+
+    // pl-1 has three clips, pl-2 two; then the ring starts pl-1 again.
+    vp.advance(5 * kClip + 1);
+    const Events expected = {kPlay, finished(0), kPlay, finished(1), kPlay, finished(2),
+                             kPlay, finished(0), kPlay, finished(1), kPlay};
+    EXPECT_EQ(events.events(), expected);
+    EXPECT_EQ(playlist->currentPlaylist->id, "pl-1");
+    EXPECT_EQ(playlist->nextPlaylist.get()->id, "pl-2");
+    EXPECT_EQ(pc->currentIndex.get(), 0);
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+    EXPECT_EQ(playlist->currentVideoID.get(), "a0");
+    EXPECT_EQ(logs.count("▶️ Playing next video at index: 1"), 2u);  // a1 and b1
+    EXPECT_EQ(logs.count("▶️ Playing next video at index: 2"), 1u);
+    EXPECT_EQ(logs.count("playlist: pl-1"), 1u);
+    EXPECT_TRUE(logs.contains("current index: 2"));
+    EXPECT_EQ(events.count("OnNextVideoAdRequired"), 0u);
+    EXPECT_EQ(events.count("OnViewDismissed"), 0u);
+}
+
+TEST_F(Advancing, SinglePlaylistCatalogueStartsThatPlaylistAgain) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    playlists().resize(1);
+    startPlaylist("pl-1");
+    vp.advance(3 * kClip + 1);
+    EXPECT_EQ(playlist->currentPlaylist->id, "pl-1");
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+    EXPECT_EQ(events.count("OnVideoFinished"), 3u);
+}
+
+TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
+    startPlaylist("pl-1");
+    events.clear();
+    vp.advance(kClip);
+    EXPECT_EQ(events.take(), (Events{finished(0), {"OnNextVideoAdRequired", "0"}}));
+    EXPECT_TRUE(pc->shouldWaitForAd);
+    EXPECT_EQ(pc->pendingNextIndex, 0);
+
+    vp.advance(0.1);  // teardown
+    EXPECT_FALSE(simPlayer()->hasCurrentItem());
+    EXPECT_TRUE(events.events().empty());
+    vp.advance(0.25);  // dismissal animation over
+    EXPECT_EQ(events.take(), (Events{{"OnViewDismissed", "ad_required"}}));
+    EXPECT_TRUE(logs.contains("View Dismissed — waiting for ad"));
+    EXPECT_EQ(pc->hostingController, nullptr);
+
+    // Nothing plays while the host shows its ad; play() is refused but still echoed.
+    pc->play();
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_TRUE(logs.contains("⛔ Blocking playback until Ad finishes"));
+    EXPECT_FALSE(simPlayer()->hasCurrentItem());
+    EXPECT_FALSE(pc->isPlaying);
+
+    service->AdCompletedResumePlayback();
+    EXPECT_TRUE(logs.contains("🎯 Ad completed, resuming playback"));
+    EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 1);
+    EXPECT_FALSE(pc->shouldWaitForAd);
+    EXPECT_FALSE(pc->pendingNextIndex.has_value());
+    EXPECT_EQ(pc->currentIndex.get(), 1);
+    EXPECT_EQ(playingURL(), urlOf("a1"));
+    EXPECT_NE(pc->hostingController, nullptr);
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_TRUE(logs.contains("▶️ Playing next video at index: 1"));
+    vp.advance(1);
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_GT(pc->currentTime.get(), 0.5);
+}
+
+TEST_F(Advancing, AdAfterTheLastVideoOfAPlaylistMovesToTheNextPlaylist) {
+    pc->midRollConfig = policy({});  // no cooldown between the two ads
+    startPlaylist("pl-2");
+    for (int i = 0; i < 2; ++i) {
+        vp.advance(kClip + 0.5);
+        service->AdCompletedResumePlayback();
+        vp.runUntilIdle();
+    }
+    EXPECT_EQ(playlist->currentPlaylist->id, "pl-1");
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+    EXPECT_EQ(events.count("OnNextVideoAdRequired"), 2u);
+}
+
+TEST_F(Advancing, PlayWhileBlockedOnlyEchoesAndLogs) {
+    startPlaylist("pl-1");
+    pc->pause();
+    events.clear();
+    SetAdRequired(true);
+    EXPECT_TRUE(pc->shouldWaitForAd);
+    const int playsBefore = simPlayer()->playCalls;
+    pc->play();
+    pc->play();
+    EXPECT_EQ(events.take(), (Events{kPlay, kPlay}));
+    EXPECT_EQ(logs.count("⛔ Blocking playback until Ad finishes"), 2u);
+    EXPECT_EQ(simPlayer()->playCalls, playsBefore);
+    EXPECT_FALSE(pc->isPlaying);
+
+    // Seeks are ignored while blocked, whatever the tier.
+    const size_t seeksBefore = simPlayer()->seeks.size();
+    pc->seekTo(12);
+    EXPECT_EQ(simPlayer()->seeks.size(), seeksBefore);
+
+    SetAdRequired(false);
+    pc->play();
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_EQ(simPlayer()->playCalls, playsBefore + 1);
+}
+
+TEST_F(Advancing, PremiumViewerIsNeverBlocked) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    startPlaylist("pl-1");
+    pc->pause();
+    SetAdRequired(true);
+    pc->play();
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_FALSE(logs.contains("⛔ Blocking playback until Ad finishes"));
+}
+
+TEST_F(Advancing, FreeTileTapAsksForAnAdThenPlaysTheChosenVideo) {
+    startPlaylist("pl-1");
+    pc->showPlaylist = true;
+    events.clear();
+    pc->onVideoSelected(video("pl-1", 2));
+    EXPECT_FALSE(pc->showPlaylist);
+    EXPECT_TRUE(pc->shouldWaitForAd);
+    EXPECT_EQ(events.take(), (Events{{"OnVideoTileClicked", "a2"}}));
+    vp.advance(0.35);
+    EXPECT_EQ(events.take(), (Events{{"OnViewDismissed", "ad_required"}}));
+
+    service->AdCompletedResumePlayback();
+    EXPECT_EQ(pc->currentIndex.get(), 2);
+    EXPECT_EQ(playingURL(), urlOf("a2"));
+    EXPECT_FALSE(pc->pendingVideo.has_value());
+    EXPECT_EQ(playlist->currentVideoID.get(), "a2");
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+}
+
+TEST_F(Advancing, TileTapIgnoresTheTrackerForFreeViewers) {
+    auto config = policy({});
+    config.globalConstraints.maxAdsPerSession = 0;
+    pc->midRollConfig = config;
+    startPlaylist("pl-1");
+    events.clear();
+    pc->onVideoSelected(video("pl-1", 1));
+    EXPECT_EQ(events.take(), (Events{{"OnVideoTileClicked", "a1"}}));
+}
+
+TEST_F(Advancing, PremiumTileTapLoadsAtOnce) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    startPlaylist("pl-1");
+    events.clear();
+    pc->onVideoSelected(video("pl-1", 1));
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_EQ(pc->currentIndex.get(), 1);
+    EXPECT_EQ(playingURL(), urlOf("a1"));
+    EXPECT_FALSE(pc->shouldWaitForAd);
+    // A video from elsewhere plays too, at index 0 of the list.
+    pc->onVideoSelected(video("pl-2", 1));
+    EXPECT_EQ(pc->currentIndex.get(), 0);
+    EXPECT_EQ(playingURL(), urlOf("b1"));
+}
+
+TEST_F(Advancing, SessionCapLetsTheNextVideoPlayWithoutAnAd) {
+    auto config = policy({});
+    config.globalConstraints.maxAdsPerSession = 1;
+    pc->midRollConfig = config;
+    startPlaylist("pl-1");
+    vp.advance(kClip + 0.5);
+    service->AdCompletedResumePlayback();
+    vp.runUntilIdle();
+    events.clear();
+
+    vp.advance(kClip);
+    EXPECT_EQ(events.take(), (Events{finished(1), kPlay}));
+    EXPECT_TRUE(logs.contains("🚫 Ad blocked: session cap reached (1/1)"));
+    EXPECT_EQ(playingURL(), urlOf("a2"));
+    EXPECT_FALSE(pc->shouldWaitForAd);
+}
+
+TEST_F(Advancing, CooldownRefusesAnAdUntilItHasPassed) {
+    auto config = policy({});
+    config.globalConstraints.minSecondsBetweenAnyAds = 45;
+    pc->midRollConfig = config;
+    startPlaylist("pl-1");
+    vp.advance(kClip + 0.5);
+    service->AdCompletedResumePlayback();  // the ad is recorded now
+    vp.runUntilIdle();
+    events.clear();
+
+    vp.advance(kClip);  // 30 s after the ad: refused, a2 follows at once
+    EXPECT_EQ(events.take(), (Events{finished(1), kPlay}));
+    EXPECT_TRUE(logs.contains("🚫 Ad blocked: cooldown 30s / 45s"));
+
+    vp.advance(kClip);  // 60 s after the ad: allowed again
+    EXPECT_EQ(events.take(), (Events{finished(2), {"OnNextVideoAdRequired", "2"}}));
+}
+
+TEST_F(Advancing, CooldownFollowsTheWallClockNotPlayback) {
+    auto config = policy({});
+    config.globalConstraints.minSecondsBetweenAnyAds = 45;
+    pc->midRollConfig = config;
+    startPlaylist("pl-1");
+    vp.advance(kClip + 0.5);
+    service->AdCompletedResumePlayback();
+    vp.runUntilIdle();
+    events.clear();
+
+    vp.shiftWallClock(20);  // the device clock jumps ahead while a1 plays
+    vp.advance(kClip);
+    EXPECT_EQ(events.take(), (Events{finished(1), {"OnNextVideoAdRequired", "1"}}));
+}
+
+TEST_F(Advancing, AdCompletionWithNothingPendingJustPlays) {
+    startPlaylist("pl-1");
+    events.clear();
+    const int playsBefore = simPlayer()->playCalls;
+    service->AdCompletedResumePlayback();
+    // Already playing: play() returns at once and nothing reloads.
+    EXPECT_TRUE(events.events().empty());
+    EXPECT_EQ(simPlayer()->playCalls, playsBefore);
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+
+    pc->pause();
+    service->AdCompletedResumePlayback();
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+}
+
+TEST_F(Advancing, NextAndPreviousStopAtTheEdges) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    startPlaylist("pl-1");
+    pc->prevVideo();
+    EXPECT_TRUE(pc->disableBackButton);
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+    pc->nextVideo();
+    pc->nextVideo();
+    EXPECT_EQ(playingURL(), urlOf("a2"));
+    EXPECT_TRUE(pc->disbleForwardButton);
+    EXPECT_FALSE(pc->disableBackButton);
+    events.clear();
+    pc->nextVideo();
+    EXPECT_EQ(playingURL(), urlOf("a2"));
+    EXPECT_TRUE(events.events().empty());
+    pc->prevVideo();
+    EXPECT_EQ(pc->currentIndex.get(), 1);
+    EXPECT_EQ(playingURL(), urlOf("a1"));
+    EXPECT_FALSE(pc->disableBackButton);
+    EXPECT_FALSE(pc->disbleForwardButton);
+}
+
+TEST_F(Advancing, PlaylistSelectionResumesAtTheFirstUnwatchedVideo) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    startPlaylist("pl-1");
+    vp.advance(kClip + 11);  // a0 done, a1 past the watched mark
+    pc->dismissedCountdownRail = true;
+    startPlaylist("pl-1");
+    EXPECT_FALSE(pc->dismissedCountdownRail);
+    EXPECT_EQ(pc->currentIndex.get(), 2);
+    EXPECT_EQ(playingURL(), urlOf("a2"));
+    EXPECT_EQ(logs.count("playlist: pl-1"), 2u);
+}
+
+TEST_F(Advancing, WithoutAPlaylistControllerAdvancingDoesNothing) {
+    pc->playlistController.reset();
+    pc->onPlaylistSelected(playlists()[0]);
+    EXPECT_EQ(logs.levelOf("PlaylistController not initialized"), "ERROR");
+    EXPECT_FALSE(pc->showLoading);
+    pc->playNextVideo(0);
+    pc->playNextPlaylist();
+    pc->playerDidFinishPlaying();
+    EXPECT_TRUE(events.events().empty());
+    EXPECT_FALSE(simPlayer()->hasCurrentItem());
+}
+
+}  // namespace
+}  // namespace kavelin::testing

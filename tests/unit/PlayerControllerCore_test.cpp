@@ -1,0 +1,358 @@
+// The player core: loading, observers, transport, time formatting, URL checks and
+// hostile input.
+#include <cmath>
+#include <limits>
+
+#include "Kavelin/Extentions/URLString.h"
+#include "support/PlayerControllerFixture.h"
+
+namespace kavelin::testing {
+namespace {
+
+const HostEvent kPlay{"OnVideoPlay", "true"};
+
+using Core = PlayerControllerTest;
+
+TEST_F(Core, ObserversNeverAccumulateOverAThousandLoads) {
+    startPlaylist("pl-1");
+    for (int i = 0; i < 1000; ++i) {
+        pc->loadVideo(urlOf(i % 2 ? "a1" : "a2"));
+        if (i % 100 == 0) vp.advance(0.5);
+    }
+    vp.runUntilIdle();
+    EXPECT_EQ(vp.players->playersMade(), 1);
+    EXPECT_EQ(vp.players->liveTimeObservers(), 1u);
+    EXPECT_EQ(vp.players->liveStatusObservers(), 1u);
+    EXPECT_EQ(vp.players->liveDurationObservations(), 1u);
+    EXPECT_EQ(vp.players->liveEndOfItemObservers(), 1u);
+    EXPECT_TRUE(pc->isObservingTimeControlStatus);
+    // Cancelled delayed tasks do not pile up either: auto-hide, rail return and
+    // the player's own clock are all that wait.
+    EXPECT_LE(vp.queue->pendingCount(), 4u);
+    vp.advance(1);
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_EQ(pc->duration.get(), kClip);
+
+    pc->cleanup();
+    EXPECT_EQ(vp.players->liveTimeObservers(), 0u);
+    EXPECT_EQ(vp.players->liveStatusObservers(), 0u);
+    EXPECT_EQ(vp.players->liveDurationObservations(), 0u);
+    EXPECT_EQ(vp.players->liveEndOfItemObservers(), 0u);
+    EXPECT_FALSE(pc->isObservingTimeControlStatus);
+}
+
+TEST_F(Core, LoadOrderAndEdgeButtons) {
+    startPlaylist("pl-1");
+    EXPECT_TRUE(logs.contains("current index: 0"));
+    EXPECT_TRUE(pc->disableBackButton);
+    EXPECT_FALSE(pc->disbleForwardButton);
+    pc->currentIndex = 1;
+    pc->loadVideo(urlOf("a1"));
+    EXPECT_FALSE(pc->disableBackButton);
+    EXPECT_FALSE(pc->disbleForwardButton);
+    pc->currentIndex = 2;
+    pc->loadVideo(urlOf("a2"));
+    EXPECT_FALSE(pc->disableBackButton);
+    EXPECT_TRUE(pc->disbleForwardButton);
+    EXPECT_EQ(playlist->currentVideoID.get(), "a2");
+
+    // One-item list: back disabled, forward enabled (index 0 is tested first).
+    pc->setURLS({urlOf("a0")});
+    pc->currentIndex = 0;
+    pc->loadVideo(urlOf("a0"));
+    EXPECT_TRUE(pc->disableBackButton);
+    EXPECT_FALSE(pc->disbleForwardButton);
+}
+
+TEST_F(Core, LoadStartsFromTheBeginningEvenWithAResumePosition) {
+    startPlaylist("pl-1");
+    vp.advance(12);
+    pc->midRollResumePosition = 12.0;
+    pc->loadVideo(urlOf("a0"));
+    EXPECT_FALSE(pc->midRollResumePosition.has_value());
+    vp.advance(0.5);
+    EXPECT_LT(pc->currentTime.get(), 1.0);
+    for (const auto& seek : simPlayer()->seeks) EXPECT_NE(seek.target, 12.0);
+}
+
+TEST_F(Core, DurationIsPublishedWhenItBecomesKnown) {
+    vp.media->add(urlOf("a0"), 42, 3.0);
+    service->playPlaylist("pl-1");
+    vp.advance(2.9);
+    EXPECT_EQ(pc->duration.get(), 0);
+    EXPECT_FALSE(pc->midRollCuePointState.hasCuePoints());
+    vp.advance(0.2);
+    EXPECT_EQ(pc->duration.get(), 42);
+    // An item that never becomes ready keeps the spinner and duration 0.
+    vp.media->addNeverReady(urlOf("a1"));
+    pc->nextVideo();
+    vp.advance(10);
+    EXPECT_EQ(pc->duration.get(), 0);
+    EXPECT_EQ(pc->currentTime.get(), 0);
+    EXPECT_TRUE(pc->showLoading);
+    EXPECT_EQ(events.count("OnVideoFinished"), 0u);
+}
+
+TEST_F(Core, ClockPublishesOnlyMovesBeyondJitter) {
+    startPlaylist("pl-1");
+    int changes = 0;
+    double last = pc->currentTime;
+    auto sub = pc->onChange([&] {
+        if (pc->currentTime.get() != last) {
+            ++changes;
+            last = pc->currentTime;
+        }
+    });
+    vp.advance(2.0);
+    EXPECT_EQ(changes, 20);
+    EXPECT_NEAR(pc->currentTime.get(), 2.0, 1e-9);
+}
+
+TEST_F(Core, PauseAndPlayAreIdempotentAndEchoOnlyRealStarts) {
+    startPlaylist("pl-1");
+    events.clear();
+    pc->play();  // already playing
+    EXPECT_TRUE(events.events().empty());
+    pc->pause();
+    const int pauses = simPlayer()->pauseCalls;
+    pc->pause();  // already paused
+    EXPECT_EQ(simPlayer()->pauseCalls, pauses);
+    EXPECT_FALSE(pc->shouldBePlayingAfterResume);
+    EXPECT_TRUE(events.events().empty());
+    pc->autoPlayCurrentVideo = true;
+    pc->play();
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_TRUE(pc->shouldBePlayingAfterResume);
+    EXPECT_FALSE(pc->autoPlayCurrentVideo);
+}
+
+TEST_F(Core, SkipsAndStop) {
+    startPlaylist("pl-1");
+    vp.advance(4);
+    pc->seekBackward(10);
+    EXPECT_EQ(simPlayer()->seeks.back().target, 0);
+    vp.advance(1);
+    vp.runUntilIdle();
+    const double now = simPlayer()->currentTime();
+    pc->seekForward(100);  // past the end, not clamped here
+    EXPECT_NEAR(simPlayer()->seeks.back().target, now + 100, 1e-9);
+
+    startPlaylist("pl-1");
+    vp.advance(3);
+    pc->stop();
+    EXPECT_FALSE(pc->isPlaying);
+    EXPECT_EQ(simPlayer()->seeks.back().target, 0);
+    EXPECT_EQ(simPlayer()->timeControlStatus(), TimeControlStatus::paused);
+
+    // A seek while paused lands and the clock publishes the new position once.
+    pc->seekTo(20);
+    EXPECT_NE(pc->currentTime.get(), 20);
+    vp.advance(0.1);
+    EXPECT_EQ(pc->currentTime.get(), 20);
+
+    // A stop during an ad wait does not rewind.
+    vp.advance(1);
+    pc->shouldWaitForAd = true;
+    const size_t seeks = simPlayer()->seeks.size();
+    pc->stop();
+    EXPECT_EQ(simPlayer()->seeks.size(), seeks);
+}
+
+TEST_F(Core, FormatTime) {
+    const double inf = std::numeric_limits<double>::infinity();
+    EXPECT_EQ(PlayerController::formatTime(std::nan("")), "00:00");
+    EXPECT_EQ(PlayerController::formatTime(inf), "00:00");
+    EXPECT_EQ(PlayerController::formatTime(-inf), "00:00");
+    EXPECT_EQ(PlayerController::formatTime(-5), "00:00");
+    EXPECT_EQ(PlayerController::formatTime(0), "00:00");
+    EXPECT_EQ(PlayerController::formatTime(59.9), "00:59");
+    EXPECT_EQ(PlayerController::formatTime(60), "01:00");
+    EXPECT_EQ(PlayerController::formatTime(3600), "60:00");
+    EXPECT_EQ(PlayerController::formatTime(3725), "62:05");
+    EXPECT_EQ(PlayerController::formatTime(1e7), "166666:40");
+    EXPECT_FALSE(PlayerController::formatTime(1e300).empty());
+}
+
+TEST(URLString, AcceptsWhatThePlayerCanOpen) {
+    for (const char* ok :
+         {"av://lavfi:testsrc2=duration=30:size=640x360:rate=25", "http://127.0.0.1:8080/a.m3u8",
+          "file:///x.mp4", "https://cdn.example.com/v/1.m3u8?token=a%20b&x=1#t=10",
+          "http://[::1]:8080/a.mp4", "http://user:pw@[2001:db8::7]/x", "rtsp+tcp://h/s"}) {
+        EXPECT_TRUE(isValidURLString(ok)) << ok;
+    }
+}
+
+TEST(URLString, AcceptsEverySampleCatalogueAddress) {
+    for (const auto& playlist : Playlist::allPlaylists())
+        for (const auto& v : playlist.videos) EXPECT_TRUE(isValidURLString(v.url)) << v.url;
+}
+
+TEST(URLString, RejectsWhatIsNotAURL) {
+    for (const char* bad :
+         {"", "not a url", "http://a b/c", "http://host/\x01", "http://host/é", "://x", "1http://x",
+          "no-scheme", "http://host/%zz", "http://host/%4", "http://host/a[1]", "http://[::1/x",
+          "http://[zz::1]/x", "http://h/#a#b", "http://h/\"q\"", "http://h/<x>", "http://h/a\\b"}) {
+        EXPECT_FALSE(isValidURLString(bad)) << bad;
+    }
+}
+
+TEST_F(Core, InvalidURLKeepsTheSpinnerAndThePreviousItem) {
+    startPlaylist("pl-1");
+    vp.advance(2);
+    ASSERT_FALSE(pc->showLoading);
+    events.clear();
+    pc->loadVideo("not a url");
+    EXPECT_TRUE(pc->showLoading);
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_EQ(vp.players->liveTimeObservers(), 1u);
+    EXPECT_TRUE(events.events().empty());
+    vp.advance(1);
+    EXPECT_GT(pc->currentTime.get(), 2.5);
+}
+
+TEST_F(Core, OutOfRangeIndicesAreLoggedAndIgnored) {
+    startPlaylist("pl-1");
+    events.clear();
+    pc->currentIndex = 10;  // beyond the three addresses
+    pc->nextVideo();
+    EXPECT_TRUE(pc->disbleForwardButton);
+    pc->playApprovedVideo();
+    pc->prevVideo();  // 9: still outside
+    EXPECT_GT(logs.countPrefix("⚠️ prevVideo: index 9"), 0u);
+    pc->pause();
+    pc->hostingController = nullptr;
+    pc->play();  // no reload from a bad index; the current item just resumes
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+
+    pc->currentIndex = -4;
+    pc->nextVideo();
+    EXPECT_GT(logs.countPrefix("⚠️ nextVideo: index -3"), 0u);
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+
+    // More addresses than playlist videos: the missing video is not indexed.
+    pc->setURLS({urlOf("a0"), urlOf("a1"), urlOf("a2"), urlOf("b0"), urlOf("b1")});
+    pc->playNextVideo(2);
+    EXPECT_GT(logs.countPrefix("⚠️ playNextVideo: index 3"), 0u);
+    pc->playNextVideo(-7);
+    EXPECT_GT(logs.countPrefix("⚠️ playNextVideo: index -6"), 0u);
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+
+    // A current index outside the playlist gives no video id rather than a crash.
+    pc->currentIndex = 99;
+    EXPECT_EQ(pc->currentVideoID(), "");
+    pc->attachPlaylist(playlist);
+    EXPECT_GT(logs.countPrefix("⚠️ attachPlaylist: current index 99"), 0u);
+}
+
+TEST_F(Core, EmptyPlaylistsAreNotIndexed) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    playlists().push_back(Playlist("pl-empty", "Empty", std::nullopt, std::nullopt, {}));
+    startPlaylist("pl-2");
+    vp.advance(2 * kClip + 1);  // b1 ends: next playlist is the empty one
+    EXPECT_EQ(playlist->currentPlaylist->id, "pl-empty");
+    EXPECT_GT(logs.countPrefix("⚠️ playNextPlaylist: playlist pl-empty has no videos"), 0u);
+    pc->onPlaylistSelected(playlists().back());
+    EXPECT_GT(logs.countPrefix("⚠️ onPlaylistSelected: index 0"), 0u);
+}
+
+TEST_F(Core, CleanupAtAnyMomentThenAnyOperation) {
+    startPlaylist("pl-1");
+    vp.advance(12.3);
+    pc->cleanup();
+    EXPECT_EQ(pc->currentTime.get(), 0);
+    EXPECT_EQ(pc->duration.get(), 0);
+    EXPECT_FALSE(pc->isPlaying);
+    EXPECT_FALSE(simPlayer()->hasCurrentItem());
+    vp.advance(40);  // no end of item, no tick from the old item
+    EXPECT_EQ(events.count("OnVideoFinished"), 0u);
+
+    pc->play();
+    pc->pause();
+    pc->seekTo(5);
+    pc->seekForward(10);
+    pc->seekBackward(10);
+    pc->stop();
+    pc->cleanup();
+    pc->nextVideo();
+    vp.advance(1);
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_EQ(playingURL(), urlOf("a1"));
+
+    // Cleanup between the dismissal request and its end, and through the service.
+    pc->switchScreenBack_and_forth();
+    pc->cleanup();
+    vp.advance(1);
+    service->cleanup();
+    EXPECT_EQ(service->playerController, nullptr);
+    events.clear();
+    service->AdCompletedResumePlayback();
+    service->play();
+    EXPECT_TRUE(events.events().empty());
+    // The dropped controller said goodbye.
+    pc.reset();
+    EXPECT_TRUE(logs.contains(
+        "🧼 PlayerController instance cleaned up – resources released successfully!"));
+}
+
+TEST_F(Core, DelayedTasksDoNothingOnceTheControllerIsGone) {
+    startPlaylist("pl-1");
+    pc->switchScreenBack_and_forth();
+    pc->backToHome();
+    pc->autoHideControls();
+    pc->midRollConfig.adTimeoutSeconds = 0.05;
+    pc->triggerMidRollAd(1);
+    service->cleanup();
+    pc.reset();
+    events.clear();
+    vp.advance(10);
+    // Only the dismissal events that belong to the host still arrive.
+    for (const auto& e : events.events()) EXPECT_EQ(e.method, "OnViewDismissed");
+}
+
+TEST_F(Core, HostDroppingTheControllerFromItsCallbackIsSafe) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    startPlaylist("pl-1");
+    std::vector<std::string> seen;
+    setEventObserverForTesting([&](std::string_view method, std::string_view) {
+        seen.emplace_back(method);
+        if (method == "OnVideoFinished" || method == "OnVideoClosed") service->cleanup();
+    });
+    std::weak_ptr<PlayerController> weak = pc;
+    pc.reset();
+    vp.advance(kClip);
+    EXPECT_TRUE(weak.expired());
+    EXPECT_EQ(seen, (std::vector<std::string>{"OnVideoFinished", "OnVideoPlay"}));
+    EXPECT_TRUE(logs.contains(
+        "🧼 PlayerController instance cleaned up – resources released successfully!"));
+
+    service->setURLS({urlOf("a0")});
+    service->playPlaylist("pl-1");
+    weak = service->playerController;
+    service->playerController->backToHome();
+    EXPECT_TRUE(weak.expired());
+    vp.advance(1);
+    setEventObserverForTesting(nullptr);
+}
+
+TEST_F(Core, MakeWithoutPlayersSkipsEveryPlayerStep) {
+    Platform bare = vp.platform();
+    bare.players = nullptr;
+    auto controller = PlayerController::make(bare);
+    controller->playlistController = playlist;
+    EXPECT_EQ(controller->player.get(), nullptr);
+    controller->setURLS({urlOf("a0")});
+    controller->loadVideo(urlOf("a0"));
+    controller->seekForward(10);
+    controller->pause();
+    controller->stop();
+    controller->triggerMidRollAd(5);
+    vp.advance(1);
+    EXPECT_FALSE(controller->midRollResumePosition.has_value());
+    EXPECT_EQ(controller->timeObserverToken, 0u);
+    EXPECT_EQ(events.count("OnMidRollAdRequired"), 1u);
+}
+
+}  // namespace
+}  // namespace kavelin::testing

@@ -1,0 +1,257 @@
+// Presenting and dismissing the player screen, the rails and the controls overlay.
+#include "support/PlayerControllerFixture.h"
+
+namespace kavelin::testing {
+namespace {
+
+const HostEvent kPlay{"OnVideoPlay", "true"};
+constexpr double kAnimation = HeadlessPresenter::animationSeconds;
+
+using Presentation = PlayerControllerTest;
+
+TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnce) {
+    startPlaylist("pl-1");
+    ASSERT_NE(pc->hostingController, nullptr);
+    EXPECT_EQ(vp.presenter->presentCount(), 1);
+    EXPECT_FALSE(pc->showPlaylist);  // the animation is still running
+    vp.advance(kAnimation);
+    EXPECT_EQ(vp.presenter->presented(), pc->hostingController);
+    EXPECT_TRUE(pc->showPlaylist);
+    EXPECT_TRUE(pc->hasShownInitialHalfScreen);
+    // The peek restarts the return task: the rail leaves five seconds later.
+    vp.advance(5.0 - 0.01);
+    EXPECT_TRUE(pc->showPlaylist);
+    vp.advance(0.02);
+    EXPECT_FALSE(pc->showPlaylist);
+    // Later loads reuse the screen.
+    pc->nextVideo();
+    EXPECT_EQ(vp.presenter->presentCount(), 1);
+}
+
+TEST_F(Presentation, RailStaysWhilePausedOrScrubbing) {
+    startPlaylist("pl-1");
+    vp.advance(kAnimation);
+    ASSERT_TRUE(pc->showPlaylist);
+    pc->pause();
+    vp.advance(10);
+    EXPECT_TRUE(pc->showPlaylist);
+
+    pc->play();
+    pc->isScrubbing = true;
+    vp.advance(6);
+    EXPECT_TRUE(pc->showPlaylist);
+}
+
+TEST_F(Presentation, BackButtonClosesAndReopeningPeeksTheRailAgain) {
+    startPlaylist("pl-1");
+    vp.advance(kAnimation);
+    pc->nextVideo();
+    vp.advance(3);
+    pc->dismissedCountdownRail = true;
+    events.clear();
+
+    pc->backToHome();
+    EXPECT_EQ(events.take(), (Events{{"OnVideoClosed", "back"}}));
+    vp.advance(0.1);
+    EXPECT_FALSE(simPlayer()->hasCurrentItem());
+    EXPECT_TRUE(events.events().empty());
+    vp.advance(kAnimation - 0.1);
+    EXPECT_EQ(events.take(), (Events{{"OnViewDismissed", "user_exit"}}));
+    EXPECT_EQ(pc->hostingController, nullptr);
+    EXPECT_EQ(pc->player.get(), nullptr);
+    EXPECT_EQ(pc->currentIndex.get(), 0);
+    EXPECT_FALSE(pc->hasShownInitialHalfScreen);
+    EXPECT_FALSE(pc->dismissedCountdownRail);
+    EXPECT_EQ(vp.players->liveTimeObservers(), 0u);
+
+    // Reopening makes a fresh player and shows the rail once more.
+    pc->showPlaylist = false;
+    startPlaylist("pl-1");
+    EXPECT_EQ(vp.players->playersMade(), 2);
+    EXPECT_NE(pc->player.get(), nullptr);
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+    vp.advance(kAnimation);
+    EXPECT_TRUE(pc->showPlaylist);
+}
+
+TEST_F(Presentation, ReopeningAfterAnAdDismissalDoesNotPeekTheRail) {
+    startPlaylist("pl-1");
+    vp.advance(6);
+    ASSERT_FALSE(pc->showPlaylist);
+    pc->onVideoSelected(video("pl-1", 2));
+    vp.advance(kAnimation);
+    ASSERT_EQ(pc->hostingController, nullptr);
+    service->AdCompletedResumePlayback();
+    EXPECT_EQ(vp.presenter->presentCount(), 2);
+    vp.advance(kAnimation);
+    EXPECT_FALSE(pc->showPlaylist);
+    EXPECT_TRUE(pc->hasShownInitialHalfScreen);
+}
+
+TEST_F(Presentation, DismissalWithoutAScreenStillTearsDown) {
+    startPlaylist("pl-1");
+    pc->hostingController = nullptr;
+    events.clear();
+    pc->switchScreenBack_and_forth();
+    vp.advance(1);
+    EXPECT_FALSE(simPlayer()->hasCurrentItem());
+    EXPECT_TRUE(events.events().empty());
+    pc->backToHome();
+    vp.advance(1);
+    EXPECT_EQ(events.take(), (Events{{"OnVideoClosed", "back"}}));
+    EXPECT_NE(pc->player.get(), nullptr);  // only the dismissal drops the player
+}
+
+TEST_F(Presentation, WithoutTopMostViewControllerTheScreenIsBuiltButNotShown) {
+    vp.presenter->setHasTopMostViewController(false);
+    startPlaylist("pl-1");
+    EXPECT_NE(pc->hostingController, nullptr);
+    EXPECT_EQ(vp.presenter->presentCount(), 0);
+    vp.advance(1);
+    EXPECT_FALSE(pc->showPlaylist);
+    EXPECT_TRUE(pc->isPlaying);
+    // A screen object exists, so play() does not reload.
+    pc->pause();
+    events.clear();
+    pc->play();
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_EQ(simPlayer()->replacedItems.size(), 2u);  // cleanup's clear, then a0
+}
+
+TEST_F(Presentation, WithoutPlaylistControllerPlaysWithoutAScreen) {
+    pc->playlistController.reset();
+    pc->setURLS({urlOf("a1")});
+    pc->loadVideo(urlOf("a1"));
+    EXPECT_EQ(logs.levelOf("❌ playlistController not found"), "ERROR");
+    EXPECT_EQ(pc->hostingController, nullptr);
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_EQ(playingURL(), urlOf("a1"));
+    // play() from outside reloads (no screen) and does not recurse without end.
+    pc->pause();
+    events.clear();
+    pc->play();
+    EXPECT_EQ(events.take(), (Events{kPlay, kPlay}));
+    EXPECT_TRUE(pc->isPlaying);
+}
+
+TEST_F(Presentation, CountdownRailInTheLastFiveSeconds) {
+    startPlaylist("pl-1");
+    vp.advance(23.9);  // 6.1 s left: remaining 6
+    EXPECT_FALSE(pc->showPlaylist);
+    EXPECT_EQ(playlist->countdownVideoID.get(), std::nullopt);
+    vp.advance(0.2);  // 5.9 s left: remaining 5
+    EXPECT_TRUE(pc->showPlaylist);
+    EXPECT_EQ(playlist->countdownVideoID.get(), "a1");
+    EXPECT_EQ(playlist->remainingTime.get(), 5);
+    vp.advance(3.0);
+    EXPECT_EQ(playlist->remainingTime.get(), 2);
+}
+
+TEST_F(Presentation, DismissedCountdownRailStaysAwayForThatVideo) {
+    startPlaylist("pl-1");
+    vp.advance(25);
+    ASSERT_TRUE(pc->showPlaylist);
+    pc->markCountdownRailDismissed();
+    pc->showPlaylist = false;  // what the close button of the rail does
+    vp.advance(4);
+    EXPECT_FALSE(pc->showPlaylist);
+    EXPECT_EQ(playlist->countdownVideoID.get(), "a1");  // the countdown itself runs on
+    pc->clearCountdownRailDismissal();
+    vp.advance(0.1);
+    EXPECT_TRUE(pc->showPlaylist);
+}
+
+TEST_F(Presentation, WatchedAfterTenSeconds) {
+    startPlaylist("pl-1");
+    vp.advance(9.9);
+    EXPECT_FALSE(playlist->videos[0].isWatched);
+    vp.advance(0.2);
+    EXPECT_TRUE(playlist->videos[0].isWatched);
+    EXPECT_EQ(playlist->state(playlist->videos[0]), VideoState::watching);
+}
+
+TEST_F(Presentation, ControlsHideAfterFiveSecondsUnlessPausedOrScrubbing) {
+    startPlaylist("pl-1");
+    EXPECT_TRUE(pc->showControls);
+    vp.advance(4.9);
+    EXPECT_TRUE(pc->showControls);
+    vp.advance(0.2);
+    EXPECT_FALSE(pc->showControls);
+
+    // A tap shows them; two taps within 5 s restart the countdown.
+    pc->toggleControls();
+    EXPECT_TRUE(pc->showControls);
+    vp.advance(3);
+    pc->toggleControls();
+    EXPECT_FALSE(pc->showControls);
+    EXPECT_EQ(pc->hideControlsWorkItem.get(), nullptr);
+    pc->toggleControls();
+    vp.advance(4.9);
+    EXPECT_TRUE(pc->showControls);
+    vp.advance(0.2);
+    EXPECT_FALSE(pc->showControls);
+
+    // Pausing during the countdown keeps them up indefinitely.
+    pc->toggleControls();
+    vp.advance(2);
+    pc->pause();
+    vp.advance(60);
+    EXPECT_TRUE(pc->showControls);
+
+    // Scrubbing keeps them too, and the hide task finds nothing to do.
+    pc->play();
+    pc->isScrubbing = true;
+    vp.advance(6);
+    EXPECT_TRUE(pc->showControls);
+    pc->isScrubbing = false;
+    pc->autoHideControls();
+    vp.advance(5);
+    EXPECT_FALSE(pc->showControls);
+}
+
+TEST_F(Presentation, StartAutoHideTimerShowsTheRailForFiveSecondsOfPlayback) {
+    startPlaylist("pl-1");
+    vp.advance(6);
+    ASSERT_FALSE(pc->showPlaylist);
+    pc->startAutoHideTimer();
+    EXPECT_TRUE(pc->showPlaylist);
+    vp.advance(4.9);
+    EXPECT_TRUE(pc->showPlaylist);
+    vp.advance(0.2);
+    EXPECT_FALSE(pc->showPlaylist);
+
+    pc->pause();
+    pc->startAutoHideTimer();
+    vp.advance(6);
+    EXPECT_TRUE(pc->showPlaylist);  // paused: left up
+}
+
+TEST_F(Presentation, LoadingIndicatorFollowsThePlayerStatus) {
+    vp.media->add(urlOf("a0"), kClip, 2.0);  // ready only after two seconds
+    service->playPlaylist("pl-1");
+    vp.advance(0.5);
+    EXPECT_TRUE(pc->showLoading);  // waiting to play
+    vp.advance(2.0);
+    EXPECT_FALSE(pc->showLoading);
+    simPlayer()->stall(1.0);
+    vp.runUntilIdle();
+    EXPECT_TRUE(pc->showLoading);
+    EXPECT_TRUE(pc->isPlaying);  // the controller's belief is left alone
+    vp.advance(1.0);
+    EXPECT_FALSE(pc->showLoading);
+}
+
+TEST_F(Presentation, ScreenIsBuiltForThisControllerAndPlaylist) {
+    startPlaylist("pl-1");
+    ASSERT_NE(pc->hostingController, nullptr);
+    // The dismissal completion is what clears it, not the teardown.
+    pc->switchScreenBack_and_forth();
+    vp.advance(0.2);
+    EXPECT_NE(pc->hostingController, nullptr);
+    vp.advance(0.2);
+    EXPECT_EQ(pc->hostingController, nullptr);
+    EXPECT_TRUE(logs.contains("View Dismissed — waiting for ad"));
+}
+
+}  // namespace
+}  // namespace kavelin::testing
