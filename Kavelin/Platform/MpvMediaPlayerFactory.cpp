@@ -1,0 +1,19 @@
+#include "Kavelin/Platform/MpvMediaPlayerFactory.h"
+
+namespace kavelin {
+
+MpvMediaPlayerFactory::MpvMediaPlayerFactory(std::shared_ptr<MainQueue> queue,
+                                             MpvMediaPlayer::Options options)
+    : queue_(std::move(queue)), options_(std::move(options)) {}
+
+std::shared_ptr<MediaPlayer> MpvMediaPlayerFactory::makePlayer() {
+    auto player = std::make_shared<MpvMediaPlayer>(queue_, options_);
+    if (createdHook_) createdHook_(*player);
+    return player;
+}
+
+void MpvMediaPlayerFactory::setPlayerCreatedHook(std::function<void(MpvMediaPlayer&)> hook) {
+    createdHook_ = std::move(hook);
+}
+
+}  // namespace kavelin
