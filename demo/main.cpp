@@ -65,14 +65,17 @@ std::string playlistsDocument() {
            thumbnail("playlist-2") + R"("}])";
 }
 
-// Cue points at the middle of every video, a cooldown that keeps the reloaded
-// video from asking again at once, and a time-out longer than our ads.
+// One mid-roll break, 8 s into each playlist's first video. A mid-roll reloads its
+// video from the start, so the cooldown must outlast the rest of that video or the
+// same break would ask again; it has passed by the end of the next one, which then
+// gets an end-of-video ad.
 const char* kPolicy = R"({
   "version": 1,
   "adTimeoutSeconds": 8,
   "globalConstraints": {"minGapSeconds": 6, "noAdZoneStartSeconds": 4,
-                        "noAdZoneEndSeconds": 3, "minSecondsBetweenAnyAds": 12},
-  "durationBuckets": [{"minSeconds": 0, "maxSeconds": 3600, "maxBreaks": 1, "placements": [0.5]}]
+                        "noAdZoneEndSeconds": 3, "minSecondsBetweenAnyAds": 20},
+  "durationBuckets": [],
+  "videoOverrides": {"1": {"cuePointSeconds": [8.0]}}
 })";
 
 // Generated test patterns: they play with no network. The edit list gives mpv an
@@ -96,7 +99,11 @@ std::string episodesDocument() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    double seconds = 50;
+    // Headless runs are bounded; with a window the demo runs until the viewer closes it.
+    const char* headless = std::getenv("KAVELIN_HEADLESS");
+    const bool hasDisplay = (std::getenv("DISPLAY") || std::getenv("WAYLAND_DISPLAY")) &&
+                            !(headless && std::string(headless) == "1");
+    double seconds = hasDisplay ? 24 * 3600.0 : 50;
     const char* libPath = KAVELIN_DEFAULT_LIB;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--seconds") && i + 1 < argc)
