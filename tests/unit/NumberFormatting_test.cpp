@@ -1,0 +1,83 @@
+#include "Kavelin/Extentions/NumberFormatting.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+#include <string>
+
+namespace kavelin {
+namespace {
+
+TEST(DoubleDescription, FixedNotationAlwaysCarriesAFraction) {
+    EXPECT_EQ(doubleDescription(7.25), "7.25");
+    EXPECT_EQ(doubleDescription(95.0), "95.0");
+    EXPECT_EQ(doubleDescription(210.5), "210.5");
+    EXPECT_EQ(doubleDescription(10.0), "10.0");
+    EXPECT_EQ(doubleDescription(100000.0), "100000.0");
+    EXPECT_EQ(doubleDescription(-12.5), "-12.5");
+    EXPECT_EQ(doubleDescription(0.1), "0.1");
+    EXPECT_EQ(doubleDescription(1.0 / 3.0), "0.3333333333333333");
+    EXPECT_EQ(doubleDescription(0.0), "0.0");
+    EXPECT_EQ(doubleDescription(-0.0), "-0.0");
+}
+
+TEST(DoubleDescription, SwitchesToExponentOutsideTheReadableRange) {
+    EXPECT_EQ(doubleDescription(0.0001), "0.0001");
+    EXPECT_EQ(doubleDescription(0.00001), "1e-05");
+    EXPECT_EQ(doubleDescription(-0.00001), "-1e-05");
+    EXPECT_EQ(doubleDescription(9007199254740991.0), "9007199254740991.0");  // 2^53 - 1
+    EXPECT_EQ(doubleDescription(9007199254740992.0), "9.007199254740992e+15");
+    EXPECT_EQ(doubleDescription(1e16), "1e+16");
+    EXPECT_EQ(doubleDescription(1.5e300), "1.5e+300");
+    EXPECT_EQ(doubleDescription(5e-324), "5e-324");
+}
+
+TEST(DoubleDescription, NonFiniteValues) {
+    EXPECT_EQ(doubleDescription(std::numeric_limits<double>::infinity()), "inf");
+    EXPECT_EQ(doubleDescription(-std::numeric_limits<double>::infinity()), "-inf");
+    EXPECT_EQ(doubleDescription(std::nan("")), "nan");
+}
+
+TEST(DoubleDescription, ReadsBackToTheSameValue) {
+    for (double v : {0.1 + 0.2, 123.456, 1e-4 * 3, 2.0 / 7.0, 6.02214076e23, 1e-300,
+                     4503599627370497.5, -987654.321}) {
+        EXPECT_EQ(std::strtod(doubleDescription(v).c_str(), nullptr), v) << doubleDescription(v);
+    }
+}
+
+TEST(FormatDouble, PrintfRoundingAndLongOutput) {
+    EXPECT_EQ(formatDouble("%.0f", 59.9), "60");
+    EXPECT_EQ(formatDouble("%.0f", 2.5), "2");  // round half to even, as printf does
+    EXPECT_EQ(formatDouble("%.1f", 60.0), "60.0");
+    EXPECT_EQ(formatDouble("%.1f", 150.5), "150.5");
+    EXPECT_EQ(formatDouble("%.0f", std::nan("")), "nan");
+    std::string big = formatDouble("%.0f", 1e300);
+    EXPECT_EQ(big.size(), 301u);
+    EXPECT_EQ(big.substr(0, 3), "100");
+}
+
+TEST(UtcDescription, FormatsInUtcWhateverTheLocalZone) {
+    using namespace std::chrono;
+    const char* saved = std::getenv("TZ");
+    std::string savedTz = saved ? saved : "";
+    setenv("TZ", "Asia/Tokyo", 1);
+    tzset();
+
+    system_clock::time_point t{seconds{1738346645}};  // 2025-01-31 18:04:05 UTC
+    EXPECT_EQ(utcDescription(t), "2025-01-31 18:04:05 +0000");
+    EXPECT_EQ(utcDescription(t + milliseconds{999}), "2025-01-31 18:04:05 +0000");
+    EXPECT_EQ(utcDescription(system_clock::time_point{} - milliseconds{500}),
+              "1969-12-31 23:59:59 +0000");
+
+    if (saved)
+        setenv("TZ", savedTz.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
+}
+
+}  // namespace
+}  // namespace kavelin
