@@ -13,7 +13,8 @@ namespace {
 
 // Stand-in play order until the host sends its own: a generated test pattern,
 // so nothing reaches the network.
-constexpr const char* kPlaceholderStream = "av://lavfi:testsrc2=duration=30:size=640x360:rate=25";
+constexpr const char* kPlaceholderStream =
+    "edl://file=av://lavfi:testsrc2=size=640x360:rate=25,length=30";
 
 constexpr double kClockInterval = 0.1;
 // Position changes smaller than this are not published (clock jitter).

@@ -55,36 +55,55 @@ void onEvent(const char* message) {
     }
 }
 
-const char* kPlaylists = R"([{"id":"demo-1","name":"Shapes and Colours","thumbnail":""},)"
-                         R"({"id":"demo-2","name":"Counting","thumbnail":""}])";
+std::string thumbnail(const std::string& name) {
+    return "file://" KAVELIN_SOURCE_DIR "/Resources/Thumbnails/" + name + ".svg";
+}
 
+std::string playlistsDocument() {
+    return R"([{"id":"demo-1","name":"Shapes and Colours","thumbnail":")" +
+           thumbnail("playlist-1") + R"("},{"id":"demo-2","name":"Counting","thumbnail":")" +
+           thumbnail("playlist-2") + R"("}])";
+}
+
+// One mid-roll break, 8 s into each playlist's first video. A mid-roll reloads its
+// video from the start, so the cooldown must outlast the rest of that video or the
+// same break would ask again; it has passed by the end of the next one, which then
+// gets an end-of-video ad.
 const char* kPolicy = R"({
   "version": 1,
   "adTimeoutSeconds": 8,
   "globalConstraints": {"minGapSeconds": 6, "noAdZoneStartSeconds": 4,
-                        "noAdZoneEndSeconds": 3, "minSecondsBetweenAnyAds": 0},
-  "durationBuckets": [{"minSeconds": 0, "maxSeconds": 3600, "maxBreaks": 1, "placements": [0.5]}]
+                        "noAdZoneEndSeconds": 3, "minSecondsBetweenAnyAds": 20},
+  "durationBuckets": [],
+  "videoOverrides": {"1": {"cuePointSeconds": [8.0]}}
 })";
 
-std::string episodes(const std::string& sampleUrlBase) {
-    auto ep = [&](const char* index, const char* title, int seconds, const char* pattern) {
-        char buf[512];
-        std::snprintf(
-            buf, sizeof buf,
-            R"({"index":"%s","url":"%s%s=duration=%d:size=640x360:rate=25","thumbnail":"",)"
-            R"("title":"%s","isActive":1,"length":%d})",
-            index, sampleUrlBase.c_str(), pattern, seconds, title, seconds);
-        return std::string(buf);
+// Generated test patterns: they play with no network. The edit list gives mpv an
+// exact length for a source that would otherwise run forever.
+std::string episodesDocument() {
+    auto ep = [](const char* index, const char* title, int seconds, const char* pattern,
+                 const char* thumb) {
+        return std::string(R"({"index":")") + index + R"(","url":"edl://file=av://lavfi:)" +
+               pattern + "=size=640x360:rate=25,length=" + std::to_string(seconds) +
+               R"(","thumbnail":")" + thumbnail(thumb) + R"(","title":")" + title +
+               R"(","isActive":1,"length":)" + std::to_string(seconds) + "}";
     };
-    return "[{\"id\":\"demo-1\",\"episodes\":[" + ep("1", "Bars", 16, "smptebars") + "," +
-           ep("2", "Test card", 14, "testsrc2") + "," + ep("3", "Rainbow", 12, "rgbtestsrc") +
-           "]},{\"id\":\"demo-2\",\"episodes\":[" + ep("1", "Counting", 12, "testsrc") + "]}]";
+    return "[{\"id\":\"demo-1\",\"episodes\":[" +
+           ep("1", "Colour bars", 16, "smptebars", "sample-1-01") + "," +
+           ep("2", "Test card", 14, "testsrc2", "sample-1-02") + "," +
+           ep("3", "Rainbow", 12, "rgbtestsrc", "sample-1-03") +
+           "]},{\"id\":\"demo-2\",\"episodes\":[" +
+           ep("1", "Counting", 12, "testsrc", "sample-2-01") + "]}]";
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    double seconds = 45;
+    // Headless runs are bounded; with a window the demo runs until the viewer closes it.
+    const char* headless = std::getenv("KAVELIN_HEADLESS");
+    const bool hasDisplay = (std::getenv("DISPLAY") || std::getenv("WAYLAND_DISPLAY")) &&
+                            !(headless && std::string(headless) == "1");
+    double seconds = hasDisplay ? 24 * 3600.0 : 50;
     const char* libPath = KAVELIN_DEFAULT_LIB;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--seconds") && i + 1 < argc)
@@ -106,8 +125,8 @@ int main(int argc, char** argv) {
                 lib.get<const char*>("KavelinVersionString"));
 
     lib.get<void (*)(Callback)>("registerUnityCallback")(onEvent);
-    lib.get<void (*)(const char*)>("SetPlaylists")(kPlaylists);
-    lib.get<void (*)(const char*)>("SetEpisodes")(episodes("av://lavfi:").c_str());
+    lib.get<void (*)(const char*)>("SetPlaylists")(playlistsDocument().c_str());
+    lib.get<void (*)(const char*)>("SetEpisodes")(episodesDocument().c_str());
     lib.get<void (*)(bool)>("SetPremium")(false);
     lib.get<void (*)(const char*)>("SetMidRollAdConfig")(kPolicy);
     lib.get<void (*)(const char*)>("PlayPlaylist")("demo-1");

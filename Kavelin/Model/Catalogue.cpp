@@ -96,9 +96,12 @@ Video Episode::toVideo(const std::string& categoryId) const {
 namespace {
 
 // Sample videos are libavfilter sources played through mpv's lavfi protocol, so
-// the player works with no network and no media files.
-std::string lavfi(std::string_view graph) {
-    return "av://lavfi:" + std::string(graph);
+// the player works with no network and no media files. The source reports no
+// duration of its own; wrapping it in an edit list of a fixed length gives the
+// player a real duration and a real end. Graphs carry no ',' or ';' (edit-list
+// separators).
+std::string sampleAddress(std::string_view graph, int seconds) {
+    return "edl://file=av://lavfi:" + std::string(graph) + ",length=" + std::to_string(seconds);
 }
 
 std::string thumbnail(std::string_view name) {
@@ -111,25 +114,25 @@ Playlist makePlaylist1() {
         id, "Test Patterns", thumbnail("playlist-1"),
         "Ten classic broadcast and test patterns, from colour bars to fractals.",
         {
-            Video("sample-1-01", lavfi("testsrc2=duration=30:size=640x360:rate=25"),
+            Video("sample-1-01", sampleAddress("testsrc2=size=480x270:rate=25", 30),
                   "Moving Test Card", id, thumbnail("sample-1-01")),
-            Video("sample-1-02", lavfi("testsrc=duration=25:size=640x360:rate=25"),
+            Video("sample-1-02", sampleAddress("testsrc=size=480x270:rate=25", 25),
                   "Counting Gradient", id, thumbnail("sample-1-02")),
-            Video("sample-1-03", lavfi("smptebars=duration=40:size=640x360:rate=25"), "Colour Bars",
+            Video("sample-1-03", sampleAddress("smptebars=size=480x270:rate=25", 40), "Colour Bars",
                   id, thumbnail("sample-1-03")),
-            Video("sample-1-04", lavfi("smptehdbars=duration=35:size=640x360:rate=25"),
+            Video("sample-1-04", sampleAddress("smptehdbars=size=480x270:rate=25", 35),
                   "HD Colour Bars", id, thumbnail("sample-1-04")),
-            Video("sample-1-05", lavfi("rgbtestsrc=duration=20:size=640x360:rate=25"),
+            Video("sample-1-05", sampleAddress("rgbtestsrc=size=480x270:rate=25", 20),
                   "Red, Green and Blue", id, thumbnail("sample-1-05")),
-            Video("sample-1-06", lavfi("yuvtestsrc=duration=45:size=640x360:rate=25"),
+            Video("sample-1-06", sampleAddress("yuvtestsrc=size=480x270:rate=25", 45),
                   "Light and Colour", id, thumbnail("sample-1-06")),
-            Video("sample-1-07", lavfi("mandelbrot=size=640x360:rate=25,trim=duration=50"),
+            Video("sample-1-07", sampleAddress("mandelbrot=size=480x270:rate=25", 50),
                   "Mandelbrot Dive", id, thumbnail("sample-1-07")),
-            Video("sample-1-08", lavfi("life=size=640x360:rate=25:mold=10:seed=7,trim=duration=40"),
+            Video("sample-1-08", sampleAddress("life=size=480x270:rate=25:mold=10:seed=7", 40),
                   "Game of Life", id, thumbnail("sample-1-08")),
-            Video("sample-1-09", lavfi("cellauto=size=640x360:rate=25:rule=30,trim=duration=30"),
+            Video("sample-1-09", sampleAddress("cellauto=size=480x270:rate=25:rule=30", 30),
                   "Rule Thirty", id, thumbnail("sample-1-09")),
-            Video("sample-1-10", lavfi("pal100bars=duration=25:size=640x360:rate=25"), "PAL Bars",
+            Video("sample-1-10", sampleAddress("pal100bars=size=480x270:rate=25", 25), "PAL Bars",
                   id, thumbnail("sample-1-10")),
         });
 }
@@ -139,33 +142,34 @@ Playlist makePlaylist2() {
     return Playlist(
         id, "Colours", thumbnail("playlist-2"), "Slow washes of colour to rest the eyes.",
         {
-            Video("sample-2-01", lavfi("gradients=size=640x360:rate=25:duration=40:speed=0.02"),
+            Video("sample-2-01", sampleAddress("gradients=size=480x270:rate=25:speed=0.02", 40),
                   "Drifting Gradients", id, thumbnail("sample-2-01")),
-            Video("sample-2-02",
-                  lavfi("colorspectrum=size=640x360:rate=25:type=all,trim=duration=20"),
+            Video("sample-2-02", sampleAddress("colorspectrum=size=480x270:rate=25:type=all", 20),
                   "The Whole Spectrum", id, thumbnail("sample-2-02")),
-            Video("sample-2-03", lavfi("colorchart=rate=25:patch_size=64x64,trim=duration=25"),
-                  "Colour Chart", id, thumbnail("sample-2-03")),
+            Video(
+                "sample-2-03",
+                sampleAddress(
+                    "gradients=size=480x270:rate=25:type=radial:c0=orange:c1=teal:speed=0.01", 25),
+                "Orange and Teal", id, thumbnail("sample-2-03")),
         });
 }
 
 Playlist makePlaylist3() {
     const std::string id = "sample-playlist-3";
-    return Playlist(id, "Patterns in Motion", thumbnail("playlist-3"),
-                    "Shapes that grow, repeat and change all by themselves.",
-                    {
-                        Video("sample-3-01",
-                              lavfi("sierpinski=size=640x360:rate=25:type=carpet,trim=duration=30"),
-                              "Sierpinski Carpet", id, thumbnail("sample-3-01")),
-                        Video("sample-3-02",
-                              lavfi("cellauto=size=640x360:rate=25:rule=110:random_fill_ratio=0.5,"
-                                    "trim=duration=35"),
-                              "Rule One Hundred Ten", id, thumbnail("sample-3-02")),
-                        Video("sample-3-03", lavfi("mptestsrc=duration=30:rate=25"), "Motion Test",
-                              id, thumbnail("sample-3-03")),
-                        Video("sample-3-04", lavfi("testsrc2=duration=60:size=640x360:rate=30"),
-                              "One Minute Test Card", id, thumbnail("sample-3-04")),
-                    });
+    return Playlist(
+        id, "Patterns in Motion", thumbnail("playlist-3"),
+        "Shapes that grow, repeat and change all by themselves.",
+        {
+            Video("sample-3-01", sampleAddress("sierpinski=size=480x270:rate=25:type=carpet", 30),
+                  "Sierpinski Carpet", id, thumbnail("sample-3-01")),
+            Video("sample-3-02",
+                  sampleAddress("cellauto=size=480x270:rate=25:rule=110:random_fill_ratio=0.5", 35),
+                  "Rule One Hundred Ten", id, thumbnail("sample-3-02")),
+            Video("sample-3-03", sampleAddress("mptestsrc=rate=25", 30), "Motion Test", id,
+                  thumbnail("sample-3-03")),
+            Video("sample-3-04", sampleAddress("testsrc2=size=480x270:rate=30", 60),
+                  "One Minute Test Card", id, thumbnail("sample-3-04")),
+        });
 }
 
 }  // namespace

@@ -42,6 +42,11 @@ struct MidRollAdConfig {
 
     // Throws DecodingError (Catalogue.h) naming the offending key.
     static MidRollAdConfig decode(std::string_view utf8);
+    // Text arguments are text, not JSON values built from a string.
+    static MidRollAdConfig decode(const std::string& utf8) {
+        return decode(std::string_view(utf8));
+    }
+    static MidRollAdConfig decode(const char* utf8) { return decode(std::string_view(utf8)); }
     static MidRollAdConfig decode(const nlohmann::json& json);
     nlohmann::json encode() const;
 };

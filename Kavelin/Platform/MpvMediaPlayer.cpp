@@ -39,26 +39,6 @@ bool envSet(const char* name) {
 // pictures either way; anything tighter is decoded to the exact frame.
 constexpr double kKeyframeTolerance = 1.0;
 
-// lavfi sources ("av://lavfi:testsrc2=duration=30:...") only grow their duration
-// estimate while decoding; the graph's own duration option is the real length.
-double lavfiDuration(const std::string& url) {
-    if (url.rfind("av://lavfi:", 0) != 0) return kNaN;
-    for (const char* key : {"duration=", "d="}) {
-        size_t pos = 0;
-        while ((pos = url.find(key, pos)) != std::string::npos) {
-            char before = pos == 0 ? ':' : url[pos - 1];
-            if (before == ':' || before == '=' || before == ',') {
-                char* end = nullptr;
-                const char* start = url.c_str() + pos + std::string(key).size();
-                double v = std::strtod(start, &end);
-                if (end != start && std::isfinite(v) && v > 0) return v;
-            }
-            pos += 1;
-        }
-    }
-    return kNaN;
-}
-
 std::string trimLine(const char* text) {
     std::string s = text ? text : "";
     while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' ')) s.pop_back();
@@ -215,7 +195,6 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         failureError_ = 0;
         timePos_ = 0;
         duration_ = kNaN;
-        fixedDuration_ = url ? lavfiDuration(*url) : kNaN;
         paused_ = true;
         if (mpv_) {
             int yes = 1;
@@ -359,7 +338,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
 
     double knownDuration() const {
         if (!hasItem_ || !loaded_) return kNaN;
-        return std::isfinite(fixedDuration_) ? fixedDuration_ : duration_;
+        return duration_;
     }
 
     void drain() {
@@ -470,7 +449,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
                 if (loaded_) {
                     double before = duration_;
                     duration_ = number();
-                    if (!(before == duration_) && !std::isfinite(fixedDuration_)) notifyDuration();
+                    if (!(before == duration_)) notifyDuration();
                 }
                 break;
             case kPause:
@@ -657,7 +636,6 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     int failureError_ = 0;  // mpv's error code of a failed load not yet logged
     double timePos_ = 0;
     double duration_ = kNaN;
-    double fixedDuration_ = kNaN;
 
     // mpv's state as last observed (pause also follows our own requests at once).
     bool paused_ = true;

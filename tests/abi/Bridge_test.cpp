@@ -97,7 +97,8 @@ protected:
     }
 
     static std::string messageOf(const std::string& line) {
-        auto at = line.find("] ", line.find(" : ["));
+        // Past "[LEVEL] [file:line] ".
+        auto at = line.find("] ", line.find("] [", line.find(" : [")) + 2);
         return at == std::string::npos ? line : line.substr(at + 2);
     }
 

@@ -78,9 +78,9 @@ struct Library {
 const char* kPlaylists = R"([{"id":"pl-e2e","name":"Shapes","thumbnail":"img/pl.png"}])";
 const char* kEpisodes =
     R"([{"id":"pl-e2e","episodes":[)"
-    R"({"index":"v1","url":"av://lavfi:smptebars=duration=2:size=320x180:rate=25",)"
+    R"({"index":"v1","url":"edl://file=av://lavfi:smptebars=size=320x180:rate=25,length=2",)"
     R"("thumbnail":"img/v1.png","title":"Bars","isActive":1,"length":2},)"
-    R"({"index":"v2","url":"av://lavfi:testsrc2=duration=3:size=320x180:rate=25",)"
+    R"({"index":"v2","url":"edl://file=av://lavfi:testsrc2=size=320x180:rate=25,length=3",)"
     R"("thumbnail":"img/v2.png","title":"Colours","isActive":1,"length":3}]}])";
 const char* kPolicy = R"({"version":1,"adTimeoutSeconds":30,
     "globalConstraints":{"minGapSeconds":0,"noAdZoneStartSeconds":0.5,

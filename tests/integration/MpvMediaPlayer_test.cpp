@@ -411,14 +411,13 @@ TEST_F(MpvMediaPlayerTest, HlsStreamPlaysFromASeekRequestedBeforeItLoaded) {
     EXPECT_GE(server->requestCount("/hls/seg03.ts"), 1u);
 }
 
-TEST_F(MpvMediaPlayerTest, LavfiSourcePlaysOfflineWithItsDeclaredDuration) {
-    load("av://lavfi:testsrc2=duration=1.5:size=320x180:rate=25");
+TEST_F(MpvMediaPlayerTest, GeneratedSourcePlaysOfflineWithItsEditListLength) {
+    load("edl://file=av://lavfi:testsrc2=size=320x180:rate=25,length=1.5");
     queue->sync([&] { player->play(); });
     ASSERT_TRUE(rec.waitFor([&] { return rec.ends == 1; }));
     std::lock_guard lock(rec.mutex);
-    // mpv's own estimate grows while decoding; the graph's duration is exact.
-    EXPECT_EQ(rec.durations.back(), 1.5);
-    EXPECT_EQ(rec.durations.size(), 2u);
+    // A bare generator only grows its estimate while decoding; the edit list is exact.
+    EXPECT_NEAR(rec.durations.back(), 1.5, 1e-6);
 }
 
 TEST_F(MpvMediaPlayerTest, FailingAddressesLogOneWarningAndKeepWaiting) {

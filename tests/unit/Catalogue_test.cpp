@@ -335,7 +335,7 @@ TEST(SampleCatalogue, HasTheStatedShape) {
     const Playlist* samples[] = {&SampleVideos::Playlist1(), &SampleVideos::Playlist2(),
                                  &SampleVideos::Playlist3()};
     const size_t sizes[] = {10, 3, 4};
-    std::set<std::string> playlistIds, videoIds, thumbnails;
+    std::set<std::string> playlistIds, videoIds, thumbnails, urls;
     const std::string thumbnailRoot = "file://" KAVELIN_SOURCE_DIR "/Resources/Thumbnails/";
     for (int i = 0; i < 3; ++i) {
         const Playlist& p = *samples[i];
@@ -355,9 +355,20 @@ TEST(SampleCatalogue, HasTheStatedShape) {
             EXPECT_TRUE(v.thumbnail.starts_with(thumbnailRoot)) << v.thumbnail;
             EXPECT_TRUE(v.thumbnail.ends_with(".svg"));
             EXPECT_TRUE(thumbnails.insert(v.thumbnail).second) << v.thumbnail;
-            // Plays without network and parses as a URL.
-            EXPECT_TRUE(v.url.starts_with("av://lavfi:")) << v.url;
+            // A generated source of a fixed length: plays without network and parses
+            // as a URL (no blanks or brackets); the graph itself holds no edit-list
+            // separator.
+            const std::string head = "edl://file=av://lavfi:";
+            EXPECT_TRUE(v.url.starts_with(head)) << v.url;
             EXPECT_EQ(v.url.find_first_of(" []\t\n"), std::string::npos) << v.url;
+            auto comma = v.url.find(',');
+            ASSERT_NE(comma, std::string::npos) << v.url;
+            EXPECT_EQ(v.url.find_first_of(",;", head.size()), comma) << v.url;
+            ASSERT_TRUE(v.url.substr(comma).starts_with(",length=")) << v.url;
+            int seconds = std::stoi(v.url.substr(comma + 8));
+            EXPECT_GE(seconds, 20);
+            EXPECT_LE(seconds, 60);
+            EXPECT_TRUE(urls.insert(v.url).second) << v.url;
         }
     }
 }

@@ -212,6 +212,21 @@ TEST_F(Advancing, CooldownRefusesAnAdUntilItHasPassed) {
     EXPECT_EQ(events.take(), (Events{finished(2), {"OnNextVideoAdRequired", "2"}}));
 }
 
+TEST_F(Advancing, CooldownFollowsTheWallClockNotPlayback) {
+    auto config = policy({});
+    config.globalConstraints.minSecondsBetweenAnyAds = 45;
+    pc->midRollConfig = config;
+    startPlaylist("pl-1");
+    vp.advance(kClip + 0.5);
+    service->AdCompletedResumePlayback();
+    vp.runUntilIdle();
+    events.clear();
+
+    vp.shiftWallClock(20);  // the device clock jumps ahead while a1 plays
+    vp.advance(kClip);
+    EXPECT_EQ(events.take(), (Events{finished(1), {"OnNextVideoAdRequired", "1"}}));
+}
+
 TEST_F(Advancing, AdCompletionWithNothingPendingJustPlays) {
     startPlaylist("pl-1");
     events.clear();

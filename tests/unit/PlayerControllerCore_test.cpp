@@ -144,6 +144,12 @@ TEST_F(Core, SkipsAndStop) {
     EXPECT_EQ(simPlayer()->seeks.back().target, 0);
     EXPECT_EQ(simPlayer()->timeControlStatus(), TimeControlStatus::paused);
 
+    // A seek while paused lands and the clock publishes the new position once.
+    pc->seekTo(20);
+    EXPECT_NE(pc->currentTime.get(), 20);
+    vp.advance(0.1);
+    EXPECT_EQ(pc->currentTime.get(), 20);
+
     // A stop during an ad wait does not rewind.
     vp.advance(1);
     pc->shouldWaitForAd = true;
@@ -174,6 +180,11 @@ TEST(URLString, AcceptsWhatThePlayerCanOpen) {
           "http://[::1]:8080/a.mp4", "http://user:pw@[2001:db8::7]/x", "rtsp+tcp://h/s"}) {
         EXPECT_TRUE(isValidURLString(ok)) << ok;
     }
+}
+
+TEST(URLString, AcceptsEverySampleCatalogueAddress) {
+    for (const auto& playlist : Playlist::allPlaylists())
+        for (const auto& v : playlist.videos) EXPECT_TRUE(isValidURLString(v.url)) << v.url;
 }
 
 TEST(URLString, RejectsWhatIsNotAURL) {

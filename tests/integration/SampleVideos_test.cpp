@@ -1,0 +1,67 @@
+// The built-in sample catalogue must play on libmpv with no network and no media
+// files, report its real duration up front and end by itself.
+
+#include <gtest/gtest.h>
+#include <mpv/client.h>
+
+#include <string>
+
+#include "Kavelin/Model/Catalogue.h"
+
+namespace kavelin {
+namespace {
+
+struct Mpv {
+    mpv_handle* handle = mpv_create();
+    Mpv() {
+        for (auto [name, value] : {std::pair{"config", "no"},
+                                   {"vo", "null"},
+                                   {"ao", "null"},
+                                   {"ytdl", "no"},
+                                   {"load-scripts", "no"},
+                                   {"input-default-bindings", "no"}})
+            mpv_set_option_string(handle, name, value);
+        mpv_initialize(handle);
+    }
+    ~Mpv() { mpv_terminate_destroy(handle); }
+
+    // Waits for `wanted`; an end of file on the way is returned instead.
+    mpv_event* waitFor(mpv_event_id wanted) {
+        for (;;) {
+            mpv_event* e = mpv_wait_event(handle, 20);
+            if (e->event_id == wanted || e->event_id == MPV_EVENT_END_FILE ||
+                e->event_id == MPV_EVENT_NONE)
+                return e;
+        }
+    }
+};
+
+TEST(SampleVideos, EveryAddressPlaysWithItsDurationAndEnds) {
+    for (const Playlist& playlist : Playlist::allPlaylists()) {
+        for (const Video& video : playlist.videos) {
+            SCOPED_TRACE(video.id + " " + video.url);
+            Mpv mpv;
+            const char* load[] = {"loadfile", video.url.c_str(), nullptr};
+            ASSERT_GE(mpv_command(mpv.handle, load), 0);
+            ASSERT_EQ(mpv.waitFor(MPV_EVENT_PLAYBACK_RESTART)->event_id,
+                      MPV_EVENT_PLAYBACK_RESTART);
+
+            double duration = 0;
+            ASSERT_GE(mpv_get_property(mpv.handle, "duration", MPV_FORMAT_DOUBLE, &duration), 0);
+            EXPECT_GE(duration, 20.0);
+            EXPECT_LE(duration, 60.0);
+            std::string length = video.url.substr(video.url.rfind("length=") + 7);
+            EXPECT_EQ(duration, std::stod(length));
+
+            std::string target = std::to_string(duration - 1.0);
+            const char* seek[] = {"seek", target.c_str(), "absolute", nullptr};
+            ASSERT_GE(mpv_command(mpv.handle, seek), 0);
+            mpv_event* end = mpv.waitFor(MPV_EVENT_END_FILE);
+            ASSERT_EQ(end->event_id, MPV_EVENT_END_FILE);
+            EXPECT_EQ(static_cast<mpv_event_end_file*>(end->data)->reason, MPV_END_FILE_REASON_EOF);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kavelin

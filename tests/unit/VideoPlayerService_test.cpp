@@ -1,0 +1,173 @@
+#include <gtest/gtest.h>
+
+#include "Kavelin/VideoPlayerBridgging.h"
+#include "support/PlayerControllerFixture.h"
+
+using namespace kavelin;
+using namespace kavelin::testing;
+
+namespace {
+
+using ServiceTest = PlayerControllerTest;
+
+const char* kPolicyV3 = R"({"version":3,"adTimeoutSeconds":8,
+  "globalConstraints":{"minGapSeconds":45,"noAdZoneStartSeconds":15,"noAdZoneEndSeconds":20},
+  "durationBuckets":[{"minSeconds":0,"maxSeconds":120,"maxBreaks":0,"placements":[]},
+                     {"minSeconds":120,"maxSeconds":300,"maxBreaks":1,"placements":[0.5]},
+                     {"minSeconds":300,"maxSeconds":900,"maxBreaks":1,"placements":[0.5]},
+                     {"minSeconds":900,"maxSeconds":1800,"maxBreaks":2,"placements":[0.3,0.6]}]})";
+
+TEST_F(ServiceTest, PresentationFlagsLandAfterTheCurrentWorkOnWhicheverControllerExistsThen) {
+    service->setShowLogo(false);
+    service->setShowForwardButton(true);
+    service->setShowTimeDuration(false);
+    EXPECT_TRUE(pc->showLogo.get()) << "flags are deferred, not applied inside the call";
+    vp.runUntilIdle();
+    EXPECT_FALSE(pc->showLogo.get());
+    EXPECT_TRUE(pc->showForwardButton.get());
+    EXPECT_FALSE(pc->showTimeDration.get());
+
+    // Set, then the controller is replaced before the block runs: the new one gets it.
+    service->cleanup();
+    service->setShowBackButton(false);
+    service->setURLS({"http://127.0.0.1:8080/x.m3u8"});
+    auto fresh = service->playerController;
+    ASSERT_TRUE(fresh);
+    EXPECT_NE(fresh, pc);
+    EXPECT_TRUE(fresh->showBackButton.get());
+    vp.runUntilIdle();
+    EXPECT_FALSE(fresh->showBackButton.get());
+
+    // With no controller when the block runs, the flag is simply dropped.
+    service->setShowSeekbar(false);
+    service->cleanup();
+    vp.runUntilIdle();
+    EXPECT_FALSE(service->playerController);
+}
+
+TEST_F(ServiceTest, CleanupDropsTheControllerUntilSetURLSMakesOneThatKnowsTheTracker) {
+    service->cleanup();
+    EXPECT_FALSE(service->playerController);
+    EXPECT_EQ(service->currentIndex(), 0);
+    // Every forward is now a no-op, including the ones that need a controller.
+    service->play();
+    service->seekTo(3);
+    service->playPlaylist("pl-1");
+    service->setMidRollAdConfig(kPolicyV3);
+    service->AdCompletedResumePlayback();
+    EXPECT_FALSE(logs.contains("✅ Mid-roll ad config loaded (v3): 4 buckets"));
+    EXPECT_FALSE(logs.contains("🎯 Ad completed, resuming playback"));
+    EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 0);
+    EXPECT_TRUE(service->playlistController) << "the playlist controller survives cleanup";
+
+    service->setURLS({"a", "b"});
+    ASSERT_TRUE(service->playerController);
+    EXPECT_EQ(service->playerController->getURLs(), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(service->playerController->adSessionTracker.lock(), service->adSessionTracker);
+}
+
+TEST_F(ServiceTest, HostURLListSkipsNullEntriesAndKeepsOrder) {
+    const char* urls[] = {"a", nullptr, "b"};
+    EXPECT_EQ(urlsFromHost(urls, 3), (std::vector<std::string>{"a", "b"}));
+    EXPECT_TRUE(urlsFromHost(urls, 0).empty());
+    EXPECT_TRUE(urlsFromHost(nullptr, 2).empty());
+}
+
+TEST_F(ServiceTest, PolicyIsLoggedWithVersionAndBucketsAndBadOnesKeepTheLastGood) {
+    service->setMidRollAdConfig(kPolicyV3);
+    EXPECT_TRUE(logs.contains("✅ Mid-roll ad config loaded (v3): 4 buckets"));
+    EXPECT_EQ(pc->midRollConfig.version, 3);
+
+    service->setMidRollAdConfig(R"({"version":4})");
+    EXPECT_EQ(logs.countPrefix("⚠️ Failed to decode mid-roll config: "), 1u);
+    EXPECT_EQ(logs.levelOf(LogCapture::messageOf(logs.lines().back())), "WARNING");
+    EXPECT_EQ(pc->midRollConfig.version, 3) << "a failed decode keeps the policy in force";
+}
+
+TEST_F(ServiceTest, PremiumResetsTheSessionAndCuePointsButTurningItOffResetsNothing) {
+    service->adSessionTracker->recordAdShown();
+    pc->midRollCuePointState.cuePoints = {{60, false}};
+    pc->midRollCuePointState.isShowingAd = true;
+
+    service->setPremium(false);
+    EXPECT_TRUE(logs.contains("✅ Subscription updated:free"));
+    EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 1);
+    EXPECT_TRUE(pc->midRollCuePointState.hasCuePoints());
+
+    service->setPremium(true);
+    EXPECT_TRUE(logs.contains("✅ Subscription updated:premium"));
+    EXPECT_EQ(subscriptionStatus(), SubscriptionStatus::premium);
+    EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 0);
+    EXPECT_FALSE(pc->midRollCuePointState.hasCuePoints());
+    EXPECT_FALSE(pc->midRollCuePointState.isShowingAd);
+}
+
+TEST_F(ServiceTest, UnknownAndEmptyPlaylistsAreErrorsAndStartNothing) {
+    playlists().push_back(Playlist("empty", "Empty", std::nullopt, std::nullopt, {}));
+    service->playPlaylist("nope");
+    service->playPlaylist("empty");
+    vp.runUntilIdle();
+    EXPECT_EQ(logs.levelOf("❌ Playlist not found"), "ERROR");
+    EXPECT_EQ(logs.levelOf("❌ Playlist has no videos"), "ERROR");
+    EXPECT_TRUE(events.events().empty());
+    EXPECT_FALSE(pc->hostingController);
+}
+
+TEST_F(ServiceTest, SamplePlaylistPlaysBeforeTheHostSendsAnything) {
+    playlists() = Playlist::allPlaylists();
+    const Playlist& sample = playlists().at(1);
+    for (const auto& v : sample.videos) vp.media->add(v.url, 30);
+    service->playPlaylist(sample.id);
+    vp.runUntilIdle();
+    EXPECT_EQ(playingURL(), sample.videos.front().url);
+    EXPECT_EQ(events.count("OnVideoPlay"), 1u);
+}
+
+TEST_F(ServiceTest, MergeKeepsHostOrderAndEverythingTheHostSent) {
+    std::vector<PlaylistResponse> lists = {{"p2", "Two", "t2"}, {"p1", "One", "t1"}};
+    std::vector<EpisodeResponse> groups = {
+        {"p1",
+         {{"9", " u9 ", "th", "Nine", 0, 5},
+          {"1", "u1", "th", "One", 1, 5},
+          {"1", "u1", "th", "One again", 1, 5}}},
+        {"p2", {}},
+        {"p1", {{"x", "ux", "th", "Ignored duplicate group", 1, 1}}},
+        {"orphan", {{"o", "uo", "th", "Orphan", 1, 1}}}};
+    auto result = service->mapToPlaylists(groups, lists);
+    ASSERT_EQ(result.size(), 2u);
+    EXPECT_EQ(result[0].id, "p2");
+    EXPECT_TRUE(result[0].videos.empty());
+    EXPECT_EQ(result[1].id, "p1");
+    EXPECT_EQ(result[1].name, "One");
+    EXPECT_EQ(result[1].thumbnail, "t1");
+    EXPECT_FALSE(result[1].description.has_value());
+    ASSERT_EQ(result[1].videos.size(), 3u) << "no sorting, filtering or de-duplication";
+    EXPECT_EQ(result[1].videos[0].id, "9");
+    EXPECT_EQ(result[1].videos[0].url, "u9");
+    EXPECT_EQ(result[1].videos[0].description, "p1");
+    EXPECT_TRUE(logs.contains("Mapped playlist: Two with 0 videos"));
+    EXPECT_TRUE(logs.contains("Mapped playlist: One with 3 videos"));
+}
+
+TEST_F(ServiceTest, EmptyPlaylistDocumentStillWaits) {
+    service->setEpisodesFromUnity(R"([{"id":"p","episodes":[]}])");
+    service->setPlaylistsFromUnity("[]");
+    EXPECT_EQ(logs.count("⏳ Waiting for playlists..."), 2u);
+    EXPECT_EQ(playlists().size(), 2u) << "the catalogue keeps its previous content";
+}
+
+TEST_F(ServiceTest, AdCompletionWithNothingPendingClearsTheBlockThenPlays) {
+    startPlaylist("pl-1");
+    pc->shouldWaitForAd = true;
+    pc->pause();
+    events.clear();
+    service->AdCompletedResumePlayback();
+    EXPECT_FALSE(pc->shouldWaitForAd.get());
+    EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 1);
+    EXPECT_TRUE(logs.contains("🎯 Ad completed, resuming playback"));
+    EXPECT_EQ(events.take(), (Events{{"OnVideoPlay", "true"}}))
+        << "play() ran after the block was lifted, so it was not refused";
+    EXPECT_FALSE(logs.contains("⛔ Blocking playback until Ad finishes"));
+}
+
+}  // namespace
