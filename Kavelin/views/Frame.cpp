@@ -144,20 +144,21 @@ void Frame::text(const Font& font, ImVec2 pos, ImU32 c, std::string_view text) {
 }
 
 void Frame::asset(const std::string& name, const Rect& r, float opacity, bool rotated180,
-                  ImU32 tint) {
+                  ImVec2 rasterSize) {
     Opacity scope(*this, opacity);
     if (trace_ && opacity_ > 0)
         trace_->items.push_back({DrawTrace::Kind::image, name, r, opacity_});
     if (opacity_ <= 0 || r.empty()) return;
     float scale = ImGui::GetIO().DisplayFramebufferScale.x;
     if (scale <= 0) scale = 1;
-    auto image = assetImage(name, static_cast<int>(std::ceil(r.w * scale)),
-                            static_cast<int>(std::ceil(r.h * scale)));
+    ImVec2 size = rasterSize.x > 0 && rasterSize.y > 0 ? rasterSize : ImVec2(r.w, r.h);
+    auto image = assetImage(name, static_cast<int>(std::ceil(size.x * scale)),
+                            static_cast<int>(std::ceil(size.y * scale)));
     ImTextureID tex = Textures::get(image);
     if (!tex) return;
     ImVec2 uv0 = rotated180 ? ImVec2(1, 1) : ImVec2(0, 0);
     ImVec2 uv1 = rotated180 ? ImVec2(0, 0) : ImVec2(1, 1);
-    list_->AddImage(tex, r.min(), r.max(), uv0, uv1, color(tint));
+    list_->AddImage(tex, r.min(), r.max(), uv0, uv1, color(IM_COL32_WHITE));
 }
 
 void Frame::stretchableAsset(const std::string& name, const Rect& r, float capInset) {

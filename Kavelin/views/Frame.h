@@ -104,8 +104,9 @@ class Frame {
     // Text with its top-left at `pos`.
     void text(const Font& font, ImVec2 pos, ImU32 color, std::string_view text);
     // An artwork asset stretched over `r`, optionally turned by 180 degrees.
+    // Animated sizes pass the size to rasterise at, so each frame reuses it.
     void asset(const std::string& name, const Rect& r, float opacity = 1, bool rotated180 = false,
-               ImU32 tint = IM_COL32_WHITE);
+               ImVec2 rasterSize = {0, 0});
     // An asset stretched horizontally over `r` with only its middle stretching:
     // `capInset` points at the left and right keep their shape.
     void stretchableAsset(const std::string& name, const Rect& r, float capInset);

@@ -65,7 +65,8 @@ void KidsRocketLoader::draw(Frame& frame, ImVec2 c) {
         arc(frame, c, r, a0, a1 + 0.01f, col, UI::ringLineWidth);
     }
     float size = UI::rocketSize * rocketScale(t);
-    frame.asset("rocket.fill", {c.x - size / 2, c.y - size / 2, size, size});
+    frame.asset("rocket.fill", {c.x - size / 2, c.y - size / 2, size, size}, 1, false,
+                {UI::rocketSize, UI::rocketSize});
     frame.requestAnimationFrame();
 }
 

@@ -287,13 +287,14 @@ void VideoPlayerView::drawControls(Frame& frame, const State& s, const Layout& l
         if (l.centreHidden[i]) continue;
         if (tapped(l.centre[i], isEnabled(button, s))) later([this, button] { perform(button); });
         Rect r = l.centre[i];
+        const ImVec2 raster{r.w, r.h};
         if (button == CentreButton::playPause) {
             float scale = playScale_.value(frame.now());
             float w = r.w * scale, h = r.h * scale;
             r = {r.midX() - w / 2, r.midY() - h / 2, w, h};
         }
         frame.asset(assetName(button, s), r, opacity(button, s) * fade,
-                    button == CentreButton::next);
+                    button == CentreButton::next, raster);
     }
 
     if (!l.timeHidden) {

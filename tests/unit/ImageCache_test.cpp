@@ -6,6 +6,7 @@
 #include <SDL_image.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -191,6 +192,41 @@ TEST_F(ImageCacheTest, SampleThumbnailsLoadFromFileAddresses) {
     EXPECT_GT(view.image()->width, 100);
     auto& missing = show(std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/none.svg");
     EXPECT_TRUE(missing.hasError());
+}
+
+}  // namespace
+}  // namespace kavelin
+
+namespace kavelin {
+namespace {
+
+// Workers write while the main queue reads: every read sees a whole entry.
+TEST(ImageCacheThreads, ConcurrentWritersAndReadersSeeWholeEntries) {
+    ImageCache::shared().removeAll();
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t, &mismatches] {
+            for (int i = 0; i < 4000; ++i) {
+                const int k = (i * 7 + t) % 64;
+                const std::string key = "http://127.0.0.1/" + std::to_string(k) + ".png";
+                if (t % 2) {
+                    auto image = std::make_shared<Image>();
+                    image->width = k + 1;
+                    image->height = 1;
+                    ImageCache::shared().set(image, key);
+                } else if (auto image = ImageCache::shared().image(key);
+                           image && image->width != k + 1) {
+                    ++mismatches;
+                }
+            }
+        });
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(mismatches.load(), 0);
+    for (int k = 0; k < 64; ++k)
+        EXPECT_NE(ImageCache::shared().image("http://127.0.0.1/" + std::to_string(k) + ".png"),
+                  nullptr);
+    ImageCache::shared().removeAll();
 }
 
 }  // namespace
