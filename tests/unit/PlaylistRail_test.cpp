@@ -1,0 +1,198 @@
+// The rail on its own: which cards it lists, how it scrolls to the video being
+// played, what drags report, and the layout rules of the cards and the screen.
+#include <imgui.h>
+
+#include "Kavelin/views/PlaylistBottomView.h"
+#include "Kavelin/views/VideoPlayerView.h"
+#include "support/PlayerControllerFixture.h"
+
+namespace kavelin::testing {
+namespace {
+
+class RailTest : public PlayerControllerTest {
+  protected:
+    void SetUp() override {
+        PlayerControllerTest::SetUp();
+        // Six videos: more than a phone rail shows at once.
+        playlists() = {makePlaylist("pl-1", {"a0", "a1", "a2", "a3", "a4", "a5"}),
+                       makePlaylist("pl-2", {"b0", "b1"})};
+        for (const auto& p : playlists())
+            for (const auto& v : p.videos) vp.media->add(v.url, kClip);
+        service = std::make_shared<VideoPlayerService>(vp.platform());
+        currentVideoPlayerService() = service;
+        pc = service->playerController;
+        playlist = service->playlistController;
+        context = ImGui::CreateContext();
+        ImGuiIO& io = ImGui::GetIO();
+        io.IniFilename = nullptr;
+        io.DisplaySize = {390, 844};
+        Font::install(io);
+        io.Fonts->Build();
+        orientation->updateOrientation(std::make_pair(390, 844));
+        startPlaylist("pl-1");
+        rail.emplace(
+            playlist, [this](const Video& v) { selected.push_back(v.id); },
+            [this](const Playlist& p) { selectedPlaylists.push_back(p.id); },
+            [this] { ++interactions; }, false, orientation);
+    }
+    void TearDown() override {
+        rail.reset();
+        ImGui::DestroyContext(context);
+        PlayerControllerTest::TearDown();
+    }
+
+    void frame(ImVec2 mouse = {-1, -1}, bool down = false) {
+        ImGuiIO& io = ImGui::GetIO();
+        io.MousePos = mouse;
+        io.MouseDown[0] = down;
+        io.DeltaTime = 1.0f / 60;
+        ImGui::NewFrame();
+        trace.items.clear();
+        Frame f(ImGui::GetBackgroundDrawList(), vp.queue->now(), &trace);
+        rail->draw(f, area);
+        ImGui::Render();
+    }
+    float offset() const { return rail->scrollOffset(vp.queue->now()); }
+
+    ImGuiContext* context = nullptr;
+    std::shared_ptr<OrientationObserver> orientation = std::make_shared<OrientationObserver>();
+    std::optional<PlaylistBottomView> rail;
+    Rect area{0, 636, 390, 208};
+    DrawTrace trace;
+    std::vector<std::string> selected, selectedPlaylists;
+    int interactions = 0;
+};
+
+TEST_F(RailTest, ListsTheVideosThenTheNextPlaylistAndDrawsOnlyWhatIsInView) {
+    frame();
+    EXPECT_EQ(rail->cardCount(), 6u);
+    EXPECT_TRUE(rail->hasNextPlaylistCard());
+    // 180-wide cards 15 apart after a 16 padding: two fit in 390 points.
+    EXPECT_TRUE(trace.hasText("Title a0"));
+    EXPECT_TRUE(trace.hasText("Title a1"));
+    EXPECT_FALSE(trace.hasText("Title a3"));
+    EXPECT_FLOAT_EQ(rail->cardOffset(2), 16 + 2 * (180 + 15));
+}
+
+TEST_F(RailTest, ScrollsTheCurrentCardToTheLeadingEdgeAnimated) {
+    frame();
+    EXPECT_FLOAT_EQ(offset(), 0);
+    playlist->videoStarted("a3");
+    frame();
+    EXPECT_FLOAT_EQ(offset(), 0);  // the 0.4 s animation starts here
+    vp.advance(0.2);
+    EXPECT_GT(offset(), 0);
+    EXPECT_LT(offset(), 3 * 195);
+    vp.advance(0.25);
+    EXPECT_FLOAT_EQ(offset(), 3 * 195);
+    frame();
+    EXPECT_TRUE(trace.hasText("Title a3"));
+    EXPECT_FALSE(trace.hasText("Title a0"));
+
+    // Without a playlist card the last video cannot go further than the content's end.
+    playlist->nextPlaylist = std::nullopt;
+    playlist->videoStarted("a5");
+    frame();
+    vp.advance(0.5);
+    const float content = rail->cardOffset(6) - 15 + 16;  // six videos and both paddings
+    EXPECT_FLOAT_EQ(offset(), content - area.w);
+}
+
+TEST_F(RailTest, DragsScrollAndReportEveryChangeTapsSelect) {
+    frame();
+    frame({100, 700}, true);
+    EXPECT_EQ(interactions, 1);
+    frame({60, 700}, true);
+    frame({20, 702}, true);
+    EXPECT_EQ(interactions, 3);
+    EXPECT_FLOAT_EQ(offset(), 80);
+    frame({20, 702}, false);
+    EXPECT_TRUE(selected.empty());  // a drag is not a tap
+
+    // A tap on the card under the pointer plays it.
+    const float x = area.x + rail->cardOffset(1) - offset() + 30;
+    frame({x, 700}, true);
+    frame({x, 700}, false);
+    EXPECT_EQ(selected, std::vector<std::string>{"a1"});
+
+    // Scrolled to the end, a tap on the playlist card selects the next playlist.
+    playlist->videoStarted("a5");
+    frame();
+    vp.advance(0.5);
+    const float px = area.x + rail->cardOffset(6) - offset() + 30;
+    frame({px, 700}, true);
+    frame({px, 700}, false);
+    EXPECT_EQ(selectedPlaylists, std::vector<std::string>{"pl-2"});
+}
+
+TEST_F(RailTest, EmptyPlaylistShowsOnlyTheNextPlaylistCard) {
+    Playlist empty("pl-0", "Nothing", std::nullopt, std::nullopt, {});
+    playlist->currentPlaylist = empty;
+    playlist->currentVideoID = std::nullopt;
+    frame();
+    EXPECT_EQ(rail->cardCount(), 0u);
+    EXPECT_TRUE(trace.hasText("Name pl-2"));
+    EXPECT_FLOAT_EQ(offset(), 0);
+    playlist->nextPlaylist = std::nullopt;
+    frame();
+    EXPECT_FALSE(rail->hasNextPlaylistCard());
+    EXPECT_TRUE(trace.items.empty());
+}
+
+TEST(PlaylistCardGeometry, ThreeStackedCardsAndABottomRoundedBand) {
+    auto g = PlaylistCardView::geometry({0, 0, 200, 100}, 30);
+    EXPECT_FLOAT_EQ(g.cornerRadius, 10);
+    EXPECT_FLOAT_EQ(g.back1.w, 176);
+    EXPECT_FLOAT_EQ(g.back1.h, 95);
+    EXPECT_FLOAT_EQ(g.back1.midY(), 50 - 20);  // up by twice the 10-point offset
+    EXPECT_FLOAT_EQ(g.back2.w, 188);
+    EXPECT_FLOAT_EQ(g.back2.midY(), 50 - 5);
+    EXPECT_FLOAT_EQ(g.front.w, 200);
+    EXPECT_FLOAT_EQ(g.front.h, 80);
+    EXPECT_FLOAT_EQ(g.titleBand.bottom(), g.front.bottom());
+    EXPECT_FLOAT_EQ(g.titleBand.h, 30);
+    EXPECT_EQ(cornerRadius(g.cornerRadius, bottomLeft | bottomRight).drawFlags(),
+              ImDrawFlags_RoundCornersBottom);
+}
+
+TEST(VideoCardDecisions, OverlayTextDimmingAndBadge) {
+    EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::nextVideo, 5), "Playing in 5s");
+    EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::completed, 0), "Watched");
+    EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::watching, 3), std::nullopt);
+    EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::none, 3), std::nullopt);
+    EXPECT_EQ(PlaylistVideoView::dimOpacity(VideoState::none), 0);
+    EXPECT_EQ(PlaylistVideoView::dimOpacity(VideoState::watching), 0.5f);
+    EXPECT_TRUE(PlaylistVideoView::showsAdBadge(SubscriptionStatus::free));
+    EXPECT_FALSE(PlaylistVideoView::showsAdBadge(SubscriptionStatus::premium));
+    EXPECT_EQ(PlaylistVideoView::adBadgeRect({100, 50}, true), (Rect{75, 25, 82, 82}));
+    EXPECT_EQ(PlaylistVideoView::adBadgeRect({100, 50}, false), (Rect{80, 30, 52, 52}));
+}
+
+TEST(ScreenLayout, PaddingsByIdiomOrientationAndRail) {
+    VideoPlayerView::State s;
+    s.isPad = true;
+    auto pad = VideoPlayerView::layout(s, {0, 0, 820, 1180}, 0);
+    EXPECT_FLOAT_EQ(pad.controls.y, 120);
+    EXPECT_FLOAT_EQ(pad.back.x, 24 + 16);
+    EXPECT_FLOAT_EQ(pad.buttonSize, 100);
+
+    s.isLandscape = true;
+    s.showPlaylist = true;
+    auto padRail = VideoPlayerView::layout(s, {0, 0, 1180, 820}, 1);
+    EXPECT_FLOAT_EQ(padRail.controls.y, 40);  // 120 - 80: moved out for the rail
+    EXPECT_FLOAT_EQ(padRail.rail.h, 320);
+    // The bar is pulled in by 180 on each side while the rail is up.
+    EXPECT_FLOAT_EQ(padRail.timeBackground.x, padRail.controls.x + 180 + 16);
+
+    VideoPlayerView::State phone;
+    phone.showTimeDration = false;
+    auto noTime = VideoPlayerView::layout(phone, {0, 0, 390, 844}, 0);
+    EXPECT_TRUE(noTime.timeHidden);
+    EXPECT_FLOAT_EQ(noTime.slider.x, noTime.controls.x);
+    EXPECT_FLOAT_EQ(noTime.slider.right(), noTime.controls.right() - 16);
+    // Portrait bottom inset 24 on a phone.
+    EXPECT_FLOAT_EQ(noTime.slider.bottom(), noTime.controls.bottom() - 24);
+}
+
+}  // namespace
+}  // namespace kavelin::testing
