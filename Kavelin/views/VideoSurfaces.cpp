@@ -10,9 +10,10 @@
 namespace kavelin {
 
 namespace {
+// Never destroyed: tearing mpv down from a static destructor at exit is not safe.
 std::shared_ptr<VideoRenderer>& installedRenderer() {
-    static std::shared_ptr<VideoRenderer> renderer;
-    return renderer;
+    static auto* renderer = new std::shared_ptr<VideoRenderer>();
+    return *renderer;
 }
 }  // namespace
 
