@@ -9,7 +9,6 @@ packages=(
   nlohmann-json3-dev libmpv-dev libsdl2-dev libsdl2-image-dev libimgui-dev libstb-dev
   libcurl4-openssl-dev libgl-dev
   ffmpeg xvfb xauth x11-apps imagemagick
-  python3 npm
 )
 
 missing=()
@@ -27,13 +26,18 @@ if [ "${#missing[@]}" -gt 0 ]; then
     "${missing[@]}" >/dev/null
 fi
 
-# Poppins comes from npm; the screen falls back to the default font without it.
+# Poppins comes from npm; the screen falls back to the default font without it. A
+# machine without any npm gets Debian's; a failure there is not fatal either.
+if ! command -v npm >/dev/null 2>&1; then
+  "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+    npm >/dev/null 2>&1 || echo "setup: warning: npm is not available; fonts fall back to the default"
+fi
 root=$(cd "$(dirname "$0")/.." && pwd)
 fonts="$root/build/fonts"
 if [ ! -f "$fonts/Poppins-Medium.ttf" ] || [ ! -f "$fonts/Poppins-SemiBold.ttf" ]; then
   mkdir -p "$fonts"
   tmp=$(mktemp -d)
-  if (cd "$tmp" && npm pack --silent @expo-google-fonts/poppins >/dev/null 2>&1); then
+  if command -v npm >/dev/null 2>&1 && (cd "$tmp" && npm pack --silent @expo-google-fonts/poppins >/dev/null 2>&1); then
     tar -xzf "$tmp"/*.tgz -C "$tmp"
     med=$(find "$tmp/package" -name 'Poppins_500Medium.ttf' | head -n 1)
     semi=$(find "$tmp/package" -name 'Poppins_600SemiBold.ttf' | head -n 1)
