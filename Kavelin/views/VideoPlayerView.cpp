@@ -26,6 +26,8 @@ VideoPlayerView::State VideoPlayerView::State::read(const PlayerController& p, b
     s.disbleForwardButton = p.disbleForwardButton;
     s.showTimeDration = p.showTimeDration;
     s.showSeekbar = p.showSeekbar;
+    s.showBackButton = p.showBackButton;
+    s.showLogo = p.showLogo;
     return s;
 }
 
@@ -127,6 +129,9 @@ VideoPlayerView::Layout VideoPlayerView::layout(const State& s, const Rect& scre
     float topBarBottom = l.controls.y + std::max(UI::backButtonSize, UI::logoHeight) + 2 * pad;
 
     // Bottom bar: time label and slider, pulled in and up by its own paddings.
+    // Hidden top-bar items keep their place: the bar's other item stays at its edge.
+    l.backHidden = !s.showBackButton;
+    l.logoHidden = !s.showLogo;
     l.timeHidden = !s.showTimeDration;
     l.sliderHidden = !s.showSeekbar;
     l.timeFontSize = timeFontSize(s.isLandscape, s.showPlaylist);
@@ -261,7 +266,7 @@ void VideoPlayerView::handleKey(Key key) {
             if (!isHidden(CentreButton::for10, s)) perform(CentreButton::for10);
             break;
         case Key::escape:
-            p.backToHome();
+            if (s.showBackButton) p.backToHome();
             break;
     }
 }
@@ -277,9 +282,11 @@ void VideoPlayerView::drawControls(Frame& frame, const State& s, const Layout& l
         return frame.tapIn(r) && reacts && enabled;
     };
 
-    if (tapped(l.back, true)) later([this] { playerController_->backToHome(); });
-    frame.asset("backbutton", l.back);
-    frame.asset("zelkinLogo", l.logo);
+    if (!l.backHidden) {
+        if (tapped(l.back, true)) later([this] { playerController_->backToHome(); });
+        frame.asset("backbutton", l.back);
+    }
+    if (!l.logoHidden) frame.asset("zelkinLogo", l.logo);
 
     for (size_t i = 0; i < centreButtonCount; ++i) {
         auto button = static_cast<CentreButton>(i);

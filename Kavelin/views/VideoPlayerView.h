@@ -71,6 +71,8 @@ class VideoPlayerView {
         bool disbleForwardButton = false;
         bool showTimeDration = true;
         bool showSeekbar = true;
+        bool showBackButton = true;
+        bool showLogo = true;
 
         static State read(const PlayerController& player, bool isPad, bool isLandscape);
     };
@@ -82,6 +84,8 @@ class VideoPlayerView {
     struct Layout {
         Rect screen, videoArea, rail, controls;
         Rect back, logo;
+        bool backHidden = false;
+        bool logoHidden = false;
         float buttonSize = 0;
         std::array<Rect, centreButtonCount> centre{};
         std::array<bool, centreButtonCount> centreHidden{};

@@ -160,6 +160,28 @@ TEST_F(ScreenTest, HiddenButtonsLeaveNoGap) {
     EXPECT_EQ(view->lastLayout().slider, l.slider);
 }
 
+TEST_F(ScreenTest, HostFlagsHideTheBackButtonAndLogoWhichThenStopReacting) {
+    frame();
+    const Rect back = view->lastLayout().back;
+    pc->showBackButton = false;
+    pc->showLogo = false;
+    frame();
+    EXPECT_EQ(trace.count(DrawTrace::Kind::image, "backbutton"), 0u);
+    EXPECT_EQ(trace.count(DrawTrace::Kind::image, "zelkinLogo"), 0u);
+    events.clear();
+    click(centre(back));
+    view->handleKey(VideoPlayerView::Key::escape);
+    vp.advance(1);
+    EXPECT_EQ(events.count("OnVideoClosed"), 0u);
+    EXPECT_TRUE(pc->hostingController);
+
+    pc->showBackButton = true;
+    frame();
+    EXPECT_EQ(trace.count(DrawTrace::Kind::image, "backbutton"), 1u);
+    click(centre(back));
+    EXPECT_EQ(events.count("OnVideoClosed"), 1u);
+}
+
 TEST_F(ScreenTest, NoControlReactsWhileLoading) {
     pc->showLoading = true;
     frame();
