@@ -195,6 +195,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         failureError_ = 0;
         timePos_ = 0;
         duration_ = kNaN;
+        restartSeen_ = false;
         paused_ = true;
         if (mpv_) {
             int yes = 1;
@@ -238,8 +239,10 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         // At the end mpv holds the last frame and pauses; the pause itself may be
         // reported a moment after the end.
         if (paused_ || (eofReached_ && loaded_)) return TimeControlStatus::paused;
+        // A seek counts from the request, not from when mpv reports it: until it
+        // lands the old position must not be ticked out as progress.
         if (!hasItem_ || !loaded_ || failed_ || idleActive_ || pausedForCache_ || seeking_ ||
-            coreIdle_)
+            pendingSeek_ || coreIdle_)
             return TimeControlStatus::waitingToPlayAtSpecifiedRate;
         return TimeControlStatus::playing;
     }
@@ -290,6 +293,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         // Like the platform player, the position reads as the target at once.
         timePos_ = seconds;
         if (loaded_) issueSeek();
+        scheduleStatusUpdate();
     }
 
   private:
@@ -381,9 +385,17 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
             case MPV_EVENT_PROPERTY_CHANGE:
                 onProperty(e.reply_userdata, *static_cast<mpv_event_property*>(e.data));
                 break;
-            case MPV_EVENT_PLAYBACK_RESTART:
-                if (pendingSeek_ && pendingSeek_->acknowledged) seekLanded();
+            case MPV_EVENT_PLAYBACK_RESTART: {
+                // The first restart of an item may be its plain start rather than a
+                // seek asked for while it opened; only a landing nearer the target
+                // than the start counts then.
+                const bool first = !restartSeen_;
+                restartSeen_ = true;
+                if (pendingSeek_ && pendingSeek_->acknowledged &&
+                    (!first || landedNearerTargetThanStart()))
+                    seekLanded();
                 break;
+            }
             case MPV_EVENT_SHUTDOWN:
                 closed_ = true;
                 break;
@@ -499,6 +511,14 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         s.acknowledged = true;
     }
 
+    bool landedNearerTargetThanStart() const {
+        double t = 0;
+        if (mpv_get_property(mpv_, "time-pos", MPV_FORMAT_DOUBLE, &t) < 0 || !std::isfinite(t))
+            return false;
+        const double target = std::max(pendingSeek_->target, 0.0);
+        return std::abs(t - target) <= std::abs(t);
+    }
+
     void seekLanded() {
         double t = kNaN;
         if (mpv_get_property(mpv_, "time-pos", MPV_FORMAT_DOUBLE, &t) >= 0 && std::isfinite(t))
@@ -517,6 +537,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     void finishSeek(bool finished) {
         auto completion = std::move(pendingSeek_->completion);
         pendingSeek_.reset();
+        scheduleStatusUpdate();
         if (completion && !closed_) completion(finished);
     }
 
@@ -642,6 +663,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     bool coreIdle_ = true;
     bool pausedForCache_ = false;
     bool seeking_ = false;
+    bool restartSeen_ = false;
     bool idleActive_ = true;
     bool eofReached_ = false;
     TimeControlStatus reportedStatus_ = TimeControlStatus::paused;
