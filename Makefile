@@ -1,4 +1,5 @@
 # Both targets set up a fresh Debian machine, build, then run.
+MAKEFLAGS += --no-print-directory
 BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
@@ -23,8 +24,7 @@ test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
 
 bench: build
-	$(BUILD)/bench/kavelin-bench-playlist
-	$(BUILD)/bench/kavelin-bench-playback
+	@for b in $(BUILD)/bench/kavelin-bench-*; do echo "== $$(basename $$b)"; $$b || exit 1; done
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i

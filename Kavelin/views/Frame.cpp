@@ -132,6 +132,12 @@ void Frame::stroke(const Rect& r, ImU32 c, float lineWidth, RoundedCorner shape)
     shape.stroke(list_, r, color(c), lineWidth);
 }
 
+void Frame::verticalGradient(const Rect& r, ImU32 top, ImU32 bottom) {
+    if (opacity_ <= 0 || r.empty()) return;
+    list_->AddRectFilledMultiColor({r.x, r.y}, {r.right(), r.bottom()}, color(top), color(top),
+                                   color(bottom), color(bottom));
+}
+
 void Frame::text(const Font& font, ImVec2 pos, ImU32 c, std::string_view text) {
     if (trace_ && opacity_ > 0) {
         ImVec2 size =

@@ -101,6 +101,8 @@ class Frame {
 
     void fill(const Rect& r, ImU32 color, RoundedCorner shape = {});
     void stroke(const Rect& r, ImU32 color, float lineWidth, RoundedCorner shape = {});
+    // A rectangle shading from `top` to `bottom` (soft edges such as a blur's halo).
+    void verticalGradient(const Rect& r, ImU32 top, ImU32 bottom);
     // Text with its top-left at `pos`.
     void text(const Font& font, ImVec2 pos, ImU32 color, std::string_view text);
     // An artwork asset stretched over `r`, optionally turned by 180 degrees.

@@ -159,8 +159,12 @@ bool PlaylistCardView::draw(Frame& frame, ImVec2 origin) {
 
     image_.draw(frame, g.front, round);
     // The band's backing: white blurred under white at 60 %, which over any
-    // picture reads as frosted white.
+    // picture reads as frosted white. The blur spreads the white past the band's
+    // top edge, fading into the picture.
     RoundedCorner bottomOnly = cornerRadius(g.cornerRadius, bottomLeft | bottomRight);
+    const float halo = std::min(UI::blurRadius / 2, g.titleBand.y - g.front.y);
+    frame.verticalGradient({g.front.x, g.titleBand.y - halo, g.front.w, halo}, Color::white(0),
+                           Color::white(0.55f));
     frame.fill(g.titleBand, Color::white(0.55f), bottomOnly);
     frame.fill(g.titleBand, Color::white(UI::overlayOpacity), bottomOnly);
     float y = g.titleBand.y + padding;
