@@ -18,10 +18,13 @@
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/log/VPLogger.h"
+#include "support/MainQueueWait.h"
 #include "support/XvfbDisplay.h"
 
 using namespace kavelin;
 namespace fs = std::filesystem;
+
+using kavelin::testing::waitOnMainQueue;
 
 namespace {
 
@@ -29,17 +32,6 @@ double processCpuSeconds() {
     timespec ts{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-bool waitFor(const std::function<bool()>& probe, double seconds) {
-    auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (std::chrono::steady_clock::now() < until) {
-        bool ok = false;
-        mainQueue().sync([&] { ok = probe(); });
-        if (ok) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
 }
 
 double percentile(std::vector<double> v, double p) {
@@ -89,7 +81,7 @@ int main() {
     });
     if (!window) return 1;
     auto pc = service->playerController;
-    if (!waitFor([&] { return pc->isPlaying && !pc->showLoading && pc->showPlaylist; }, 30))
+    if (!waitOnMainQueue([&] { return pc->isPlaying && !pc->showLoading && pc->showPlaylist; }, 30))
         return 1;
     std::this_thread::sleep_for(std::chrono::seconds(1));  // thumbnails in, rail settled
 

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/HostLibrary.h"
+
 namespace {
 
 std::mutex gMutex;
@@ -38,34 +40,18 @@ std::vector<std::array<std::string, 3>> unityMessages() {
 
 // The engine's entry point, found by the library with dlsym in the running image.
 extern "C" __attribute__((visibility("default"))) void UnitySendMessage(const char* object,
-                                                                       const char* method,
-                                                                       const char* message) {
+                                                                        const char* method,
+                                                                        const char* message) {
     std::lock_guard lock(gMutex);
     gUnityMessages.push_back({object, method, message});
 }
 
 namespace {
 
-struct Kavelin {
-    void* handle = nullptr;
-
-    template <typename F>
-    F fn(const char* name) {
-        void* sym = dlsym(handle, name);
-        EXPECT_NE(sym, nullptr) << name;
-        return reinterpret_cast<F>(sym);
-    }
-    void call(const char* name) { fn<void (*)()>(name)(); }
-    void call(const char* name, const char* arg) { fn<void (*)(const char*)>(name)(arg); }
-    void call(const char* name, double arg) { fn<void (*)(double)>(name)(arg); }
-    void call(const char* name, bool arg) { fn<void (*)(bool)>(name)(arg); }
-    void registerCallback(void (*cb)(const char*)) {
-        fn<void (*)(void (*)(const char*))>("registerUnityCallback")(cb);
-    }
-};
+using Kavelin = HostLibrary;
 
 class BridgeTest : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() {
         // Watched videos go to a throw-away store, never the developer's own.
         char dir[] = "/tmp/kavelin-abi-XXXXXX";
@@ -105,9 +91,8 @@ protected:
     Kavelin lib;
 };
 
-const char* kPlaylists =
-    R"([{"id":"pl-1","name":"Animals","thumbnail":"img/pl-1.png"},)"
-    R"({"id":"pl-2","name":"Songs","thumbnail":"img/pl-2.png"}])";
+const char* kPlaylists = R"([{"id":"pl-1","name":"Animals","thumbnail":"img/pl-1.png"},)"
+                         R"({"id":"pl-2","name":"Songs","thumbnail":"img/pl-2.png"}])";
 const char* kEpisodes =
     R"([{"id":"pl-1","episodes":[{"index":"e1","url":" media/e1.m3u8\n","thumbnail":"img/e1.png",)"
     R"("title":"Episode one","isActive":1,"length":120},{"index":"e2","url":"media/e2.m3u8",)"
@@ -128,13 +113,34 @@ TEST_F(BridgeTest, ExportsExactlyTheHostTable) {
         exported.insert(name);
     }
     pclose(nm);
-    const std::set<std::string> expected = {
-        "KavelinVersionNumber", "KavelinVersionString", "registerUnityCallback", "loadVideo",
-        "play", "pause", "stop", "seekForward", "seekBackward", "seekTo", "cleanup", "setURLS",
-        "setShowForwardButton", "setShowBackwordButton", "setShowBack10Button",
-        "setShowFor10Button", "setShowPlayPauseButton", "setShowBackButton", "setShowLogo",
-        "setShowSeekbar", "setShowTimeDuration", "SetPlaylists", "SetEpisodes", "PlayPlaylist",
-        "SetPremium", "SetAdRequired", "SetMidRollAdConfig", "AdCompletedResumePlayback"};
+    const std::set<std::string> expected = {"KavelinVersionNumber",
+                                            "KavelinVersionString",
+                                            "registerUnityCallback",
+                                            "loadVideo",
+                                            "play",
+                                            "pause",
+                                            "stop",
+                                            "seekForward",
+                                            "seekBackward",
+                                            "seekTo",
+                                            "cleanup",
+                                            "setURLS",
+                                            "setShowForwardButton",
+                                            "setShowBackwordButton",
+                                            "setShowBack10Button",
+                                            "setShowFor10Button",
+                                            "setShowPlayPauseButton",
+                                            "setShowBackButton",
+                                            "setShowLogo",
+                                            "setShowSeekbar",
+                                            "setShowTimeDuration",
+                                            "SetPlaylists",
+                                            "SetEpisodes",
+                                            "PlayPlaylist",
+                                            "SetPremium",
+                                            "SetAdRequired",
+                                            "SetMidRollAdConfig",
+                                            "AdCompletedResumePlayback"};
     EXPECT_EQ(exported, expected);
 
     EXPECT_DOUBLE_EQ(*static_cast<const double*>(dlsym(lib.handle, "KavelinVersionNumber")), 1.1);
@@ -145,8 +151,8 @@ TEST_F(BridgeTest, ExportsExactlyTheHostTable) {
 TEST_F(BridgeTest, RegisteredCallbackGetsOneCombinedTextPerEventAndUnityNothing) {
     lib.registerCallback(recordCallback);
     lib.call("stop");
-    EXPECT_EQ(callbacks(), (std::vector<std::string>{"CallBack_registered:registered",
-                                                     "OnVideoStop:Stopped"}));
+    EXPECT_EQ(callbacks(),
+              (std::vector<std::string>{"CallBack_registered:registered", "OnVideoStop:Stopped"}));
     EXPECT_TRUE(unityMessages().empty());
 }
 
@@ -206,16 +212,15 @@ TEST_F(BridgeTest, CatalogueMergesInEitherOrderWithItsLogLines) {
     });
     std::vector<std::string> messages;
     for (auto& l : log) messages.push_back(messageOf(l));
-    const std::vector<std::string> expected = {
-        "📥 Received Episodes JSON from Unity",
-        "✅ Episodes received from Unity",
-        "⏳ Waiting for playlists...",
-        "📥 Received Playlist JSON from Unity",
-        "✅ Playlist metadata received from Unity",
-        "🔄 Merging data...",
-        "Mapped playlist: Animals with 2 videos",
-        "No episodes found for playlistId: pl-2",
-        "✅ Final playlists ready: 1"};
+    const std::vector<std::string> expected = {"📥 Received Episodes JSON from Unity",
+                                               "✅ Episodes received from Unity",
+                                               "⏳ Waiting for playlists...",
+                                               "📥 Received Playlist JSON from Unity",
+                                               "✅ Playlist metadata received from Unity",
+                                               "🔄 Merging data...",
+                                               "Mapped playlist: Animals with 2 videos",
+                                               "No episodes found for playlistId: pl-2",
+                                               "✅ Final playlists ready: 1"};
     EXPECT_EQ(messages, expected);
     EXPECT_TRUE(contains(log, "[WARNING] [VideoPlayerService.cpp:") &&
                 contains(log, "⏳ Waiting for playlists..."));
@@ -239,7 +244,8 @@ TEST_F(BridgeTest, BadDocumentsAreLoggedAndTheLastGoodOnesKept) {
     std::string huge = "[";
     while (huge.size() < 10 * 1024 * 1024) huge += R"({"id":"x","name":"n","thumbnail":"t"},)";
     huge += R"({"id":"x","name":"n"}])";  // the last element lacks a key
-    const char badUtf8[] = {'[', '{', '"', 'i', 'd', '"', ':', '"', '\xff', '\xfe', '"', '}', ']', 0};
+    const char badUtf8[] = {'[', '{',    '"',    'i', 'd', '"', ':',
+                            '"', '\xff', '\xfe', '"', '}', ']', 0};
 
     auto log = logOf([&] {
         lib.call("SetPlaylists", "not json");
@@ -273,9 +279,10 @@ TEST_F(BridgeTest, NullStringsAreLoggedNotDereferenced) {
         lib.call("SetMidRollAdConfig", static_cast<const char*>(nullptr));
         lib.fn<void (*)(const char**, int32_t)>("setURLS")(nullptr, 3);
     });
-    EXPECT_GE(std::count_if(log.begin(), log.end(),
-                            [](const std::string& l) { return l.find("null") != std::string::npos; }),
-              5);
+    EXPECT_GE(
+        std::count_if(log.begin(), log.end(),
+                      [](const std::string& l) { return l.find("null") != std::string::npos; }),
+        5);
 }
 
 TEST_F(BridgeTest, NegativeUrlCountStopsTheProcess) {
@@ -289,8 +296,8 @@ TEST_F(BridgeTest, CallbackMayCallBackIntoTheLibrary) {
         recordCallback(text);
         if (std::string(text) == "CallBack_registered:registered") self->call("stop");
     });
-    EXPECT_EQ(callbacks(), (std::vector<std::string>{"CallBack_registered:registered",
-                                                     "OnVideoStop:Stopped"}));
+    EXPECT_EQ(callbacks(),
+              (std::vector<std::string>{"CallBack_registered:registered", "OnVideoStop:Stopped"}));
 }
 
 TEST_F(BridgeTest, EntryPointsMayBeCalledFromAnyThread) {

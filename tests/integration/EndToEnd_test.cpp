@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "support/HostLibrary.h"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -59,18 +61,7 @@ std::string eventDump() {
     return out;
 }
 
-struct Library {
-    void* handle = nullptr;
-    template <typename F>
-    F fn(const char* name) {
-        void* sym = dlsym(handle, name);
-        EXPECT_NE(sym, nullptr) << name;
-        return reinterpret_cast<F>(sym);
-    }
-    void call(const char* name) { fn<void (*)()>(name)(); }
-    void call(const char* name, const char* arg) { fn<void (*)(const char*)>(name)(arg); }
-    void call(const char* name, bool arg) { fn<void (*)(bool)>(name)(arg); }
-};
+using Library = HostLibrary;
 
 // After a mid-roll ad the video starts over and its cue point is armed again;
 // only the tracker keeps it from asking twice. A cap of two ads lets the

@@ -17,9 +17,12 @@
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/views/VideoPlayerView.h"
+#include "support/MainQueueWait.h"
 #include "support/XvfbDisplay.h"
 
 namespace kavelin {
+using kavelin::testing::waitOnMainQueue;
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -40,19 +43,6 @@ class XvfbEnvironment : public ::testing::Environment {
 };
 
 const auto* const gXvfb = ::testing::AddGlobalTestEnvironment(new XvfbEnvironment);
-
-// Runs `probe` on the main queue until it holds, for at most `seconds` of real
-// playback time (libmpv runs on its own clock, so there is no virtual time here).
-bool waitFor(const std::function<bool()>& probe, double seconds) {
-    auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (std::chrono::steady_clock::now() < until) {
-        bool ok = false;
-        mainQueue().sync([&] { ok = probe(); });
-        if (ok) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
-}
 
 struct Pixel {
     int r, g, b;
@@ -128,7 +118,7 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     ASSERT_NE(window, nullptr) << "the real platform did not choose the window presenter";
     auto pc = service->playerController;
 
-    ASSERT_TRUE(waitFor(
+    ASSERT_TRUE(waitOnMainQueue(
         [&] {
             return pc->isPlaying && !pc->showLoading && pc->showPlaylist && pc->currentTime > 0.5;
         },
@@ -185,7 +175,7 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     key.key.keysym.sym = SDLK_SPACE;
     key.key.windowID = SDL_GetWindowID(window->window());
     ASSERT_EQ(SDL_PushEvent(&key), 1);
-    ASSERT_TRUE(waitFor([&] { return !pc->isPlaying; }, 5));
+    ASSERT_TRUE(waitOnMainQueue([&] { return !pc->isPlaying; }, 5));
 
     // Paused, with the fades over, nothing changes on screen and nothing is drawn.
     std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -196,11 +186,11 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     EXPECT_EQ(after, before);
     // A change the controller publishes is drawn.
     mainQueue().sync([&] { pc->showControls = false; });
-    EXPECT_TRUE(waitFor([&] { return window->framesRendered() > after; }, 2));
+    EXPECT_TRUE(waitOnMainQueue([&] { return window->framesRendered() > after; }, 2));
 
     // Back closes the window.
     mainQueue().sync([&] { pc->backToHome(); });
-    EXPECT_TRUE(waitFor([&] { return !window->isShown(); }, 5));
+    EXPECT_TRUE(waitOnMainQueue([&] { return !window->isShown(); }, 5));
     mainQueue().sync([&] {
         currentVideoPlayerService().reset();
         service.reset();

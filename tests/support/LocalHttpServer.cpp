@@ -305,12 +305,12 @@ bool LocalHttpServer::serveFile(int fd, const Request& request, bool keepAlive) 
     bool partial = false;
     auto range = request.headers.find("range");
     if (range != request.headers.end() && range->second.rfind("bytes=", 0) == 0) {
-        std::string spec = range->second.substr(6);
-        size_t dash = spec.find('-');
+        std::string byteRange = range->second.substr(6);
+        size_t dash = byteRange.find('-');
         if (dash != std::string::npos && dash > 0) {
-            first = std::stoull(spec.substr(0, dash));
-            if (dash + 1 < spec.size())
-                last = std::min<uint64_t>(std::stoull(spec.substr(dash + 1)), last);
+            first = std::stoull(byteRange.substr(0, dash));
+            if (dash + 1 < byteRange.size())
+                last = std::min<uint64_t>(std::stoull(byteRange.substr(dash + 1)), last);
             partial = true;
             if (first >= size) {
                 return sendAll(fd, "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" +
