@@ -1,6 +1,7 @@
 #include "Kavelin/views/VideoPlayerView.h"
 
 #include <cmath>
+#include <tuple>
 
 #include "Kavelin/Extentions/Color+Ext.h"
 
@@ -184,9 +185,31 @@ VideoPlayerView::State VideoPlayerView::state() const {
     return State::read(*playerController_, isPad_, landscape);
 }
 
+VideoPlayerView::Layout VideoPlayerView::blend(const Layout& from, const Layout& to, float t) {
+    auto mix = [t](float a, float b) { return a + (b - a) * t; };
+    auto mixRect = [&](const Rect& a, const Rect& b) {
+        return Rect{mix(a.x, b.x), mix(a.y, b.y), mix(a.w, b.w), mix(a.h, b.h)};
+    };
+    Layout l = to;
+    for (auto [out, a, b] :
+         {std::tuple{&l.screen, from.screen, to.screen},
+          std::tuple{&l.videoArea, from.videoArea, to.videoArea},
+          std::tuple{&l.rail, from.rail, to.rail},
+          std::tuple{&l.controls, from.controls, to.controls},
+          std::tuple{&l.back, from.back, to.back}, std::tuple{&l.logo, from.logo, to.logo},
+          std::tuple{&l.timeBackground, from.timeBackground, to.timeBackground},
+          std::tuple{&l.slider, from.slider, to.slider}})
+        *out = mixRect(a, b);
+    for (size_t i = 0; i < centreButtonCount; ++i)
+        l.centre[i] = mixRect(from.centre[i], to.centre[i]);
+    l.buttonSize = mix(from.buttonSize, to.buttonSize);
+    l.timeFontSize = mix(from.timeFontSize, to.timeFontSize);
+    return l;
+}
+
 bool VideoPlayerView::isAnimating(double now) const {
     if (controlsOpacity_.isAnimating(now) || railShown_.isAnimating(now) ||
-        playScale_.isAnimating(now))
+        playScale_.isAnimating(now) || orientationBlend_.isAnimating(now))
         return true;
     for (const auto& fade : centreFade_)
         if (fade.isAnimating(now)) return true;
@@ -333,6 +356,7 @@ void VideoPlayerView::draw(Frame& frame, const Rect& screen) {
         railShown_.jumpTo(playerController_->showPlaylist ? 1 : 0);
         controlsOpacity_.jumpTo(playerController_->showControls ? 1 : 0);
         playScale_.jumpTo(playPauseScale(playerController_->isPlaying));
+        wasLandscape_ = state().isLandscape;
     }
     State s = state();
     const double now = frame.now();
@@ -359,7 +383,19 @@ void VideoPlayerView::draw(Frame& frame, const Rect& screen) {
     float shown = railShown_.value(now);
     if (!s.showPlaylist && shown <= 0) rail_.reset();
 
+    if (s.isLandscape != wasLandscape_) {
+        wasLandscape_ = s.isLandscape;
+        orientationFrom_ = layout_;
+        orientationBlend_.jumpTo(0);
+        orientationBlend_.animateTo(1, now, UI::orientationAnimationDuration);
+    }
     layout_ = layout(s, screen, shown);
+    if (orientationFrom_) {
+        if (orientationBlend_.isAnimating(now))
+            layout_ = blend(*orientationFrom_, layout_, orientationBlend_.value(now));
+        else
+            orientationFrom_.reset();
+    }
     ImDrawList* list = frame.list();
     // Input runs front to back while drawing goes back to front: the video goes
     // into the bottom channel after the controls have taken their taps.

@@ -42,6 +42,7 @@ class VideoPlayerView {
         static constexpr float portraitBottomPadding = 24;
         static constexpr double controlsAnimationDuration = 0.3;
         static constexpr double railAnimationDuration = 0.35;
+        static constexpr double orientationAnimationDuration = 0.35;
         static constexpr double playPauseAnimationDuration = 0.15;
         // The toolkit's default padding around a view.
         static constexpr float defaultPadding = 16;
@@ -112,6 +113,9 @@ class VideoPlayerView {
     static bool isCountdownPhase(double currentTime, double duration);
     // `railShown` runs from 0 (hidden) to 1 (shown) while the rail slides.
     static Layout layout(const State& s, const Rect& screen, float railShown);
+    // The layout part of the way (`t` from 0 to 1) from one orientation's to the
+    // other's: frames and sizes move, which items exist follows `to`.
+    static Layout blend(const Layout& from, const Layout& to, float t);
 
     VideoPlayerView(std::shared_ptr<PlayerController> playerController,
                     std::shared_ptr<OrientationObserver> orientationObserver,
@@ -148,6 +152,10 @@ class VideoPlayerView {
 
     AnimatedValue controlsOpacity_{1};
     AnimatedValue railShown_{0};
+    // A rotation morphs from the layout last drawn to the new orientation's.
+    AnimatedValue orientationBlend_{1};
+    std::optional<Layout> orientationFrom_;
+    bool wasLandscape_ = false;
     AnimatedValue playScale_{0.9f};
     std::array<AnimatedValue, centreButtonCount> centreFade_{
         AnimatedValue(1), AnimatedValue(1), AnimatedValue(1), AnimatedValue(1), AnimatedValue(1)};

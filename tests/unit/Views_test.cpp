@@ -339,6 +339,15 @@ TEST_F(ScreenTest, PhoneRotationResizesCardsRailAndCentreButtons) {
 
     resize(844, 390);
     frame();
+    // The rotation morphs from what was on screen over 0.35 s.
+    EXPECT_FLOAT_EQ(view->lastLayout().rail.h, 208);
+    vp.advance(0.175);
+    frame();
+    EXPECT_GT(view->lastLayout().rail.h, 176);
+    EXPECT_LT(view->lastLayout().rail.h, 208);
+    EXPECT_TRUE(view->isAnimating(vp.queue->now()));
+    settle();
+    EXPECT_FALSE(view->isAnimating(vp.queue->now()));
     EXPECT_FLOAT_EQ(view->lastLayout().rail.h, 176);
     EXPECT_FLOAT_EQ(view->lastLayout().buttonSize, 50);  // rail shown
     EXPECT_FLOAT_EQ(view->lastLayout().timeBackground.h, 30);
