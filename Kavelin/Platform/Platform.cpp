@@ -35,21 +35,14 @@ void Platform::install(Platform platform) {
 }
 
 void Platform::shutdown() {
-    std::shared_ptr<UserDefaults> defaults;
     std::shared_ptr<MainQueue> queue;
     {
         std::lock_guard lock(gMutex);
         if (!gPlatform) return;
-        defaults = gPlatform->defaults;
         queue = gPlatform->queue;
     }
-    if (defaults) {
-        if (queue)
-            queue->sync([&] { defaults->flush(); });
-        else
-            defaults->flush();
-    }
-    // Stop the library thread before static destructors run under it.
+    // Stop the library thread before static destructors run under it. The store
+    // writes its own pending changes at exit.
     if (auto* thread = dynamic_cast<ThreadMainQueue*>(queue.get())) thread->shutdown();
 }
 

@@ -23,7 +23,7 @@ struct Platform {
 
     static Platform& current();
     static void install(Platform platform);
-    // Flushes and stops what the real platform started; safe to call twice.
+    // Stops the library thread the real platform started; safe to call twice.
     static void shutdown();
 };
 
