@@ -3,11 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "Kavelin/log/VPLogger.h"
+#include "support/VirtualPlatform.h"
 
 namespace kavelin {
 namespace {
@@ -16,21 +16,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using namespace std::chrono;
 
-class LogCapture {
-  public:
-    LogCapture() {
-        VPLogger::setSink([this](const std::string& line) {
-            static const std::regex frame(
-                R"(^\[QORVA_VIDEO_PLAYER\] - \d{4}-\d\d-\d\d \d\d:\d\d:\d\d : \[LOG\] )"
-                R"(\[AdSessionTracker\.cpp:\d+\] ([\s\S]*)$)");
-            std::smatch m;
-            messages.push_back(std::regex_match(line, m, frame) ? std::string(m[1])
-                                                                : "unexpected line: " + line);
-        });
-    }
-    ~LogCapture() { VPLogger::setSink({}); }
-    std::vector<std::string> messages;
-};
+using kavelin::testing::LogCapture;
 
 // A tracker on a clock the test moves by hand, starting 2025-01-31 18:04:05 UTC.
 struct Fixture {
@@ -56,7 +42,7 @@ TEST(AdSessionTracker, NoLimitsAlwaysAllowsAndLogsNothing) {
     }
     EXPECT_TRUE(f.tracker.canShowAd(c));
     EXPECT_EQ(f.tracker.totalAdsShown(), 5);
-    EXPECT_EQ(log.messages.size(), 5u);  // the five records only
+    EXPECT_EQ(log.messages().size(), 5u);  // the five records only
 }
 
 TEST(AdSessionTracker, RecordingCountsAndStampsTheWallClock) {
@@ -69,8 +55,8 @@ TEST(AdSessionTracker, RecordingCountsAndStampsTheWallClock) {
     f.advance(61500ms);
     f.tracker.recordAdShown();
     EXPECT_EQ(f.tracker.lastAdTimestamp(), f.now);
-    EXPECT_THAT(log.messages, ElementsAre("📊 Ad recorded: total=1 at 2025-01-31 18:04:05 +0000",
-                                          "📊 Ad recorded: total=2 at 2025-01-31 18:05:06 +0000"));
+    EXPECT_THAT(log.messages(), ElementsAre("📊 Ad recorded: total=1 at 2025-01-31 18:04:05 +0000",
+                                            "📊 Ad recorded: total=2 at 2025-01-31 18:05:06 +0000"));
 }
 
 TEST(AdSessionTracker, SessionCap) {
@@ -84,13 +70,14 @@ TEST(AdSessionTracker, SessionCap) {
     EXPECT_FALSE(f.tracker.canShowAd(c));
     EXPECT_FALSE(f.tracker.canShowAd(c));  // asking never counts
     EXPECT_EQ(f.tracker.totalAdsShown(), 2);
-    EXPECT_EQ(log.messages.back(), "🚫 Ad blocked: session cap reached (2/2)");
+    EXPECT_EQ(log.messages().back(), "🚫 Ad blocked: session cap reached (2/2)");
+    EXPECT_EQ(log.levelOf("🚫 Ad blocked: session cap reached (2/2)"), "LOG");
 
     Fixture zero;
     EXPECT_FALSE(zero.tracker.canShowAd(limits(0, std::nullopt)));
-    EXPECT_EQ(log.messages.back(), "🚫 Ad blocked: session cap reached (0/0)");
+    EXPECT_EQ(log.messages().back(), "🚫 Ad blocked: session cap reached (0/0)");
     EXPECT_FALSE(zero.tracker.canShowAd(limits(-1, std::nullopt)));
-    EXPECT_EQ(log.messages.back(), "🚫 Ad blocked: session cap reached (0/-1)");
+    EXPECT_EQ(log.messages().back(), "🚫 Ad blocked: session cap reached (0/-1)");
 }
 
 TEST(AdSessionTracker, CooldownOnTheWallClock) {
@@ -98,9 +85,9 @@ TEST(AdSessionTracker, CooldownOnTheWallClock) {
     LogCapture log;
     auto c = limits(std::nullopt, 60.0);
     EXPECT_TRUE(f.tracker.canShowAd(c));  // nothing recorded yet
-    EXPECT_THAT(log.messages, IsEmpty());
+    EXPECT_THAT(log.messages(), IsEmpty());
     f.tracker.recordAdShown();
-    log.messages.clear();
+    log.clear();
 
     f.advance(30000ms);
     EXPECT_FALSE(f.tracker.canShowAd(c));
@@ -108,8 +95,8 @@ TEST(AdSessionTracker, CooldownOnTheWallClock) {
     EXPECT_FALSE(f.tracker.canShowAd(c));
     f.advance(100ms);
     EXPECT_TRUE(f.tracker.canShowAd(c));  // exactly the cooldown passes
-    EXPECT_THAT(log.messages, ElementsAre("🚫 Ad blocked: cooldown 30s / 60s",
-                                          "🚫 Ad blocked: cooldown 60s / 60s"));
+    EXPECT_THAT(log.messages(), ElementsAre("🚫 Ad blocked: cooldown 30s / 60s",
+                                            "🚫 Ad blocked: cooldown 60s / 60s"));
 }
 
 TEST(AdSessionTracker, ClockSetBackKeepsBlocking) {
@@ -118,7 +105,7 @@ TEST(AdSessionTracker, ClockSetBackKeepsBlocking) {
     f.tracker.recordAdShown();
     f.advance(-10000ms);
     EXPECT_FALSE(f.tracker.canShowAd(limits(std::nullopt, 60.0)));
-    EXPECT_EQ(log.messages.back(), "🚫 Ad blocked: cooldown -10s / 60s");
+    EXPECT_EQ(log.messages().back(), "🚫 Ad blocked: cooldown -10s / 60s");
     f.advance(70000ms);
     EXPECT_TRUE(f.tracker.canShowAd(limits(std::nullopt, 60.0)));
 }
@@ -135,9 +122,9 @@ TEST(AdSessionTracker, CapIsTestedBeforeCooldown) {
     Fixture f;
     LogCapture log;
     f.tracker.recordAdShown();
-    log.messages.clear();
+    log.clear();
     EXPECT_FALSE(f.tracker.canShowAd(limits(1, 60.0)));
-    EXPECT_THAT(log.messages, ElementsAre("🚫 Ad blocked: session cap reached (1/1)"));
+    EXPECT_THAT(log.messages(), ElementsAre("🚫 Ad blocked: session cap reached (1/1)"));
 }
 
 TEST(AdSessionTracker, EachQueryUsesTheConfigurationItIsHanded) {
@@ -156,9 +143,9 @@ TEST(AdSessionTracker, ResetStartsANewSessionSilently) {
     auto c = limits(1, 60.0);
     f.tracker.recordAdShown();
     EXPECT_FALSE(f.tracker.canShowAd(c));
-    log.messages.clear();
+    log.clear();
     f.tracker.reset();
-    EXPECT_THAT(log.messages, IsEmpty());
+    EXPECT_THAT(log.messages(), IsEmpty());
     EXPECT_EQ(f.tracker.totalAdsShown(), 0);
     EXPECT_EQ(f.tracker.lastAdTimestamp(), std::nullopt);
     EXPECT_TRUE(f.tracker.canShowAd(c));  // neither cap nor cooldown applies any more

@@ -5,11 +5,11 @@
 
 #include <cmath>
 #include <limits>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "Kavelin/log/VPLogger.h"
+#include "support/VirtualPlatform.h"
 
 namespace kavelin {
 namespace {
@@ -18,24 +18,7 @@ using ::testing::ElementsAre;
 using Bucket = MidRollAdConfig::DurationBucket;
 using Override = MidRollAdConfig::VideoOverride;
 
-// Collects the messages logged while it lives, checking each line's frame.
-class LogCapture {
-  public:
-    LogCapture() {
-        VPLogger::setSink([this](const std::string& line) {
-            static const std::regex frame(
-                R"(^\[QORVA_VIDEO_PLAYER\] - \d{4}-\d\d-\d\d \d\d:\d\d:\d\d : \[LOG\] )"
-                R"(\[MidRollCuePointState\.cpp:\d+\] ([\s\S]*)$)");
-            std::smatch m;
-            if (std::regex_match(line, m, frame))
-                messages.push_back(m[1]);
-            else
-                messages.push_back("unexpected line: " + line);
-        });
-    }
-    ~LogCapture() { VPLogger::setSink({}); }
-    std::vector<std::string> messages;
-};
+using kavelin::testing::LogCapture;
 
 MidRollAdConfig config(std::vector<Bucket> buckets,
                        std::optional<std::map<std::string, Override>> overrides = std::nullopt,
@@ -76,9 +59,10 @@ TEST(CuePointPlanning, BucketBoundsAreLowerInclusiveUpperExclusive) {
     EXPECT_TRUE(s.cuePoints.empty());
     s.computeCuePoints(119.6, std::nullopt, c);
     EXPECT_THAT(timestamps(s), ElementsAre(59.8));
-    EXPECT_THAT(log.messages, ElementsAre(R"(🎯 Mid-roll: 1 cue points for 120s video: ["30.0"])",
-                                          "🎯 Mid-roll: no matching bucket for duration 300s",
-                                          R"(🎯 Mid-roll: 1 cue points for 120s video: ["59.8"])"));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(R"(🎯 Mid-roll: 1 cue points for 120s video: ["30.0"])",
+                            "🎯 Mid-roll: no matching bucket for duration 300s",
+                            R"(🎯 Mid-roll: 1 cue points for 120s video: ["59.8"])"));
 }
 
 TEST(CuePointPlanning, OverlappingBucketsTheEarlierWins) {
@@ -101,8 +85,9 @@ TEST(CuePointPlanning, BreakCountIsCutBeforeFilteringInPreferenceOrder) {
     // More breaks than placements uses them all.
     s.computeCuePoints(200, "v", config({{0, 1000, 9, {0.5, 0.2}}}));
     EXPECT_THAT(timestamps(s), ElementsAre(40.0, 100.0));
-    EXPECT_EQ(log.messages[0], R"(🎯 Mid-roll: 2 cue points for 200s video: ["20.0", "180.0"])");
-    EXPECT_EQ(log.messages[1], R"(🎯 Mid-roll: 1 cue points for 200s video: ["180.0"])");
+    EXPECT_EQ(log.messages()[0], R"(🎯 Mid-roll: 2 cue points for 200s video: ["20.0", "180.0"])");
+    EXPECT_EQ(log.messages()[1], R"(🎯 Mid-roll: 1 cue points for 200s video: ["180.0"])");
+    EXPECT_EQ(log.levelOf(log.messages()[1]), "LOG");
     for (const auto& cue : s.cuePoints) EXPECT_FALSE(cue.consumed);
 }
 
@@ -121,7 +106,7 @@ TEST(CuePointPlanning, SafetyFilterZonesAndGap) {
     // Exactly one gap apart is kept.
     s.computeCuePoints(100, "v", config({{0, 1000, 2, {0.5, 0.2}}}));
     EXPECT_THAT(timestamps(s), ElementsAre(20.0, 50.0));
-    EXPECT_EQ(log.messages[2], "🎯 Mid-roll: 0 cue points for 100s video: []");
+    EXPECT_EQ(log.messages()[2], "🎯 Mid-roll: 0 cue points for 100s video: []");
 }
 
 TEST(CuePointPlanning, GapIsMeasuredToTheLastKeptPoint) {
@@ -151,8 +136,8 @@ TEST(CuePointPlanning, FractionsOutsideTheVideoAndNegativeSecondsAreDropped) {
     s.computeCuePoints(100, "v",
                        config({}, std::map<std::string, Override>{{"v", {{-20}, {}}}}, 30, -30, 0));
     EXPECT_THAT(timestamps(s), ElementsAre(-20.0));
-    EXPECT_EQ(log.messages[1], "🎯 Mid-roll: 0 cue points for -5s video: []");
-    EXPECT_EQ(log.messages[3], "🎯 Mid-roll: 1 cue points (video override) for v: [-20.0]");
+    EXPECT_EQ(log.messages()[1], "🎯 Mid-roll: 0 cue points for -5s video: []");
+    EXPECT_EQ(log.messages()[3], "🎯 Mid-roll: 1 cue points (video override) for v: [-20.0]");
 }
 
 TEST(CuePointPlanning, BucketsWithoutBreaks) {
@@ -162,9 +147,9 @@ TEST(CuePointPlanning, BucketsWithoutBreaks) {
     s.computeCuePoints(200, "v", config({{0, 1000, -3, {0.5}}}));
     s.computeCuePoints(200.4, "v", config({{0, 1000, 2, {}}}));
     EXPECT_TRUE(s.cuePoints.empty());
-    EXPECT_THAT(log.messages, ElementsAre("🎯 Mid-roll: bucket has 0 breaks for duration 200s",
-                                          "🎯 Mid-roll: bucket has 0 breaks for duration 200s",
-                                          "🎯 Mid-roll: bucket has 0 breaks for duration 200s"));
+    EXPECT_THAT(log.messages(), ElementsAre("🎯 Mid-roll: bucket has 0 breaks for duration 200s",
+                                            "🎯 Mid-roll: bucket has 0 breaks for duration 200s",
+                                            "🎯 Mid-roll: bucket has 0 breaks for duration 200s"));
 }
 
 TEST(CuePointPlanning, DurationThatIsNotANumberMatchesNoBucket) {
@@ -173,7 +158,7 @@ TEST(CuePointPlanning, DurationThatIsNotANumberMatchesNoBucket) {
     double inf = std::numeric_limits<double>::infinity();
     s.computeCuePoints(std::nan(""), "v", config({{-inf, inf, 1, {0.5}}}));
     EXPECT_TRUE(s.cuePoints.empty());
-    EXPECT_THAT(log.messages, ElementsAre("🎯 Mid-roll: no matching bucket for duration nans"));
+    EXPECT_THAT(log.messages(), ElementsAre("🎯 Mid-roll: no matching bucket for duration nans"));
 }
 
 TEST(CuePointPlanning, EmptyConfigurationPlansNothing) {
@@ -181,7 +166,7 @@ TEST(CuePointPlanning, EmptyConfigurationPlansNothing) {
     LogCapture log;
     s.computeCuePoints(600, "v", MidRollAdConfig::empty());
     EXPECT_FALSE(s.hasCuePoints());
-    EXPECT_THAT(log.messages, ElementsAre("🎯 Mid-roll: no matching bucket for duration 600s"));
+    EXPECT_THAT(log.messages(), ElementsAre("🎯 Mid-roll: no matching bucket for duration 600s"));
 }
 
 // MARK: - Override path
@@ -203,7 +188,7 @@ TEST(CuePointPlanning, OverrideUsesAbsoluteSecondsAndSkipsBuckets) {
     s.computeCuePoints(600, "none", c);
     EXPECT_TRUE(s.cuePoints.empty());
     EXPECT_THAT(
-        log.messages,
+        log.messages(),
         ElementsAre("🎯 Mid-roll: 3 cue points (video override) for video-42: [95.0, 210.5, 400.0]",
                     "🎯 Mid-roll: 1 cue points (video override) for capped: [300.0]",
                     "🎯 Mid-roll: 1 cue points (video override) for generous: [95.0]",
@@ -219,7 +204,7 @@ TEST(CuePointPlanning, OverrideNeedsAnExactIdMatch) {
     EXPECT_THAT(timestamps(s), ElementsAre(300.0));
     s.computeCuePoints(600, std::nullopt, c);
     EXPECT_THAT(timestamps(s), ElementsAre(300.0));
-    EXPECT_EQ(log.messages[0], R"(🎯 Mid-roll: 1 cue points for 600s video: ["300.0"])");
+    EXPECT_EQ(log.messages()[0], R"(🎯 Mid-roll: 1 cue points for 600s video: ["300.0"])");
 }
 
 TEST(CuePointPlanningDeathTest, NegativeOverrideBreakCountStopsTheProcess) {
