@@ -11,7 +11,18 @@ HostEvent finished(int i) {
     return {"OnVideoFinished", std::to_string(i)};
 }
 
-using Advancing = PlayerControllerTest;
+class Advancing : public PlayerControllerTest {
+  protected:
+    // a0 ends, the host shows the between-videos ad (recorded now), a1 starts.
+    void playFirstVideoThroughItsAd(const MidRollAdConfig& config) {
+        pc->midRollConfig = config;
+        startPlaylist("pl-1");
+        vp.advance(kClip + 0.5);
+        service->AdCompletedResumePlayback();
+        vp.runUntilIdle();
+        events.clear();
+    }
+};
 
 TEST_F(Advancing, PremiumViewerPlaysThroughAndRingsBackToTheFirstPlaylist) {
     subscriptionStatus() = SubscriptionStatus::premium;
@@ -180,12 +191,7 @@ TEST_F(Advancing, PremiumTileTapLoadsAtOnce) {
 TEST_F(Advancing, SessionCapLetsTheNextVideoPlayWithoutAnAd) {
     auto config = policy({});
     config.globalConstraints.maxAdsPerSession = 1;
-    pc->midRollConfig = config;
-    startPlaylist("pl-1");
-    vp.advance(kClip + 0.5);
-    service->AdCompletedResumePlayback();
-    vp.runUntilIdle();
-    events.clear();
+    playFirstVideoThroughItsAd(config);
 
     vp.advance(kClip);
     EXPECT_EQ(events.take(), (Events{finished(1), kPlay}));
@@ -197,12 +203,7 @@ TEST_F(Advancing, SessionCapLetsTheNextVideoPlayWithoutAnAd) {
 TEST_F(Advancing, CooldownRefusesAnAdUntilItHasPassed) {
     auto config = policy({});
     config.globalConstraints.minSecondsBetweenAnyAds = 45;
-    pc->midRollConfig = config;
-    startPlaylist("pl-1");
-    vp.advance(kClip + 0.5);
-    service->AdCompletedResumePlayback();  // the ad is recorded now
-    vp.runUntilIdle();
-    events.clear();
+    playFirstVideoThroughItsAd(config);
 
     vp.advance(kClip);  // 30 s after the ad: refused, a2 follows at once
     EXPECT_EQ(events.take(), (Events{finished(1), kPlay}));
@@ -215,12 +216,7 @@ TEST_F(Advancing, CooldownRefusesAnAdUntilItHasPassed) {
 TEST_F(Advancing, CooldownFollowsTheWallClockNotPlayback) {
     auto config = policy({});
     config.globalConstraints.minSecondsBetweenAnyAds = 45;
-    pc->midRollConfig = config;
-    startPlaylist("pl-1");
-    vp.advance(kClip + 0.5);
-    service->AdCompletedResumePlayback();
-    vp.runUntilIdle();
-    events.clear();
+    playFirstVideoThroughItsAd(config);
 
     vp.shiftWallClock(20);  // the device clock jumps ahead while a1 plays
     vp.advance(kClip);
