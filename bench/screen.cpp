@@ -19,6 +19,7 @@
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/log/VPLogger.h"
 #include "support/MainQueueWait.h"
+#include "support/TestMedia.h"
 #include "support/XvfbDisplay.h"
 
 using namespace kavelin;
@@ -55,12 +56,12 @@ int main() {
         fs::temp_directory_path() / ("kavelin-bench-screen-" + std::to_string(getpid()));
     fs::create_directories(dir);
     const std::string clip = (dir / "clip.mp4").string();
-    if (std::system(("ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi -i "
-                     "testsrc2=size=1280x720:rate=30:duration=120 -c:v libx264 -preset ultrafast "
-                     "-pix_fmt yuv420p '" +
-                     clip + "'")
-                        .c_str()) != 0)
+    try {
+        test::TestMedia::makeVideoClip(clip, "testsrc2=size=1280x720:rate=30:duration=120");
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s\n", e.what());
         return 1;
+    }
 
     const std::string thumbs =
         std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/Thumbnails/";

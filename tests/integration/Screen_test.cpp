@@ -18,6 +18,7 @@
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/views/VideoPlayerView.h"
 #include "support/MainQueueWait.h"
+#include "support/TestMedia.h"
 #include "support/XvfbDisplay.h"
 
 namespace kavelin {
@@ -89,12 +90,8 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     const fs::path dir = fs::temp_directory_path() / ("kavelin-screen-" + std::to_string(getpid()));
     fs::create_directories(dir);
     const std::string clip = (dir / "red.mp4").string();
-    ASSERT_EQ(std::system(("ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi -i "
-                           "color=c=0xD02020:size=640x360:rate=25:duration=30 -c:v libx264 "
-                           "-preset ultrafast -pix_fmt yuv420p '" +
-                           clip + "'")
-                              .c_str()),
-              0);
+    ASSERT_NO_THROW(
+        test::TestMedia::makeVideoClip(clip, "color=c=0xD02020:size=640x360:rate=25:duration=30"));
 
     const std::string thumbs =
         std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/Thumbnails/";

@@ -22,8 +22,7 @@ class PlayerControllerTest : public ::testing::Test {
 
     void SetUp() override {
         subscriptionStatus() = SubscriptionStatus::free;
-        playlists() = {makePlaylist("pl-1", {"a0", "a1", "a2"}),
-                       makePlaylist("pl-2", {"b0", "b1"})};
+        playlists() = catalogue();
         for (const auto& p : playlists())
             for (const auto& v : p.videos) vp.media->add(v.url, kClip);
         service = std::make_shared<VideoPlayerService>(vp.platform());
@@ -39,6 +38,11 @@ class PlayerControllerTest : public ::testing::Test {
         service.reset();
         subscriptionStatus() = SubscriptionStatus::free;
         playlists() = Playlist::allPlaylists();
+    }
+
+    // The catalogue the service starts with; fixtures may want a longer one.
+    virtual std::vector<Playlist> catalogue() const {
+        return {makePlaylist("pl-1", {"a0", "a1", "a2"}), makePlaylist("pl-2", {"b0", "b1"})};
     }
 
     static std::string urlOf(const std::string& id) {

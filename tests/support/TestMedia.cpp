@@ -57,6 +57,11 @@ TestMedia::TestMedia() {
         quoted(dir_ / "hls" / "seg%02d.ts") + " " + quoted(dir_ / "hls" / "index.m3u8"));
 }
 
+void TestMedia::makeVideoClip(const std::filesystem::path& out, const std::string& source) {
+    run("ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi -i " + source + " " +
+        kVideoCodec + " -movflags +faststart " + quoted(out));
+}
+
 std::string TestMedia::file(const char* relative) const {
     return (dir_ / std::filesystem::path(relative).relative_path()).string();
 }

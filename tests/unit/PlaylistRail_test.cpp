@@ -11,17 +11,13 @@ namespace {
 
 class RailTest : public PlayerControllerTest {
   protected:
+    // Six videos: more than a phone rail shows at once.
+    std::vector<Playlist> catalogue() const override {
+        return {makePlaylist("pl-1", {"a0", "a1", "a2", "a3", "a4", "a5"}),
+                makePlaylist("pl-2", {"b0", "b1"})};
+    }
     void SetUp() override {
         PlayerControllerTest::SetUp();
-        // Six videos: more than a phone rail shows at once.
-        playlists() = {makePlaylist("pl-1", {"a0", "a1", "a2", "a3", "a4", "a5"}),
-                       makePlaylist("pl-2", {"b0", "b1"})};
-        for (const auto& p : playlists())
-            for (const auto& v : p.videos) vp.media->add(v.url, kClip);
-        service = std::make_shared<VideoPlayerService>(vp.platform());
-        currentVideoPlayerService() = service;
-        pc = service->playerController;
-        playlist = service->playlistController;
         context = ImGui::CreateContext();
         ImGuiIO& io = ImGui::GetIO();
         io.IniFilename = nullptr;
