@@ -13,6 +13,7 @@
 #include <optional>
 
 #include "Kavelin/Extentions/NumberFormatting.h"
+#include "Kavelin/Platform/Immortal.h"
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/log/VPLogger.h"
 
@@ -24,7 +25,10 @@ using UnitySendMessageFunc = void (*)(const char*, const char*, const char*);
 
 UnityCallback _unityCallbackFunc = nullptr;
 std::optional<UnitySendMessageFunc> _unitySendMessageFunc;  // resolved once, found or not
-EventObserver gEventObserver;
+EventObserver& eventObserver() {
+    static Immortal<EventObserver> observer;
+    return observer.get();
+}
 
 UnitySendMessageFunc unitySendMessageFunc() {
     if (!_unitySendMessageFunc) {
@@ -80,7 +84,7 @@ void sendUnityMessage(std::string_view methodName, std::string_view message) {
     combined.reserve(methodName.size() + 1 + message.size());
     combined.append(methodName).append(":").append(message);
     VPLogger::log("📤 sendUnityMessage: " + combined);
-    if (gEventObserver) gEventObserver(methodName, message);
+    if (auto& observe = eventObserver()) observe(methodName, message);
 
     if (_unityCallbackFunc) {
         _unityCallbackFunc(combined.c_str());
@@ -97,7 +101,8 @@ void sendUnityMessage(std::string_view methodName, std::string_view message) {
 std::vector<std::string> urlsFromHost(const char* const* urls, int32_t count) {
     std::vector<std::string> list;
     if (!urls) {
-        if (count > 0) VPLogger::warning("⚠️ setURLS called with a null list; treated as empty");
+        if (count > 0)
+            VPLogger::warning("⚠️ setURLS called with a null list; treated as empty");
         return list;
     }
     list.reserve(static_cast<size_t>(count));
@@ -107,7 +112,7 @@ std::vector<std::string> urlsFromHost(const char* const* urls, int32_t count) {
 }
 
 void setEventObserverForTesting(EventObserver observer) {
-    gEventObserver = std::move(observer);
+    eventObserver() = std::move(observer);
 }
 
 }  // namespace kavelin
@@ -179,6 +184,13 @@ void cleanup(void) {
     onMainQueue("cleanup", [] {
         if (auto* s = existingService()) s->cleanup();
     });
+    // A managed runtime waits at exit for every thread that has called into it, so
+    // the library thread ends here; the next entry point starts a fresh one.
+    try {
+        Platform::releaseThread();
+    } catch (const std::exception& e) {
+        VPLogger::error(std::string("❌ cleanup failed: ") + e.what());
+    }
 }
 
 void setURLS(const char** urls, int32_t count) {

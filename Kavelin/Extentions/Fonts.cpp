@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "Kavelin/Platform/Immortal.h"
+
 namespace kavelin {
 
 namespace {
@@ -20,8 +22,8 @@ struct Installed {
 };
 
 Installed& installed() {
-    static Installed fonts;
-    return fonts;
+    static Immortal<Installed> fonts;
+    return fonts.get();
 }
 
 ImFont* addIfPresent(ImGuiIO& io, const std::string& path) {

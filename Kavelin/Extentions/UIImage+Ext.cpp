@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "Kavelin/Extentions/UIImage+Ext.h"
+#include "Kavelin/Platform/Immortal.h"
 
 namespace kavelin {
 
@@ -98,9 +99,11 @@ std::string resourcesDirectory() {
 }
 
 std::shared_ptr<const Image> assetImage(const std::string& name, int pixelWidth, int pixelHeight) {
-    static std::mutex mutex;
-    static std::map<std::tuple<std::string, int, int>, std::shared_ptr<const Image>> cache;
-    std::lock_guard lock(mutex);
+    using Cache = std::map<std::tuple<std::string, int, int>, std::shared_ptr<const Image>>;
+    static Immortal<std::mutex> mutex;
+    static Immortal<Cache> assets;
+    std::lock_guard lock(mutex.get());
+    auto& cache = assets.get();
     auto key = std::make_tuple(name, pixelWidth, pixelHeight);
     if (auto it = cache.find(key); it != cache.end()) return it->second;
     std::shared_ptr<const Image> result;

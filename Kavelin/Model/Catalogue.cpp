@@ -3,6 +3,7 @@
 #include <array>
 
 #include "Kavelin/Model/JsonDecoding.h"
+#include "Kavelin/Platform/Immortal.h"
 
 namespace kavelin {
 
@@ -175,34 +176,34 @@ Playlist makePlaylist3() {
 }  // namespace
 
 const Playlist& SampleVideos::Playlist1() {
-    static const Playlist playlist = makePlaylist1();
-    return playlist;
+    static Immortal<const Playlist> playlist(makePlaylist1());
+    return playlist.get();
 }
 
 const Playlist& SampleVideos::Playlist2() {
-    static const Playlist playlist = makePlaylist2();
-    return playlist;
+    static Immortal<const Playlist> playlist(makePlaylist2());
+    return playlist.get();
 }
 
 const Playlist& SampleVideos::Playlist3() {
-    static const Playlist playlist = makePlaylist3();
-    return playlist;
+    static Immortal<const Playlist> playlist(makePlaylist3());
+    return playlist.get();
 }
 
 Playlist& Playlist::mockPlaylist() {
-    static Playlist playlist = SampleVideos::Playlist1();
-    return playlist;
+    static Immortal<Playlist> playlist(SampleVideos::Playlist1());
+    return playlist.get();
 }
 
 std::vector<Playlist>& Playlist::allPlaylists() {
-    static std::vector<Playlist> all = {SampleVideos::Playlist1(), SampleVideos::Playlist2(),
-                                        SampleVideos::Playlist3()};
-    return all;
+    static Immortal<std::vector<Playlist>> all(std::vector<Playlist>{
+        SampleVideos::Playlist1(), SampleVideos::Playlist2(), SampleVideos::Playlist3()});
+    return all.get();
 }
 
 std::vector<Playlist>& playlists() {
-    static std::vector<Playlist> list = Playlist::allPlaylists();
-    return list;
+    static Immortal<std::vector<Playlist>> list(Playlist::allPlaylists());
+    return list.get();
 }
 
 // MARK: - Decoding

@@ -2,13 +2,14 @@
 
 #include "Kavelin/Model/Catalogue.h"
 #include "Kavelin/Model/JsonDecoding.h"
+#include "Kavelin/Platform/Immortal.h"
 
 namespace kavelin {
 
 using namespace json_decoding;
 
 const MidRollAdConfig& MidRollAdConfig::empty() {
-    static const MidRollAdConfig config = [] {
+    static Immortal<const MidRollAdConfig> config([] {
         MidRollAdConfig c;
         c.version = 0;
         c.adTimeoutSeconds = 3.0;
@@ -17,8 +18,8 @@ const MidRollAdConfig& MidRollAdConfig::empty() {
         c.globalConstraints.noAdZoneEndSeconds = 10.0;
         c.globalConstraints.minSecondsBetweenAnyAds = 60.0;
         return c;
-    }();
-    return config;
+    }());
+    return config.get();
 }
 
 namespace {

@@ -15,6 +15,10 @@ void shutdownAtExit() {
     Platform::shutdown();
 }
 
+ThreadMainQueue* threadQueue(const Platform& platform) {
+    return dynamic_cast<ThreadMainQueue*>(platform.queue.get());
+}
+
 }  // namespace
 
 Platform& Platform::current() {
@@ -44,6 +48,27 @@ void Platform::shutdown() {
     // Stop the library thread before static destructors run under it. The store
     // writes its own pending changes at exit.
     if (auto* thread = dynamic_cast<ThreadMainQueue*>(queue.get())) thread->shutdown();
+}
+
+void Platform::releaseThread() {
+    Platform platform;
+    {
+        std::lock_guard lock(gMutex);
+        if (!gPlatform) return;
+        platform = *gPlatform;
+    }
+    auto* thread = threadQueue(platform);
+    if (!thread) return;
+    thread->park([defaults = platform.defaults, presenter = platform.presenter] {
+        if (defaults) defaults->flush();
+        if (presenter) presenter->releaseThreadResources();
+    });
+}
+
+void Platform::rearmExitHook() {
+    // Handlers run in reverse order of registration; registering again moves ours
+    // ahead of everything registered since. Running it twice is harmless.
+    std::atexit(shutdownAtExit);
 }
 
 }  // namespace kavelin

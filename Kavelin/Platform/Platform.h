@@ -25,6 +25,13 @@ struct Platform {
     static void install(Platform platform);
     // Stops the library thread the real platform started; safe to call twice.
     static void shutdown();
+    // Ends the library thread once the work queued now has run (the store writes its
+    // pending changes, the window closes) and joins it; the next entry point starts a
+    // fresh one. On the library thread itself it ends after the current task instead.
+    static void releaseThread();
+    // Makes the exit hook run before the exit handlers that libraries initialised
+    // since have registered, so the library thread stops before they tear down.
+    static void rearmExitHook();
 };
 
 // The real platform for this machine (defined next to the real seams).

@@ -33,6 +33,10 @@ class ScreenPresenter {
                          std::function<void()> completion) = 0;
     virtual void dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
                          std::function<void()> completion) = 0;
+
+    // The queue's thread is about to end: let go of what belongs to it (a window and
+    // its GL contexts). The next presentation makes them again.
+    virtual void releaseThreadResources() {}
 };
 
 }  // namespace kavelin

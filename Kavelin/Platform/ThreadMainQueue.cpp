@@ -1,38 +1,66 @@
 #include "Kavelin/Platform/ThreadMainQueue.h"
 
 #include <future>
+#include <utility>
 
 namespace kavelin {
 
 ThreadMainQueue::ThreadMainQueue() {
-    std::promise<void> started;
-    auto ready = started.get_future();
-    thread_ = std::thread([this, &started] {
-        threadId_ = std::this_thread::get_id();
-        started.set_value();
-        run();
-    });
-    ready.wait();
+    std::lock_guard lock(mutex_);
+    startLocked();
 }
 
 ThreadMainQueue::~ThreadMainQueue() {
     shutdown();
 }
 
+void ThreadMainQueue::startLocked() {
+    // A thread that parked itself has left run() and only needs joining.
+    if (thread_.joinable()) thread_.join();
+    running_ = true;
+    ++generation_;
+    thread_ = std::thread([this] { run(); });
+    threadId_ = thread_.get_id();
+}
+
+void ThreadMainQueue::park(std::function<void()> last) {
+    std::unique_lock lock(mutex_);
+    if (running_) {
+        if (!parking_) parkAt_ = Clock::now();
+        parking_ = true;
+        if (last) lastBeforePark_.push_back(std::move(last));
+        wake_.notify_all();
+        if (isCurrent()) return;
+        const uint64_t generation = generation_;
+        ended_.wait(lock, [&] { return !running_ || generation_ != generation; });
+    }
+    if (running_ || !thread_.joinable() || isCurrent()) return;
+    auto ended = std::move(thread_);
+    lock.unlock();
+    ended.join();
+}
+
+bool ThreadMainQueue::hasThread() const {
+    std::lock_guard lock(mutex_);
+    return running_;
+}
+
 void ThreadMainQueue::shutdown() {
+    std::thread ending;
     {
         std::lock_guard lock(mutex_);
         if (stopping_) return;
         stopping_ = true;
+        ending = std::move(thread_);
     }
     wake_.notify_all();
-    if (!thread_.joinable()) return;
+    if (!ending.joinable()) return;
     // Stopping from a task on the queue itself (e.g. a host callback that exits the
     // process) cannot join its own thread.
-    if (isCurrent())
-        thread_.detach();
+    if (ending.get_id() == std::this_thread::get_id())
+        ending.detach();
     else
-        thread_.join();
+        ending.join();
 }
 
 void ThreadMainQueue::async(std::function<void()> task) {
@@ -62,30 +90,26 @@ void ThreadMainQueue::sync(const std::function<void()>& task) {
     }
     std::promise<void> done;
     auto finished = done.get_future();
-    bool accepted = true;
     {
         std::lock_guard lock(mutex_);
-        if (stopping_) {
-            accepted = false;
-        } else {
-            ready_.push_back([&] {
-                try {
-                    task();
-                } catch (...) {
-                    done.set_exception(std::current_exception());
-                    return;
-                }
-                done.set_value();
-            });
-        }
+        if (stopping_) return;
+        if (!running_) startLocked();
+        ready_.push_back([&] {
+            try {
+                task();
+            } catch (...) {
+                done.set_exception(std::current_exception());
+                return;
+            }
+            done.set_value();
+        });
     }
-    if (!accepted) return;
     wake_.notify_one();
     finished.get();
 }
 
 bool ThreadMainQueue::isCurrent() const {
-    return std::this_thread::get_id() == threadId_;
+    return std::this_thread::get_id() == threadId_.load();
 }
 
 double ThreadMainQueue::now() const {
@@ -106,9 +130,11 @@ void ThreadMainQueue::run() {
     std::unique_lock lock(mutex_);
     auto nextIdle = Clock::now();
     for (;;) {
-        auto now = Clock::now();
-        // Due timers join the ready tasks in time order.
-        while (!timers_.empty() && timers_.top().when <= now) {
+        const auto now = Clock::now();
+        // Due timers join the ready tasks in time order. A parking thread takes only
+        // those due when it was asked to end, so a chain of timers cannot hold it.
+        const auto horizon = parking_ && !stopping_ ? std::min(now, parkAt_) : now;
+        while (!timers_.empty() && timers_.top().when <= horizon) {
             auto item = timers_.top().item;
             timers_.pop();
             ready_.push_back([item] { item->perform(); });
@@ -121,6 +147,20 @@ void ThreadMainQueue::run() {
             lock.lock();
             continue;
         }
+        if (parking_ && !lastBeforePark_.empty()) {
+            auto last = std::exchange(lastBeforePark_, {});
+            lock.unlock();
+            for (auto& task : last) task();
+            lock.lock();
+            continue;
+        }
+        if (parking_ || stopping_) {
+            parking_ = false;
+            running_ = false;
+            threadId_ = std::thread::id();
+            ended_.notify_all();
+            return;
+        }
         if (idleHook_ && now >= nextIdle) {
             auto hook = idleHook_;
             nextIdle = now + idleInterval_;
@@ -129,7 +169,6 @@ void ThreadMainQueue::run() {
             lock.lock();
             continue;
         }
-        if (stopping_) return;
         auto deadline = Clock::time_point::max();
         if (!timers_.empty()) deadline = timers_.top().when;
         if (idleHook_) deadline = std::min(deadline, nextIdle);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -12,20 +13,32 @@
 
 namespace kavelin {
 
-// The real main queue: a library-owned thread with a timer heap.
+// The real main queue: a library-owned thread with a timer heap. The thread can be
+// parked (ended and joined) and comes back on the next sync() from another thread,
+// so a managed host that waits for every thread it has seen can still exit.
 class ThreadMainQueue final : public MainQueue {
   public:
     ThreadMainQueue();
     ~ThreadMainQueue() override;
 
+    // While parked, posted work waits for the next thread.
     void async(std::function<void()> task) override;
     void asyncAfter(double seconds, WorkItemPtr item) override;
     using MainQueue::asyncAfter;
+    // From another thread while parked, starts a fresh thread first.
     void sync(const std::function<void()>& task) override;
     bool isCurrent() const override;
     double now() const override;
 
-    // Runs what is queued, then stops the thread; later posts are dropped.
+    // Runs the work that is ready, then `last` on the queue, ends the thread and
+    // returns once it is joined. Timers not yet due stay pending for the next thread.
+    // Called on the queue itself it cannot wait for its own thread: the thread ends
+    // as soon as the current task returns, and the next start (or shutdown) joins it.
+    void park(std::function<void()> last = {});
+    // True while a thread serves the queue (it may be about to park).
+    bool hasThread() const;
+
+    // Runs what is ready, then stops the thread for good; later posts are dropped.
     void shutdown();
 
     // While set, the loop wakes at least this often and calls the hook on the
@@ -43,6 +56,8 @@ class ThreadMainQueue final : public MainQueue {
         }
     };
 
+    // Joins a thread that has parked itself and starts a new one; needs `mutex_`.
+    void startLocked();
     void run();
 
     mutable std::mutex mutex_;
@@ -51,11 +66,17 @@ class ThreadMainQueue final : public MainQueue {
     std::priority_queue<Timed, std::vector<Timed>, std::greater<>> timers_;
     uint64_t seq_ = 0;
     bool stopping_ = false;
+    bool running_ = false;     // a thread is in run() and will serve `ready_`
+    bool parking_ = false;     // ... until `ready_` is empty, then it ends
+    uint64_t generation_ = 0;  // threads started so far
+    std::condition_variable ended_;
+    Clock::time_point parkAt_{};
+    std::vector<std::function<void()>> lastBeforePark_;
     std::function<void()> idleHook_;
     Clock::duration idleInterval_{};
     Clock::time_point start_ = Clock::now();
     std::thread thread_;
-    std::thread::id threadId_;
+    std::atomic<std::thread::id> threadId_{};
 };
 
 }  // namespace kavelin

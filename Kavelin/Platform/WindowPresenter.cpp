@@ -14,6 +14,7 @@
 #include "Kavelin/Extentions/Color+Ext.h"
 #include "Kavelin/Platform/MpvMediaPlayer.h"
 #include "Kavelin/Platform/MpvVideoRenderer.h"
+#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/PlayerController.h"
 #include "Kavelin/log/VPLogger.h"
 #include "Kavelin/views/Frame.h"
@@ -175,7 +176,18 @@ bool WindowPresenter::ensureWindow() {
     VideoRenderer::install(renderer_);
     Display::install(invalidate);
     updatePolling();
+    Platform::rearmExitHook();
+    exitHookRearmed_ = false;  // the first frame initialises more of the GL stack
     return true;
+}
+
+void WindowPresenter::releaseThreadResources() {
+    // The GL contexts are current on the ending thread; a closed window is all the
+    // next thread needs to open its own.
+    destroyWindow();
+    shown_ = false;
+    pollInterval_ = 0;
+    lastFrame_ = -1;
 }
 
 void WindowPresenter::destroyWindow() {
@@ -455,6 +467,10 @@ void WindowPresenter::renderFrame(Capture* capture) {
     }
     SDL_GL_SwapWindow(window_);
     if (renderer_) renderer_->endFrame();
+    if (!exitHookRearmed_) {
+        exitHookRearmed_ = true;
+        Platform::rearmExitHook();
+    }
     ++frames_;
     lastFrame_ = now;
 

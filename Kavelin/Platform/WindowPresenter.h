@@ -44,6 +44,7 @@ class WindowPresenter final : public ScreenPresenter,
                  std::function<void()> completion) override;
     void dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
                  std::function<void()> completion) override;
+    void releaseThreadResources() override;
 
     // Wraps the platform's player factory so every new libmpv player gets its
     // render context before its first item opens.
@@ -96,6 +97,7 @@ class WindowPresenter final : public ScreenPresenter,
     double lastFrame_ = -1;
     uint64_t frames_ = 0;
     double pollInterval_ = 0;
+    bool exitHookRearmed_ = false;  // since this window opened
 };
 
 }  // namespace kavelin

@@ -5,6 +5,8 @@
 #include <ctime>
 #include <mutex>
 
+#include "Kavelin/Platform/Immortal.h"
+
 namespace kavelin {
 namespace {
 
@@ -13,13 +15,13 @@ constexpr std::string_view kPrefix = "[QORVA_VIDEO_PLAYER]";
 std::atomic<bool> gEnabled{true};
 
 std::mutex& sinkMutex() {
-    static std::mutex m;
-    return m;
+    static Immortal<std::mutex> m;
+    return m.get();
 }
 
 VPLogger::Sink& sink() {
-    static VPLogger::Sink s;
-    return s;
+    static Immortal<VPLogger::Sink> s;
+    return s.get();
 }
 
 // "yyyy-MM-dd HH:mm:ss" in the local time zone; digits never depend on the locale.

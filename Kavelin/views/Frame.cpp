@@ -5,6 +5,7 @@
 #include <map>
 
 #include "Kavelin/Extentions/Color+Ext.h"
+#include "Kavelin/Platform/Immortal.h"
 
 namespace kavelin {
 
@@ -17,15 +18,15 @@ struct TextureState {
     std::map<const Image*, std::pair<std::weak_ptr<const Image>, ImTextureID>> uploaded;
 };
 TextureState& textureState() {
-    static TextureState state;
-    return state;
+    static Immortal<TextureState> state;
+    return state.get();
 }
 }  // namespace
 
 namespace {
 std::function<void()>& invalidation() {
-    static std::function<void()> fn;
-    return fn;
+    static Immortal<std::function<void()>> fn;
+    return fn.get();
 }
 }  // namespace
 

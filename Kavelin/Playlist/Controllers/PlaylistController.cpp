@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <iterator>
 
+#include "Kavelin/Platform/Immortal.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/log/VPLogger.h"
 
@@ -23,8 +24,8 @@ const Playlist& firstPlaylistOrDie() {
 }
 
 const std::set<std::string>& emptySet() {
-    static const std::set<std::string> empty;
-    return empty;
+    static Immortal<const std::set<std::string>> empty;
+    return empty.get();
 }
 
 }  // namespace
