@@ -77,6 +77,7 @@ ChildResult runChild(const std::vector<std::string>& argv,
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
+        result.ended = std::chrono::system_clock::now();
         if (!result.timedOut) {
             result.exited = WIFEXITED(status);
             result.exitCode = result.exited ? WEXITSTATUS(status) : -1;

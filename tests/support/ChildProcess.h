@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -13,7 +14,8 @@ struct ChildResult {
     int exitCode = -1;
     int signal = 0;  // the signal that ended it, if any
     double seconds = 0;
-    std::string output;  // standard output and error, interleaved
+    std::chrono::system_clock::time_point ended;  // when it was seen gone
+    std::string output;                           // standard output and error, interleaved
 
     // One line for a failure message.
     std::string describe() const;
