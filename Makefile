@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all setup configure build demo test bench clean format
+.PHONY: all setup configure build demo demo-cs test bench clean format
 
 all: build
 
@@ -19,6 +19,12 @@ build: configure
 
 demo: build
 	$(BUILD)/kavelin-demo $(DEMO_ARGS)
+
+# The C# example on Mono, headless and bounded (DEMO_CS_ARGS=seconds).
+demo-cs: build
+	@mkdir -p $(BUILD)/examples
+	@mcs -nologo -warnaserror+ -out:$(BUILD)/examples/KavelinExample.exe bindings/csharp/*.cs examples/csharp/KavelinExample.cs
+	KAVELIN_HEADLESS=1 LD_LIBRARY_PATH=$(BUILD) mono $(BUILD)/examples/KavelinExample.exe $(DEMO_CS_ARGS)
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
