@@ -63,7 +63,9 @@ namespace Kavelin
         static int leavingHooked;
 
         // What the library keeps on its player and so loses with it on Shutdown().
-        static bool playerDropped;
+        // The library may have outlived an earlier domain of this runtime (an editor's
+        // script reload shuts it down), so the first call that needs a player makes one.
+        static bool playerDropped = true;
         static string policyJson;
         static readonly bool?[] Flags = new bool?[9];
         static readonly Action<bool>[] FlagSetters = {
