@@ -71,7 +71,7 @@ TEST(ThreadMainQueueRestart, ParkFromTheQueueEndsTheThreadAfterTheCurrentTask) {
     ThreadMainQueue q;
     pid_t tid = 0;
     bool afterPark = false;
-    bool lastRan = false;
+    std::atomic<bool> lastRan{false};
     q.sync([&] {
         tid = currentTid();
         q.park([&] { lastRan = true; });  // a host callback calling cleanup lands here
@@ -81,7 +81,7 @@ TEST(ThreadMainQueueRestart, ParkFromTheQueueEndsTheThreadAfterTheCurrentTask) {
     for (int i = 0; i < 100 && threadAlive(tid); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_FALSE(threadAlive(tid));
-    EXPECT_TRUE(lastRan);
+    EXPECT_TRUE(lastRan.load());
     EXPECT_NE(queueTid(q), tid) << "the next call starts (and joins) a fresh thread";
 }
 
