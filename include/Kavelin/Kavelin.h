@@ -53,7 +53,11 @@ KAVELIN_EXPORT void seekForward(double seconds);
 KAVELIN_EXPORT void seekBackward(double seconds);
 /* Seeks to `value` seconds; always echoes "OnVideoSeekTo:<value>". Any thread. */
 KAVELIN_EXPORT void seekTo(double value);
-/* Tears down playback and drops the player until setURLS makes a new one. Any thread. */
+/* Tears down playback and drops the player until setURLS makes a new one. Also ends
+ * the library's main thread once its queued work has run (pending watched marks are
+ * written, the window closes) and returns after joining it, so a managed runtime can
+ * exit; the next call of any function starts a fresh thread. From inside the event
+ * callback it returns at once and the thread ends when the callback returns. */
 KAVELIN_EXPORT void cleanup(void);
 /* Replaces the play order with `count` addresses (NULL entries skipped); creates the service. */
 KAVELIN_EXPORT void setURLS(const char** urls, int32_t count);
