@@ -9,6 +9,7 @@ packages=(
   nlohmann-json3-dev libmpv-dev libsdl2-dev libsdl2-image-dev libimgui-dev libstb-dev
   libcurl4-openssl-dev libgl-dev
   ffmpeg xvfb xauth x11-apps imagemagick
+  clang-14 libclang-rt-14-dev llvm
 )
 
 missing=()
