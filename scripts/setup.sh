@@ -10,6 +10,7 @@ packages=(
   libcurl4-openssl-dev libgl-dev
   ffmpeg xvfb xauth x11-apps imagemagick
   mono-mcs mono-runtime
+  clang-14 libclang-rt-14-dev llvm
 )
 
 missing=()

@@ -7,6 +7,15 @@
 
 namespace kavelin {
 
+// Longest delay a queue honours (about a century). Delays come from remote
+// documents, so a larger one, infinity or NaN must not overflow a clock's integer
+// ticks: longer is "never", negative or NaN is "now".
+inline constexpr double kMaxQueueDelaySeconds = 3.0e9;
+inline constexpr double clampQueueDelay(double seconds) {
+    if (!(seconds > 0)) return 0;
+    return seconds < kMaxQueueDelaySeconds ? seconds : kMaxQueueDelaySeconds;
+}
+
 // The library's main queue: one serial queue that owns every piece of controller
 // state. Timers, posted tasks, media callbacks and (with a window) rendering all
 // run on it.

@@ -5,6 +5,13 @@
 
 namespace kavelin {
 
+namespace {
+std::chrono::steady_clock::duration clampedDelay(double seconds) {
+    return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(clampQueueDelay(seconds)));
+}
+}  // namespace
+
 ThreadMainQueue::ThreadMainQueue() {
     std::lock_guard lock(mutex_);
     startLocked();
@@ -73,8 +80,7 @@ void ThreadMainQueue::async(std::function<void()> task) {
 }
 
 void ThreadMainQueue::asyncAfter(double seconds, WorkItemPtr item) {
-    auto delay = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(seconds > 0 ? seconds : 0));
+    const auto delay = clampedDelay(seconds);
     {
         std::lock_guard lock(mutex_);
         if (stopping_) return;
@@ -120,8 +126,7 @@ void ThreadMainQueue::setIdleHook(std::function<void()> hook, double intervalSec
     {
         std::lock_guard lock(mutex_);
         idleHook_ = std::move(hook);
-        idleInterval_ = std::chrono::duration_cast<Clock::duration>(
-            std::chrono::duration<double>(intervalSeconds));
+        idleInterval_ = clampedDelay(intervalSeconds);
     }
     wake_.notify_one();
 }

@@ -1,11 +1,13 @@
 #include "Kavelin/Platform/UserDefaults.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <mutex>
@@ -19,6 +21,11 @@ namespace kavelin {
 namespace {
 // Coalescing window: a burst of changes reaches the file once, about this late.
 constexpr double kFlushDelaySeconds = 1.0;
+// The file holds watched marks: a few hundred KiB at most in real use. Anything
+// larger is damage, and reading it must not stall the first entry point.
+constexpr size_t kMaxFileBytes = 4 * 1024 * 1024;
+// Real values nest three deep; the parser recurses, so a hostile file must not.
+constexpr size_t kMaxNesting = 64;
 
 struct ExitFlushable {
     virtual ~ExitFlushable() = default;
@@ -36,6 +43,8 @@ struct UserDefaults::State final : ExitFlushable {
     WorkItemPtr pendingFlush;
     size_t writes = 0;
     bool warned = false;
+    // Where a damaged file goes before the first write replaces it; empty if sound.
+    std::filesystem::path asidePath;
 
     void load();
     void markDirty(const std::shared_ptr<State>& self);
@@ -86,15 +95,147 @@ std::string errnoText(int err) {
     return std::strerror(err);
 }
 
+// Reads the whole (already size-checked) file; empty on success, else the reason.
+std::string readBounded(int fd, std::string& text) {
+    char buffer[64 * 1024];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n == 0) return {};
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return errnoText(errno);
+        }
+        // The file may grow while read; never hold more than the bound.
+        if (text.size() + static_cast<size_t>(n) > kMaxFileBytes)
+            return "larger than " + std::to_string(kMaxFileBytes) + " bytes";
+        text.append(buffer, static_cast<size_t>(n));
+    }
+}
+
+size_t skipSpace(std::string_view text, size_t pos) {
+    while (pos < text.size() &&
+           (text[pos] == ' ' || text[pos] == '\t' || text[pos] == '\n' || text[pos] == '\r'))
+        ++pos;
+    return pos;
+}
+
+// Index just past the string literal opening at `pos`, or npos when it is torn.
+size_t skipString(std::string_view text, size_t pos) {
+    for (++pos; pos < text.size(); ++pos) {
+        if (text[pos] == '\\')
+            ++pos;
+        else if (text[pos] == '"')
+            return pos + 1;
+    }
+    return std::string_view::npos;
+}
+
+// Index of the ',' or '}' ending the member value starting at `pos` (npos when
+// torn); `tooDeep` is set when it nests beyond what the parser is handed.
+size_t skipValue(std::string_view text, size_t pos, bool& tooDeep) {
+    size_t depth = 0;
+    tooDeep = false;
+    while (pos < text.size()) {
+        const char c = text[pos];
+        if (c == '"') {
+            pos = skipString(text, pos);
+            if (pos == std::string_view::npos) return pos;
+            continue;
+        }
+        if (c == '[' || c == '{') {
+            if (++depth > kMaxNesting) tooDeep = true;
+        } else if (c == ']' || c == '}') {
+            if (depth == 0) return c == '}' ? pos : std::string_view::npos;
+            --depth;
+        } else if (c == ',' && depth == 0) {
+            return pos;
+        }
+        ++pos;
+    }
+    return std::string_view::npos;
+}
+
 }  // namespace
 
+// Splits the top-level object member by member without recursion, so a torn tail,
+// one broken value or a bomb of nesting costs only its own member. nullopt when
+// the text is not an object at all.
+std::optional<nlohmann::json> salvageObject(std::string_view text, size_t& dropped) {
+    dropped = 0;
+    size_t pos = skipSpace(text, 0);
+    if (pos >= text.size() || text[pos] != '{') return std::nullopt;
+    auto result = nlohmann::json::object();
+    pos = skipSpace(text, pos + 1);
+    if (pos < text.size() && text[pos] == '}')
+        return skipSpace(text, pos + 1) == text.size() ? std::optional(result) : std::nullopt;
+    while (pos < text.size()) {
+        if (text[pos] != '"') break;
+        const size_t keyEnd = skipString(text, pos);
+        if (keyEnd == std::string_view::npos) break;
+        auto key = nlohmann::json::parse(text.substr(pos, keyEnd - pos), nullptr, false);
+        pos = skipSpace(text, keyEnd);
+        if (pos >= text.size() || text[pos] != ':' || !key.is_string()) break;
+        const size_t valueStart = pos + 1;
+        bool tooDeep = false;
+        const size_t valueEnd = skipValue(text, valueStart, tooDeep);
+        if (valueEnd == std::string_view::npos) break;
+        auto value = tooDeep ? nlohmann::json(nlohmann::json::value_t::discarded)
+                             : nlohmann::json::parse(text.substr(valueStart, valueEnd - valueStart),
+                                                     nullptr, false);
+        if (value.is_discarded())
+            ++dropped;
+        else
+            result[key.get<std::string>()] = std::move(value);
+        if (text[valueEnd] == '}') {
+            if (skipSpace(text, valueEnd + 1) != text.size()) ++dropped;  // trailing junk
+            return result;
+        }
+        pos = skipSpace(text, valueEnd + 1);
+    }
+    ++dropped;  // torn or malformed from here on
+    return result;
+}
+
+namespace {}  // namespace
+
 void UserDefaults::State::load() {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) return;
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // Anything but a complete top-level object (empty, torn, garbage, foreign) is no data.
-    auto parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
-    if (parsed.is_object()) values = std::move(parsed);
+    std::string problem;
+    std::string text;
+    // Non-blocking: a FIFO in the file's place must not hang the first entry point.
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return;  // nothing saved yet
+        problem = errnoText(errno);
+    } else {
+        struct stat st {};
+        if (::fstat(fd, &st) != 0)
+            problem = errnoText(errno);
+        else if (!S_ISREG(st.st_mode))
+            problem = "not a regular file";
+        else if (static_cast<uint64_t>(st.st_size) > kMaxFileBytes)
+            problem = "larger than " + std::to_string(kMaxFileBytes) + " bytes";
+        else
+            problem = readBounded(fd, text);
+        ::close(fd);
+    }
+    size_t dropped = 0;
+    if (problem.empty()) {
+        auto salvaged = salvageObject(text, dropped);
+        if (!salvaged)
+            problem = "not a JSON object";
+        else {
+            values = std::move(*salvaged);
+            if (dropped > 0) problem = std::to_string(dropped) + " unreadable entries";
+        }
+    }
+    if (problem.empty()) return;
+    asidePath = file;
+    asidePath += ".corrupt-" + std::to_string(::time(nullptr));
+    // One line covers this file; a failing save after it would only repeat the news.
+    warned = true;
+    VPLogger::error("❌ Watched-state file " + file.string() + " is damaged (" + problem +
+                    "); kept " + std::to_string(values.size()) +
+                    " entries, the file will be moved to " + asidePath.string());
 }
 
 void UserDefaults::State::markDirty(const std::shared_ptr<State>& self) {
@@ -128,6 +269,7 @@ void UserDefaults::State::flushLocked() {
         values.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
     std::string error;
     if (writeAtomically(text, error)) {
+        asidePath.clear();
         dirty = false;
         ++writes;
         return;
@@ -180,6 +322,14 @@ bool UserDefaults::State::writeAtomically(const std::string& text, std::string& 
         error = errnoText(errno);
         ::unlink(tmpPath.data());
         return false;
+    }
+    if (!asidePath.empty()) {
+        // Never overwrite a damaged file: it is the only evidence of what happened.
+        if (::rename(file.c_str(), asidePath.c_str()) != 0 && errno != ENOENT) {
+            error = errnoText(errno);
+            ::unlink(tmpPath.data());
+            return false;
+        }
     }
     if (::rename(tmpPath.data(), file.c_str()) != 0) {
         error = errnoText(errno);

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Kavelin/Platform/MainQueue.h"
 
@@ -42,5 +43,11 @@ class UserDefaults {
     struct State;
     std::shared_ptr<State> state_;
 };
+
+// Reads a top-level JSON object member by member, keeping every member that parses
+// and counting the others in `dropped` (a torn tail counts as one). Nesting and
+// size are bounded before anything recursive sees the text. nullopt when the text
+// does not even start an object.
+std::optional<nlohmann::json> salvageObject(std::string_view text, size_t& dropped);
 
 }  // namespace kavelin

@@ -5,8 +5,7 @@
 namespace kavelin {
 
 int64_t VirtualMainQueue::toMicros(double seconds) {
-    if (!(seconds > 0)) return 0;
-    return std::llround(seconds * 1e6);
+    return std::llround(clampQueueDelay(seconds) * 1e6);
 }
 
 void VirtualMainQueue::async(std::function<void()> task) {

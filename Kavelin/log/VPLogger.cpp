@@ -59,16 +59,16 @@ std::optional<LogType> logTypeFromRaw(std::string_view raw) {
     return std::nullopt;
 }
 
-void VPLogger::log(std::string_view message, std::source_location where) {
-    print(message, LogType::log, where.file_name(), static_cast<int>(where.line()));
+void VPLogger::log(std::string_view message, SourceLocation where) {
+    print(message, LogType::log, where.file, where.line);
 }
 
-void VPLogger::warning(std::string_view message, std::source_location where) {
-    print(message, LogType::warning, where.file_name(), static_cast<int>(where.line()));
+void VPLogger::warning(std::string_view message, SourceLocation where) {
+    print(message, LogType::warning, where.file, where.line);
 }
 
-void VPLogger::error(std::string_view message, std::source_location where) {
-    print(message, LogType::error, where.file_name(), static_cast<int>(where.line()));
+void VPLogger::error(std::string_view message, SourceLocation where) {
+    print(message, LogType::error, where.file, where.line);
 }
 
 void VPLogger::print(std::string_view message, LogType type, std::string_view file, int line) {

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <optional>
-#include <source_location>
 #include <string>
 #include <string_view>
 
@@ -13,16 +12,27 @@ enum class LogType { log, warning, error };
 std::string_view rawValue(LogType type);
 std::optional<LogType> logTypeFromRaw(std::string_view raw);
 
+// The caller's file and line. Not std::source_location: clang 14 cannot build
+// libstdc++'s, and the fuzz and sanitizer builds use clang 14.
+struct SourceLocation {
+    const char* file = "";
+    int line = 0;
+    static constexpr SourceLocation current(const char* file = __builtin_FILE(),
+                                            int line = __builtin_LINE()) {
+        return {file, line};
+    }
+};
+
 // The library's one diagnostic channel: one tagged, time-stamped line per call on
 // standard output, flushed at once so a host piping our output sees every line.
 class VPLogger {
   public:
     static void log(std::string_view message,
-                    std::source_location where = std::source_location::current());
+                    SourceLocation where = SourceLocation::current());
     static void warning(std::string_view message,
-                        std::source_location where = std::source_location::current());
+                        SourceLocation where = SourceLocation::current());
     static void error(std::string_view message,
-                      std::source_location where = std::source_location::current());
+                      SourceLocation where = SourceLocation::current());
 
     static void print(std::string_view message, LogType type, std::string_view file, int line);
 

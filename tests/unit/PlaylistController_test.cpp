@@ -339,7 +339,7 @@ TEST_F(PlaylistControllerTest, WatchedSetsSurviveTheProcess) {
         // Another run of the program: records, then exits with the write still pending.
         auto childStore =
             std::make_shared<UserDefaults>(file, std::make_shared<VirtualMainQueue>());
-        auto* pc = new PlaylistController(childStore);
+        static auto pc = std::make_unique<PlaylistController>(childStore);
         pc->userSelectedPlaylist(C);
         pc->videoCompleted("C-v1", 42.0);
         std::exit(0);

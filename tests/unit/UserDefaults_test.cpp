@@ -272,39 +272,6 @@ TEST_F(UserDefaultsTest, ALeftoverTempFileIsNeverReadAsData) {
     EXPECT_EQ(makeStore()->object("k"), json("committed"));
 }
 
-// ---- Unusable files --------------------------------------------------------
-
-struct BadFile {
-    const char* name;
-    std::string bytes;
-};
-
-class UserDefaultsBadFileTest : public UserDefaultsTest,
-                                public ::testing::WithParamInterface<BadFile> {};
-
-TEST_P(UserDefaultsBadFileTest, ReadsAsNoEntriesAndIsOverwrittenByTheNextWrite) {
-    fs::create_directories(file.parent_path());
-    writeFile(file, GetParam().bytes);
-    auto store = makeStore();
-    EXPECT_FALSE(store->object("k").has_value());
-    EXPECT_FALSE(store->object("0").has_value());
-
-    store->setObject("k", "fresh");
-    store->flush();
-    EXPECT_EQ(json::parse(readFile(file)), (json{{"k", "fresh"}}));
-    EXPECT_TRUE(warnings().empty());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Shapes, UserDefaultsBadFileTest,
-    ::testing::Values(BadFile{"empty", ""}, BadFile{"truncated", R"({"k":"complete","l":[)"},
-                      BadFile{"garbage", std::string("\x00\xff\xfe{\x89PNG\r\n\x1a\n", 12)},
-                      BadFile{"topLevelArray", R"([{"k":"v"}])"},
-                      BadFile{"topLevelString", R"("k")"}, BadFile{"bareNumber", "42"},
-                      BadFile{"invalidUtf8", "{\"k\":\"\xc3\x28\"}"},
-                      BadFile{"trailingJunk", R"({"k":"v"} trailing)"}),
-    [](const auto& info) { return std::string(info.param.name); });
-
 TEST_F(UserDefaultsTest, UnwritableDirectoryWarnsOnceAndKeepsWorkingFromMemory) {
     // A regular file where the directory should be: unwritable even for root.
     writeFile(dir / "blocker", "not a directory");
