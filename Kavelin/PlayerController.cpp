@@ -64,7 +64,8 @@ std::string PlayerController::currentVideoID() const {
 void PlayerController::loadVideo(const std::string& urlString) {
     VPLogger::log("current index: " + std::to_string(currentIndex.get()));
     showLoadingUI(true);
-    if (!isValidURLString(urlString)) {
+    const auto address = playerAddress(urlString);
+    if (!address) {
         VPLogger::warning("⚠️ Not a valid URL, nothing loaded: " + urlString);
         return;
     }
@@ -81,7 +82,7 @@ void PlayerController::loadVideo(const std::string& urlString) {
     auto mediaPlayer = player.get();
     std::weak_ptr<PlayerController> weak = weak_from_this();
     if (mediaPlayer) {
-        mediaPlayer->replaceCurrentItem(urlString);
+        mediaPlayer->replaceCurrentItem(*address);
         statusObservation = mediaPlayer->addStatusObserver(
             [weak](TimeControlStatus oldStatus, TimeControlStatus newStatus) {
                 if (auto self = weak.lock()) self->onStatusChange(oldStatus, newStatus);
@@ -154,8 +155,9 @@ void PlayerController::play() {
 
 void PlayerController::pause() {
     auto mediaPlayer = player.get();
+    // Without a player nothing reports paused, so the controls still come up.
     const bool playerPaused =
-        !mediaPlayer || mediaPlayer->timeControlStatus() == TimeControlStatus::paused;
+        mediaPlayer && mediaPlayer->timeControlStatus() == TimeControlStatus::paused;
     if (!isPlaying && playerPaused) return;
     isPlaying = false;
     cancelAutoHide();
@@ -328,7 +330,16 @@ bool PlayerController::loadURLAt(int index, std::string_view caller) {
                           " stream addresses; ignored");
         return false;
     }
-    loadVideo(urls[static_cast<size_t>(index)]);
+    return moveAndLoad(index, urls[static_cast<size_t>(index)]);
+}
+
+bool PlayerController::moveAndLoad(int index, const std::string& urlString) {
+    if (!playerAddress(urlString)) {
+        loadVideo(urlString);  // logs the refusal; the position stays
+        return false;
+    }
+    currentIndex = index;
+    loadVideo(urlString);
     return true;
 }
 

@@ -123,6 +123,14 @@ class PlayerController : public ObservableObject,
     void onPlaylistSelected(const Playlist& playlist);
     void triggerMidRollAd(double cue);
     void resumeAfterMidRollAd();
+    // The host's ad-finished signal, after the tracker has counted the ad. A host
+    // may answer inside the request's callback, before the screen has closed; the
+    // resume then waits for the close, or the late teardown would undo it.
+    void adCompleted();
+    bool isClosingForAd() const { return adClosingSteps_ > 0; }
+    // Moves to `index` and loads `urlString`, unless loadVideo would refuse the
+    // address: then only the refusal is logged and the position does not move.
+    bool moveAndLoad(int index, const std::string& urlString);
 
     const Platform& platform() const { return platform_; }
 
@@ -131,10 +139,18 @@ class PlayerController : public ObservableObject,
     void onClockTick(double t);
     void onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus);
     bool adAllowedByTracker() const;
-    // Loads urls[index], or logs and ignores an index outside the list.
+    // Moves to `index` and loads urls[index]; an index outside the list or a refused
+    // address is logged and leaves the position where it was.
     bool loadURLAt(int index, std::string_view caller);
 
+    void resumeAfterAdCompleted();
+    void adClosingStepDone();
+
     Platform platform_;
+    // Teardown and dismissal steps of the ad close still to come, and whether an
+    // early acknowledgement waits for them.
+    int adClosingSteps_ = 0;
+    bool resumeWhenClosed_ = false;
     // Nesting depth of loadVideo: play() inside a load must not start another load.
     int loadDepth_ = 0;
     // Bumped by cleanup() so callbacks hopping onto the queue for an earlier item

@@ -2,9 +2,23 @@
 
 #include <algorithm>
 
+#include "Kavelin/Extentions/UTF8Repair.h"
 #include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {
+namespace {
+
+// One stray byte in one title must not cost the whole catalogue: the JSON parser
+// refuses ill-formed UTF-8, so it is repaired first, with one warning line.
+std::string repairedDocument(std::string_view json, const char* what) {
+    std::string text(json);
+    if (size_t n = repairUTF8(text))
+        VPLogger::warning("⚠️ Ill-formed UTF-8 in the " + std::string(what) + ": " +
+                          std::to_string(n) + " sequence(s) replaced with U+FFFD");
+    return text;
+}
+
+}  // namespace
 
 VideoPlayerService::VideoPlayerService(const Platform& platform)
     : adSessionTracker(std::make_shared<AdSessionTracker>(platform.wallClock)),
@@ -104,7 +118,8 @@ void VideoPlayerService::setShowTimeDuration(bool show) {
 
 void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
     try {
-        playlistsResponse_ = decodePlaylistResponses(jsonString);
+        playlistsResponse_ =
+            decodePlaylistResponses(repairedDocument(jsonString, "playlists JSON"));
     } catch (const DecodingError& e) {
         VPLogger::error(std::string("❌ Failed to decode playlists: ") + e.what());
         return;
@@ -115,7 +130,7 @@ void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
 
 void VideoPlayerService::setEpisodesFromUnity(std::string_view jsonString) {
     try {
-        episodesResponse_ = decodeEpisodeResponses(jsonString);
+        episodesResponse_ = decodeEpisodeResponses(repairedDocument(jsonString, "episodes JSON"));
     } catch (const DecodingError& e) {
         VPLogger::error(std::string("❌ Failed to decode episodes: ") + e.what());
         return;
@@ -197,7 +212,7 @@ void VideoPlayerService::setPremium(bool isPremium) {
 void VideoPlayerService::setMidRollAdConfig(std::string_view jsonString) {
     MidRollAdConfig config;
     try {
-        config = MidRollAdConfig::decode(jsonString);
+        config = MidRollAdConfig::decode(repairedDocument(jsonString, "mid-roll config"));
     } catch (const DecodingError& e) {
         VPLogger::warning(std::string("⚠️ Failed to decode mid-roll config: ") + e.what());
         return;
@@ -214,38 +229,7 @@ void VideoPlayerService::AdCompletedResumePlayback() {
     adSessionTracker->recordAdShown();
     VPLogger::log("🎯 Ad completed, resuming playback");
 
-    if (controller->midRollCuePointState.isShowingAd) {
-        controller->resumeAfterMidRollAd();
-        const auto& urls = controller->getURLs();
-        const int index = controller->currentIndex;
-        if (index < 0 || static_cast<size_t>(index) >= urls.size()) {
-            VPLogger::warning("⚠️ No video at index " + std::to_string(index) + " to resume");
-            return;
-        }
-        controller->loadVideo(urls[static_cast<size_t>(index)]);
-        return;
-    }
-
-    controller->shouldWaitForAd = false;
-    if (controller->pendingVideo) {
-        const Video video = *controller->pendingVideo;
-        int index = 0;
-        if (playlistController) {
-            const auto& videos = playlistController->videos;
-            auto it = std::find_if(videos.begin(), videos.end(),
-                                   [&](const Video& v) { return v.id == video.id; });
-            if (it != videos.end()) index = static_cast<int>(it - videos.begin());
-        }
-        controller->currentIndex = index;
-        controller->loadVideo(video.url);
-        controller->pendingVideo.reset();
-    } else if (controller->pendingNextIndex) {
-        const int index = *controller->pendingNextIndex;
-        controller->playNext(index);
-        controller->pendingNextIndex.reset();
-    } else {
-        controller->play();
-    }
+    controller->adCompleted();
 }
 
 }  // namespace kavelin

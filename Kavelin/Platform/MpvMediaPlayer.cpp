@@ -3,14 +3,17 @@
 #include <mpv/client.h>
 
 #include <atomic>
+#include <clocale>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <map>
 #include <vector>
 
+#include "Kavelin/Extentions/NumberFormatting.h"
 #include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {
@@ -70,6 +73,18 @@ std::string availableAudioOutputs() {
     return list + "null";
 }
 
+// libmpv refuses to start under any numeric locale but "C" (it parses and prints
+// numbers with the C library), and the setting is process-wide, so a host that
+// adopted its user's locale would get no video at all.
+void useCNumericLocale() {
+    const char* current = std::setlocale(LC_NUMERIC, nullptr);
+    if (current && std::strcmp(current, "C") == 0) return;
+    const std::string previous = current ? current : "(unknown)";
+    if (!std::setlocale(LC_NUMERIC, "C")) return;
+    VPLogger::warning("⚠️ LC_NUMERIC was \"" + previous +
+                      "\"; set to \"C\" for the whole process, as libmpv requires");
+}
+
 }  // namespace
 
 MpvMediaPlayer::Options MpvMediaPlayer::Options::fromEnvironment() {
@@ -118,6 +133,7 @@ void MpvMediaPlayer::configure(mpv_handle* handle, const Options& options) {
 class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
   public:
     Core(std::shared_ptr<MainQueue> queue, const Options& options) : queue_(std::move(queue)) {
+        useCNumericLocale();
         mpv_ = mpv_create();
         if (!mpv_) {
             VPLogger::error("❌ mpv could not be created");
@@ -500,10 +516,9 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     void issueSeek() {
         auto& s = *pendingSeek_;
         s.issued = true;
-        char target[64];
-        std::snprintf(target, sizeof target, "%.6f", s.target);
-        const char* cmd[] = {"seek", target, s.exact ? "absolute+exact" : "absolute+keyframes",
-                             nullptr};
+        const std::string target = formatDouble("%.6f", s.target);
+        const char* cmd[] = {"seek", target.c_str(),
+                             s.exact ? "absolute+exact" : "absolute+keyframes", nullptr};
         if (mpv_command(mpv_, cmd) < 0) {
             abandonSeek();
             return;

@@ -207,16 +207,6 @@ TEST(CuePointPlanning, OverrideNeedsAnExactIdMatch) {
     EXPECT_EQ(log.messages()[0], R"(🎯 Mid-roll: 1 cue points for 600s video: ["300.0"])");
 }
 
-TEST(CuePointPlanningDeathTest, NegativeOverrideBreakCountStopsTheProcess) {
-    auto c = config({}, std::map<std::string, Override>{{"v", {{95.0}, -1}}});
-    EXPECT_DEATH(
-        {
-            MidRollCuePointState s;
-            s.computeCuePoints(600, "v", c);
-        },
-        "Fatal error: Can't take a prefix of negative length from a collection");
-}
-
 TEST(CuePointPlanning, ReplanningReArmsAndLeavesAdStateAlone) {
     MidRollCuePointState s;
     LogCapture log;

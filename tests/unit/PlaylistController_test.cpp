@@ -113,16 +113,6 @@ TEST_F(PlaylistControllerTest, TeardownLogsOneCleanupLine) {
     EXPECT_EQ(logLines[0].substr(logLines[0].size() - message.size()), message);
 }
 
-TEST_F(PlaylistControllerTest, EmptyCatalogueAtConstructionIsFatal) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(
-        {
-            playlists().clear();
-            PlaylistController pc(store);
-        },
-        "Fatal error: Index out of range");
-}
-
 // ---- Watched videos --------------------------------------------------------
 
 TEST_F(PlaylistControllerTest, AVideoCountsAsWatchedFromTenSeconds) {

@@ -72,15 +72,15 @@ TEST_F(RailTest, ListsTheVideosThenTheNextPlaylistAndDrawsOnlyWhatIsInView) {
 
 TEST_F(RailTest, ScrollsTheCurrentCardToTheLeadingEdgeAnimated) {
     frame();
-    EXPECT_FLOAT_EQ(offset(), 0);
+    EXPECT_FLOAT_EQ(offset(), 16);  // a0 itself at the edge, past the padding
     playlist->videoStarted("a3");
     frame();
-    EXPECT_FLOAT_EQ(offset(), 0);  // the 0.4 s animation starts here
+    EXPECT_FLOAT_EQ(offset(), 16);  // the 0.4 s animation starts here
     vp.advance(0.2);
-    EXPECT_GT(offset(), 0);
+    EXPECT_GT(offset(), 16);
     EXPECT_LT(offset(), 3 * 195);
     vp.advance(0.25);
-    EXPECT_FLOAT_EQ(offset(), 3 * 195);
+    EXPECT_FLOAT_EQ(offset(), rail->cardOffset(3));  // the card itself at the edge
     frame();
     EXPECT_TRUE(trace.hasText("Title a3"));
     EXPECT_FALSE(trace.hasText("Title a0"));
@@ -101,7 +101,7 @@ TEST_F(RailTest, DragsScrollAndReportEveryChangeTapsSelect) {
     frame({60, 700}, true);
     frame({20, 702}, true);
     EXPECT_EQ(interactions, 3);
-    EXPECT_FLOAT_EQ(offset(), 80);
+    EXPECT_FLOAT_EQ(offset(), 16 + 80);
     frame({20, 702}, false);
     EXPECT_TRUE(selected.empty());  // a drag is not a tap
 
