@@ -85,7 +85,7 @@ void sendCatalogue(const std::string& prefix, int playlists, int perPlaylist) {
             episodes += (v ? "," : "") + std::string(R"({"index":")") + prefix + "v" +
                         std::to_string(n) +
                         R"(","url":"edl://file=av://lavfi:testsrc2=size=320x180:rate=)" +
-                        std::to_string(24 + n % 3) +
+                        std::to_string(2400 + n) + "/100" +
                         R"(,length=1","thumbnail":"","title":"T",)"
                         R"("isActive":1,"length":1})";
         }
