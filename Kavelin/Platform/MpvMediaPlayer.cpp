@@ -184,6 +184,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         timeObservers_.clear();
         durationObservers_.clear();
         endObservers_.clear();
+        failureObservers_.clear();
         pendingSeek_.reset();
     }
 
@@ -209,6 +210,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         endReported_ = false;
         firstError_.clear();
         failureError_ = 0;
+        failure_.reset();
         timePos_ = 0;
         duration_ = kNaN;
         restartSeen_ = false;
@@ -226,6 +228,12 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
                     failed_ = true;
                     VPLogger::warning("⚠️ Failed to load " + *url +
                                       ": the address was refused");
+                    failure_ = "the address was refused";
+                    // Observers are attached after this call returns.
+                    queue_->async([weak = weak_from_this(), gen = itemGen_] {
+                        auto self = weak.lock();
+                        if (self && !self->closed_ && self->itemGen_ == gen) self->notifyFailure();
+                    });
                 }
             } else {
                 const char* cmd[] = {"stop", nullptr};
@@ -297,6 +305,23 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         return id;
     }
     void removeEndObserver(ObserverId id) { endObservers_.erase(id); }
+
+    ObserverId addFailureObserver(std::function<void(const std::string&)> f) {
+        auto id = nextId_++;
+        failureObservers_[id] = {itemGen_, std::move(f)};
+        if (failure_) {
+            queue_->async([weak = weak_from_this(), id, gen = itemGen_] {
+                auto self = weak.lock();
+                if (!self || self->closed_ || self->itemGen_ != gen || !self->failure_) return;
+                auto it = self->failureObservers_.find(id);
+                if (it == self->failureObservers_.end()) return;
+                auto cb = it->second.callback;
+                cb(*self->failure_);
+            });
+        }
+        return id;
+    }
+    void removeFailureObserver(ObserverId id) { failureObservers_.erase(id); }
 
     void seek(double seconds, double before, double after, std::function<void(bool)> completion) {
         abandonSeek();
@@ -374,6 +399,10 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
                 firstError_.empty() ? mpv_error_string(failureError_) : firstError_;
             failureError_ = 0;
             VPLogger::warning("⚠️ Failed to load " + url_ + ": " + reason);
+            failure_ = reason;
+            updateStatus();
+            notifyFailure();
+            return;
         }
         updateStatus();
     }
@@ -585,6 +614,20 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         }
     }
 
+    void notifyFailure() {
+        if (!failure_) return;
+        const std::string reason = *failure_;
+        auto gen = itemGen_;
+        for (auto id : keys(failureObservers_)) {
+            auto it = failureObservers_.find(id);
+            if (it == failureObservers_.end() || it->second.gen != gen || closed_ ||
+                itemGen_ != gen)
+                continue;
+            auto cb = it->second.callback;
+            cb(reason);
+        }
+    }
+
     void notifyDuration() {
         double d = knownDuration();
         auto gen = itemGen_;
@@ -658,6 +701,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     std::map<ObserverId, TimeObserver> timeObservers_;
     std::map<ObserverId, ItemObserver<std::function<void(double)>>> durationObservers_;
     std::map<ObserverId, ItemObserver<std::function<void()>>> endObservers_;
+    std::map<ObserverId, ItemObserver<std::function<void(const std::string&)>>> failureObservers_;
 
     // The current item.
     uint64_t itemGen_ = 0;
@@ -669,7 +713,8 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     bool failed_ = false;
     bool endReported_ = false;
     std::string firstError_;
-    int failureError_ = 0;  // mpv's error code of a failed load not yet logged
+    int failureError_ = 0;                // mpv's error code of a failed load not yet logged
+    std::optional<std::string> failure_;  // why the current item cannot play
     double timePos_ = 0;
     double duration_ = kNaN;
 
@@ -755,6 +800,13 @@ MediaPlayer::ObserverId MpvMediaPlayer::addEndOfItemObserver(std::function<void(
 }
 void MpvMediaPlayer::removeEndOfItemObserver(ObserverId id) {
     core_->removeEndObserver(id);
+}
+MediaPlayer::ObserverId MpvMediaPlayer::addFailureObserver(
+    std::function<void(const std::string&)> observer) {
+    return core_->addFailureObserver(std::move(observer));
+}
+void MpvMediaPlayer::removeFailureObserver(ObserverId id) {
+    core_->removeFailureObserver(id);
 }
 
 }  // namespace kavelin

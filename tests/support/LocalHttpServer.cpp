@@ -276,18 +276,20 @@ bool LocalHttpServer::respond(int fd, const Request& request, bool keepAlive) {
     if (canned) {
         if (canned->delaySeconds > 0 && !waitOrStop(canned->delaySeconds)) return false;
         if (canned->dropConnection) return false;
-        if (!canned->body) return serveFile(fd, request, keepAlive);
+        if (!canned->body) return serveFile(fd, request, keepAlive, canned->dropAfterBytes);
         std::string out = "HTTP/1.1 " + std::to_string(canned->status) + " " +
                           reason(canned->status) + "\r\nContent-Type: " + canned->contentType +
                           "\r\nContent-Length: " + std::to_string(canned->body->size()) +
                           "\r\nConnection: " + (keepAlive ? "keep-alive" : "close") + "\r\n\r\n";
-        if (request.method != "HEAD") out += *canned->body;
-        return sendAll(fd, out);
+        if (request.method != "HEAD")
+            out += canned->body->substr(0, canned->dropAfterBytes.value_or(std::string::npos));
+        return sendAll(fd, out) && !canned->dropAfterBytes;
     }
     return serveFile(fd, request, keepAlive);
 }
 
-bool LocalHttpServer::serveFile(int fd, const Request& request, bool keepAlive) {
+bool LocalHttpServer::serveFile(int fd, const Request& request, bool keepAlive,
+                                std::optional<size_t> dropAfterBytes) {
     const std::string connection =
         std::string("Connection: ") + (keepAlive ? "keep-alive" : "close") + "\r\n";
     auto notFound = [&] {
@@ -335,6 +337,7 @@ bool LocalHttpServer::serveFile(int fd, const Request& request, bool keepAlive) 
     in.seekg(static_cast<std::streamoff>(first));
     std::string chunk(64 * 1024, '\0');
     uint64_t remaining = length;
+    if (dropAfterBytes) remaining = std::min<uint64_t>(remaining, *dropAfterBytes);
     while (remaining > 0) {
         auto want = static_cast<std::streamsize>(std::min<uint64_t>(remaining, chunk.size()));
         in.read(chunk.data(), want);
@@ -343,7 +346,7 @@ bool LocalHttpServer::serveFile(int fd, const Request& request, bool keepAlive) 
         if (!sendAll(fd, chunk.substr(0, static_cast<size_t>(got)))) return false;
         remaining -= static_cast<uint64_t>(got);
     }
-    return true;
+    return !dropAfterBytes;
 }
 
 }  // namespace kavelin::test

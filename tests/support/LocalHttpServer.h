@@ -24,12 +24,14 @@ class LocalHttpServer {
     struct Response {
         int status = 200;
         // When unset, the file at the request path below the root is served.
-        std::optional<std::string> body;
+        std::optional<std::string> body{};
         std::string contentType = "text/plain";
         // Waited before anything is sent back.
         double delaySeconds = 0;
         // Closes the connection without answering (after the delay).
         bool dropConnection = false;
+        // Promises the whole body, sends only this many bytes of it, then closes.
+        std::optional<size_t> dropAfterBytes{};
     };
 
     explicit LocalHttpServer(std::filesystem::path root = {}, size_t maxConnections = 32);
@@ -61,7 +63,8 @@ class LocalHttpServer {
     void serveConnection(int fd);
     bool readRequest(int fd, std::string& buffer, Request& request);
     bool respond(int fd, const Request& request, bool keepAlive);
-    bool serveFile(int fd, const Request& request, bool keepAlive);
+    bool serveFile(int fd, const Request& request, bool keepAlive,
+                   std::optional<size_t> dropAfterBytes = std::nullopt);
     bool sendAll(int fd, const std::string& data);
     // Waits `seconds` unless the server stops first; false when stopping.
     bool waitOrStop(double seconds);

@@ -67,7 +67,8 @@ void SimulatedMediaPlayer::setStatus(TimeControlStatus status) {
 }
 
 void SimulatedMediaPlayer::updatePlayback() {
-    const bool advance = item_ && wantsToPlay_ && item_->ready && !item_->stalled && !item_->ended;
+    const bool advance = item_ && wantsToPlay_ && item_->ready && !item_->stalled &&
+                         !item_->ended && !item_->failure;
     if (!item_) {
         setStatus(TimeControlStatus::paused);
         return;
@@ -285,6 +286,41 @@ MediaPlayer::ObserverId SimulatedMediaPlayer::addEndOfItemObserver(std::function
 
 void SimulatedMediaPlayer::removeEndOfItemObserver(ObserverId id) {
     endObservers_.erase(id);
+}
+
+MediaPlayer::ObserverId SimulatedMediaPlayer::addFailureObserver(
+    std::function<void(const std::string&)> observer) {
+    const auto id = nextId_++;
+    failureObservers_[id] = {generation_, std::move(observer)};
+    if (item_ && item_->failure) {
+        post([id, gen = generation_, reason = *item_->failure](SimulatedMediaPlayer& self) {
+            auto it = self.failureObservers_.find(id);
+            if (it != self.failureObservers_.end() && it->second.first == gen)
+                it->second.second(reason);
+        });
+    }
+    return id;
+}
+
+void SimulatedMediaPlayer::removeFailureObserver(ObserverId id) {
+    failureObservers_.erase(id);
+}
+
+void SimulatedMediaPlayer::fail(const std::string& reason) {
+    if (!item_ || item_->failure) return;
+    item_->failure = reason;
+    updatePlayback();
+    post([gen = item_->generation, reason](SimulatedMediaPlayer& self) {
+        std::vector<ObserverId> ids;
+        for (const auto& [id, obs] : self.failureObservers_)
+            if (obs.first == gen) ids.push_back(id);
+        for (auto id : ids) {
+            auto it = self.failureObservers_.find(id);
+            if (it == self.failureObservers_.end()) continue;
+            auto fn = it->second.second;
+            fn(reason);
+        }
+    });
 }
 
 // --- factory ---

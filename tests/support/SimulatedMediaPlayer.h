@@ -80,8 +80,13 @@ class SimulatedMediaPlayer final : public MediaPlayer,
               std::function<void(bool)> completion = {}) override;
     ObserverId addEndOfItemObserver(std::function<void()> observer) override;
     void removeEndOfItemObserver(ObserverId id) override;
+    ObserverId addFailureObserver(std::function<void(const std::string&)> observer) override;
+    void removeFailureObserver(ObserverId id) override;
 
     // Test controls.
+    // The current item breaks off for good: it freezes waiting, and failure
+    // observers hear `reason` on the queue.
+    void fail(const std::string& reason);
     // Playback freezes in "waiting to play" for `seconds`, then carries on.
     void stall(double seconds);
 
@@ -110,6 +115,7 @@ class SimulatedMediaPlayer final : public MediaPlayer,
         bool advancing = false;  // position moves with the queue clock
         bool stalled = false;
         bool ended = false;
+        std::optional<std::string> failure;
     };
     struct TimeObserver {
         double interval;
@@ -150,6 +156,8 @@ class SimulatedMediaPlayer final : public MediaPlayer,
     std::map<ObserverId, TimeObserver> timeObservers_;
     std::map<ObserverId, DurationObserver> durationObservers_;
     std::map<ObserverId, BoundObserver> endObservers_;
+    std::map<ObserverId, std::pair<uint64_t, std::function<void(const std::string&)>>>
+        failureObservers_;
     WorkItemPtr endTask_;
     WorkItemPtr stallTask_;
     WorkItemPtr seekTask_;
