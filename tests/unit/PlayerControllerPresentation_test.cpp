@@ -4,7 +4,6 @@
 namespace kavelin::testing {
 namespace {
 
-const HostEvent kPlay{"OnVideoPlay", "true"};
 constexpr double kAnimation = HeadlessPresenter::animationSeconds;
 
 using Presentation = PlayerControllerTest;
@@ -26,16 +25,12 @@ TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnce) {
     // Later loads reuse the screen.
     pc->nextVideo();
     EXPECT_EQ(vp.presenter->presentCount(), 1);
-}
 
-TEST_F(Presentation, RailStaysWhilePausedOrScrubbing) {
-    startPlaylist("pl-1");
-    vp.advance(kAnimation);
-    ASSERT_TRUE(pc->showPlaylist);
+    // The rail stays while paused or scrubbing.
+    pc->showPlaylist = true;
     pc->pause();
     vp.advance(10);
     EXPECT_TRUE(pc->showPlaylist);
-
     pc->play();
     pc->isScrubbing = true;
     vp.advance(6);
@@ -134,9 +129,14 @@ TEST_F(Presentation, WithoutPlaylistControllerPlaysWithoutAScreen) {
     EXPECT_TRUE(pc->isPlaying);
 }
 
-TEST_F(Presentation, CountdownRailInTheLastFiveSeconds) {
+TEST_F(Presentation, WatchedAfterTenSecondsAndCountdownRailInTheLastFive) {
     startPlaylist("pl-1");
-    vp.advance(23.9);  // 6.1 s left: remaining 6
+    vp.advance(9.9);
+    EXPECT_FALSE(playlist->videos[0].isWatched);
+    vp.advance(0.2);
+    EXPECT_TRUE(playlist->videos[0].isWatched);
+    EXPECT_EQ(playlist->state(playlist->videos[0]), VideoState::watching);
+    vp.advance(23.9 - 10.1);  // 6.1 s left: remaining 6
     EXPECT_FALSE(pc->showPlaylist);
     EXPECT_EQ(playlist->countdownVideoID.get(), std::nullopt);
     vp.advance(0.2);  // 5.9 s left: remaining 5
@@ -159,15 +159,6 @@ TEST_F(Presentation, DismissedCountdownRailStaysAwayForThatVideo) {
     pc->clearCountdownRailDismissal();
     vp.advance(0.1);
     EXPECT_TRUE(pc->showPlaylist);
-}
-
-TEST_F(Presentation, WatchedAfterTenSeconds) {
-    startPlaylist("pl-1");
-    vp.advance(9.9);
-    EXPECT_FALSE(playlist->videos[0].isWatched);
-    vp.advance(0.2);
-    EXPECT_TRUE(playlist->videos[0].isWatched);
-    EXPECT_EQ(playlist->state(playlist->videos[0]), VideoState::watching);
 }
 
 TEST_F(Presentation, ControlsHideAfterFiveSecondsUnlessPausedOrScrubbing) {
