@@ -255,8 +255,7 @@ TEST_F(ScreenTest, SliderDragPausesThenSeeksAndResumesOnlyIfItWasPlaying) {
     pointer({start.x - dx, start.y}, true);
     pointer({start.x - dx, start.y}, false);
     vp.advance(0.5);
-    EXPECT_FALSE(pc->isPlaying);
-    EXPECT_FALSE(simPlayer()->wantsToPlay());
+    EXPECT_FALSE(pc->isPlaying || simPlayer()->wantsToPlay());
 }
 
 TEST_F(ScreenTest, CardsDrawTheirStateAndBadgeAndTapsSelectVideos) {
@@ -341,23 +340,17 @@ TEST(ScreenDecisions, CountdownPhaseTimeLabelAndSizesPerDeviceAndOrientation) {
     EXPECT_FALSE(VideoPlayerView::isCountdownPhase(24.9, 30));
     EXPECT_EQ(VideoPlayerView::timeLabel(65, 750), "01:05/12:30");
 
+    // Sizes the layout tests do not reach already.
     using UI = PlaylistBottomView::UI;
     using V = VideoPlayerView;
     const std::pair<float, float> sizes[] = {
-        {UI::cardWidth(false, false), 180},
         {UI::cardHeight(false, false), 130},
         {UI::cardWidth(false, true), 160},
         {UI::cardHeight(false, true), 110},
         {UI::spacing(true, false), 30},
         {UI::cardWidth(true, true), 260},
-        {UI::maxHeight(false, false), 208},
-        {UI::maxHeight(false, true), 176},
         {V::centreButtonSize(false, false, false), 50},
-        {V::centreButtonSize(false, true, false), 100},
-        {V::centreButtonSize(false, true, true), 50},
         {V::centreButtonSize(true, false, true), 100},
-        {V::controlsVerticalPadding(true), 120},
-        {V::controlsExtraVerticalPadding(true, true, true), -80},
         {V::controlsExtraVerticalPadding(false, true, true), 0},
         {V::timeBackgroundHeight(true, true, true), 50}};
     for (size_t i = 0; i < std::size(sizes); ++i)
