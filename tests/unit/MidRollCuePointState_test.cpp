@@ -50,11 +50,16 @@ MidRollCuePointState planned(std::vector<double> seconds) {
 
 struct Plan {
     double duration;
-    std::optional<std::string> id;
     MidRollAdConfig config;
     std::vector<double> expected;
     std::string log;
+    std::optional<std::string> id = "v";
 };
+
+// One bucket for every duration up to 1000 s.
+MidRollAdConfig upTo1000(int64_t breaks, std::vector<double> placements) {
+    return config({{0, 1000, breaks, std::move(placements)}});
+}
 
 TEST(CuePointPlanning, PlansFromBucketsOrOverridesAndLogsThePlan) {
     const auto bounds = config({{0, 120, 1, {0.5}}, {120, 300, 1, {0.25}}});
@@ -64,109 +69,87 @@ TEST(CuePointPlanning, PlansFromBucketsOrOverridesAndLogsThePlan) {
                                                  {"capped", {{300, 95.0}, 1}},
                                                  {"generous", {{95.0}, 5}},
                                                  {"none", {{}, {}}}});
-    const std::string noBucket = "🎯 Mid-roll: no matching bucket for duration ";
-    const std::string noBreaks = "🎯 Mid-roll: bucket has 0 breaks for duration 200s";
-    const std::string byOverride = "🎯 Mid-roll: 1 cue points (video override) for ";
+    // Each plan logs one line, "🎯 Mid-roll: " and then what the table says.
+    const std::string noBucket = "no matching bucket for duration ";
+    const std::string noBreaks = "bucket has 0 breaks for duration 200s";
+    // Override plans read "N cue points (video override) for ID: [...]".
+    auto byOverrides = [](std::string rest) {
+        return rest.insert(rest.find(' '), " cue points (video override)");
+    };
     const Plan plans[] = {
         // Buckets: lower bound inclusive, upper exclusive; the duration is logged rounded.
-        {120, "v", bounds, {30}, R"(🎯 Mid-roll: 1 cue points for 120s video: ["30.0"])"},
-        {300, "v", bounds, {}, noBucket + "300s"},
-        {119.6,
-         std::nullopt,
-         bounds,
-         {59.8},
-         R"(🎯 Mid-roll: 1 cue points for 120s video: ["59.8"])"},
+        {120, bounds, {30}, R"(1 cue points for 120s video: ["30.0"])"},
+        {300, bounds, {}, noBucket + "300s"},
+        {119.6, bounds, {59.8}, R"(1 cue points for 120s video: ["59.8"])", std::nullopt},
         // Overlapping buckets: the earlier wins.
-        {150, "v", overlapping, {75}, R"(🎯 Mid-roll: 1 cue points for 150s video: ["75.0"])"},
-        {250, "v", overlapping, {62.5}, R"(🎯 Mid-roll: 1 cue points for 250s video: ["62.5"])"},
+        {150, overlapping, {75}, R"(1 cue points for 150s video: ["75.0"])"},
+        {250, overlapping, {62.5}, R"(1 cue points for 250s video: ["62.5"])"},
         // The break count cuts in preference order before filtering; 0.04 falls in the
         // opening zone and 0.5 is not promoted to replace it; more breaks than placements.
         {200,
-         "v",
-         config({{0, 1000, 2, {0.9, 0.1, 0.5}}}),
+         upTo1000(2, {0.9, 0.1, 0.5}),
          {20, 180},
-         R"(🎯 Mid-roll: 2 cue points for 200s video: ["20.0", "180.0"])"},
+         R"(2 cue points for 200s video: ["20.0", "180.0"])"},
+        {200, upTo1000(2, {0.04, 0.9, 0.5}), {180}, R"(1 cue points for 200s video: ["180.0"])"},
         {200,
-         "v",
-         config({{0, 1000, 2, {0.04, 0.9, 0.5}}}),
-         {180},
-         R"(🎯 Mid-roll: 1 cue points for 200s video: ["180.0"])"},
-        {200,
-         "v",
-         config({{0, 1000, 9, {0.5, 0.2}}}),
+         upTo1000(9, {0.5, 0.2}),
          {40, 100},
-         R"(🎯 Mid-roll: 2 cue points for 200s video: ["40.0", "100.0"])"},
+         R"(2 cue points for 200s video: ["40.0", "100.0"])"},
         // Gap and zones: 60 is within 30 s of 50; zone edges are allowed, just outside not;
         // exactly one gap apart is kept.
+        {100, upTo1000(2, {0.5, 0.6}), {50}, R"(1 cue points for 100s video: ["50.0"])"},
         {100,
-         "v",
-         config({{0, 1000, 2, {0.5, 0.6}}}),
-         {50},
-         R"(🎯 Mid-roll: 1 cue points for 100s video: ["50.0"])"},
-        {100,
-         "v",
-         config({{0, 1000, 2, {0.1, 0.9}}}),
+         upTo1000(2, {0.1, 0.9}),
          {10, 90},
-         R"(🎯 Mid-roll: 2 cue points for 100s video: ["10.0", "90.0"])"},
+         R"(2 cue points for 100s video: ["10.0", "90.0"])"},
+        {100, upTo1000(2, {0.0999, 0.9001}), {}, "0 cue points for 100s video: []"},
         {100,
-         "v",
-         config({{0, 1000, 2, {0.0999, 0.9001}}}),
-         {},
-         "🎯 Mid-roll: 0 cue points for 100s video: []"},
-        {100,
-         "v",
-         config({{0, 1000, 2, {0.5, 0.2}}}),
+         upTo1000(2, {0.5, 0.2}),
          {20, 50},
-         R"(🎯 Mid-roll: 2 cue points for 100s video: ["20.0", "50.0"])"},
+         R"(2 cue points for 100s video: ["20.0", "50.0"])"},
         // The gap is measured to the last kept point: 55 is 35 after 20, only 15 after the
         // dropped 40. With no gap, equal points survive side by side.
         {1000,
-         "v",
          cues({55, 40, 20, 85, 85}),
          {20, 55, 85},
-         "🎯 Mid-roll: 3 cue points (video override) for v: [20.0, 55.0, 85.0]"},
+         byOverrides("3 for v: [20.0, 55.0, 85.0]")},
         {1000,
-         "v",
          cues({55, 40, 20, 85, 85}, 0),
          {20, 40, 55, 85, 85},
-         "🎯 Mid-roll: 5 cue points (video override) for v: [20.0, 40.0, 55.0, 85.0, 85.0]"},
+         byOverrides("5 for v: [20.0, 40.0, 55.0, 85.0, 85.0]")},
         // Fractions outside the video and negative seconds are dropped, unless the zones
         // themselves are negative.
-        {100,
-         "v",
-         config({{0, 1000, 3, {1.2, -0.1, 0.5}}}),
-         {50},
-         R"(🎯 Mid-roll: 1 cue points for 100s video: ["50.0"])"},
-        {-5, "v", config({{-100, 0, 1, {0.5}}}), {}, "🎯 Mid-roll: 0 cue points for -5s video: []"},
-        {100, "v", cues({-20, 95}), {}, "🎯 Mid-roll: 0 cue points (video override) for v: []"},
-        {100, "v", cues({-20}, 30, -30), {-20}, byOverride + "v: [-20.0]"},
+        {100, upTo1000(3, {1.2, -0.1, 0.5}), {50}, R"(1 cue points for 100s video: ["50.0"])"},
+        {-5, config({{-100, 0, 1, {0.5}}}), {}, "0 cue points for -5s video: []"},
+        {100, cues({-20, 95}), {}, byOverrides("0 for v: []")},
+        {100, cues({-20}, 30, -30), {-20}, byOverrides("1 for v: [-20.0]")},
         // Buckets without breaks, a duration that is not a number, no buckets at all.
-        {200, "v", config({{0, 1000, 0, {0.5}}}), {}, noBreaks},
-        {200, "v", config({{0, 1000, -3, {0.5}}}), {}, noBreaks},
-        {200.4, "v", config({{0, 1000, 2, {}}}), {}, noBreaks},
-        {std::nan(""), "v", config({{-kInf, kInf, 1, {0.5}}}), {}, noBucket + "nans"},
-        {600, "v", MidRollAdConfig::empty(), {}, noBucket + "600s"},
+        {200, upTo1000(0, {0.5}), {}, noBreaks},
+        {200, upTo1000(-3, {0.5}), {}, noBreaks},
+        {200.4, upTo1000(2, {}), {}, noBreaks},
+        {std::nan(""), config({{-kInf, kInf, 1, {0.5}}}), {}, noBucket + "nans"},
+        {600, MidRollAdConfig::empty(), {}, noBucket + "600s"},
         // Overrides: absolute seconds, sorted, capped by their own break count, buckets
         // skipped; the id must match exactly.
         {600,
-         "video-42",
          byId,
          {95, 210.5, 400},
-         "🎯 Mid-roll: 3 cue points (video override) for video-42: [95.0, 210.5, 400.0]"},
-        {600, "capped", byId, {300}, byOverride + "capped: [300.0]"},
-        {600, "generous", byId, {95}, byOverride + "generous: [95.0]"},
-        {600, "none", byId, {}, "🎯 Mid-roll: 0 cue points (video override) for none: []"},
-        {600, "VIDEO-42", byId, {300}, R"(🎯 Mid-roll: 1 cue points for 600s video: ["300.0"])"},
-        {600, std::nullopt, byId, {300}, R"(🎯 Mid-roll: 1 cue points for 600s video: ["300.0"])"},
-    };
+         byOverrides("3 for video-42: [95.0, 210.5, 400.0]"),
+         "video-42"},
+        {600, byId, {300}, byOverrides("1 for capped: [300.0]"), "capped"},
+        {600, byId, {95}, byOverrides("1 for generous: [95.0]"), "generous"},
+        {600, byId, {}, byOverrides("0 for none: []"), "none"},
+        {600, byId, {300}, R"(1 cue points for 600s video: ["300.0"])", "VIDEO-42"},
+        {600, byId, {300}, R"(1 cue points for 600s video: ["300.0"])", std::nullopt}};
     for (const auto& plan : plans) {
-        SCOPED_TRACE(plan.log);
+        const std::string line = "🎯 Mid-roll: " + plan.log;
+        SCOPED_TRACE(line);
         MidRollCuePointState s;
         LogCapture log;
         s.computeCuePoints(plan.duration, plan.id, plan.config);
         EXPECT_EQ(timestamps(s), plan.expected);
-        EXPECT_EQ(log.messages(), std::vector<std::string>{plan.log});
-        EXPECT_EQ(log.levelOf(plan.log), "LOG");
+        EXPECT_EQ(log.messages(), std::vector<std::string>{line});
+        EXPECT_EQ(log.levelOf(line), "LOG");
         for (const auto& cue : s.cuePoints) EXPECT_FALSE(cue.consumed);
     }
 }
