@@ -21,6 +21,18 @@ void SimulatedMediaPlayer::post(F&& f) {
     });
 }
 
+template <typename Map, typename Pick, typename Call>
+void SimulatedMediaPlayer::notify(Map& observers, Pick pick, Call call) {
+    std::vector<ObserverId> ids;
+    for (const auto& [id, observer] : observers)
+        if (pick(observer)) ids.push_back(id);
+    for (auto id : ids)
+        if (auto it = observers.find(id); it != observers.end()) {
+            auto observer = it->second;  // it may remove itself
+            call(observer);
+        }
+}
+
 std::optional<std::string> SimulatedMediaPlayer::currentURL() const {
     if (!item_) return std::nullopt;
     return item_->url;
@@ -57,12 +69,11 @@ void SimulatedMediaPlayer::setStatus(TimeControlStatus status) {
     std::vector<ObserverId> ids;
     for (const auto& [id, fn] : statusObservers_) ids.push_back(id);
     post([ids, old, status](SimulatedMediaPlayer& self) {
-        for (auto id : ids) {
-            auto it = self.statusObservers_.find(id);
-            if (it == self.statusObservers_.end()) continue;
-            auto fn = it->second;
-            fn(old, status);
-        }
+        for (auto id : ids)
+            if (auto it = self.statusObservers_.find(id); it != self.statusObservers_.end()) {
+                auto fn = it->second;
+                fn(old, status);
+            }
     });
 }
 
@@ -114,32 +125,15 @@ void SimulatedMediaPlayer::cancelTicks() {
         if (obs.tick) std::exchange(obs.tick, nullptr)->cancel();
 }
 
-void SimulatedMediaPlayer::deliverTimeToAll() {
-    std::vector<ObserverId> ids;
-    for (const auto& [id, obs] : timeObservers_) ids.push_back(id);
-    for (auto id : ids) {
-        auto it = timeObservers_.find(id);
-        if (it == timeObservers_.end()) continue;
-        auto fn = it->second.fn;
-        fn(currentTime());
-    }
-}
-
 void SimulatedMediaPlayer::becomeReady(uint64_t generation) {
     if (!item_ || item_->generation != generation) return;
     auto media = library_->find(item_->url);
     if (!media) return;
     item_->ready = true;
     item_->duration = media->duration;
-    std::vector<ObserverId> ids;
-    for (const auto& [id, obs] : durationObservers_)
-        if (obs.generation == generation) ids.push_back(id);
-    for (auto id : ids) {
-        auto it = durationObservers_.find(id);
-        if (it == durationObservers_.end()) continue;
-        auto fn = it->second.fn;
-        fn(media->duration);
-    }
+    notify(
+        durationObservers_, [&](auto& o) { return o.generation == generation; },
+        [&](auto& o) { o.fn(media->duration); });
     updatePlayback();
 }
 
@@ -151,15 +145,11 @@ void SimulatedMediaPlayer::reachEnd(uint64_t generation) {
     item_->ended = true;
     wantsToPlay_ = false;  // the player pauses at the end of an item
     updatePlayback();
-    std::vector<ObserverId> ids;
-    for (const auto& [id, obs] : endObservers_)
-        if (obs.generation == generation) ids.push_back(id);
-    for (auto id : ids) {
-        auto it = endObservers_.find(id);
-        if (it == endObservers_.end() || !item_ || item_->generation != generation) continue;
-        auto fn = it->second.fn;
-        fn();
-    }
+    notify(
+        endObservers_, [&](auto& o) { return o.generation == generation; },
+        [&](auto& o) {
+            if (item_ && item_->generation == generation) o.fn();  // unless replaced meanwhile
+        });
 }
 
 void SimulatedMediaPlayer::cancelPendingSeek() {
@@ -180,7 +170,7 @@ void SimulatedMediaPlayer::replaceCurrentItem(std::optional<std::string> url) {
         item_->generation = generation_;
         item_->url = *url;
         auto media = library_->find(*url);
-        if (media && !media->neverReady) {
+        if (media && std::isfinite(media->readyAfter)) {
             queue_->asyncAfter(media->readyAfter, [weak = weak_from_this(), gen = generation_] {
                 if (auto self = weak.lock()) self->becomeReady(gen);
             });
@@ -244,7 +234,7 @@ void SimulatedMediaPlayer::removeTimeObserver(ObserverId id) {
 MediaPlayer::ObserverId SimulatedMediaPlayer::observeDuration(
     std::function<void(double)> observer) {
     const auto id = nextId_++;
-    durationObservers_[id] = DurationObserver{generation_, observer};
+    durationObservers_[id] = {generation_, observer};
     observer(itemDuration());
     return id;
 }
@@ -272,7 +262,9 @@ void SimulatedMediaPlayer::seek(double seconds, double toleranceBefore, double t
         self->item_->position = target;
         self->item_->ended = false;
         self->updatePlayback();
-        self->deliverTimeToAll();
+        notify(
+            self->timeObservers_, [](auto&) { return true; },
+            [&](auto& observer) { observer.fn(self->currentTime()); });
         if (auto done = std::exchange(self->seekCompletion_, nullptr)) done(true);
     });
     queue_->asyncAfter(seekLatency, seekTask_);
@@ -280,7 +272,7 @@ void SimulatedMediaPlayer::seek(double seconds, double toleranceBefore, double t
 
 MediaPlayer::ObserverId SimulatedMediaPlayer::addEndOfItemObserver(std::function<void()> observer) {
     const auto id = nextId_++;
-    endObservers_[id] = BoundObserver{generation_, std::move(observer)};
+    endObservers_[id] = {generation_, std::move(observer)};
     return id;
 }
 
@@ -295,8 +287,8 @@ MediaPlayer::ObserverId SimulatedMediaPlayer::addFailureObserver(
     if (item_ && item_->failure) {
         post([id, gen = generation_, reason = *item_->failure](SimulatedMediaPlayer& self) {
             auto it = self.failureObservers_.find(id);
-            if (it != self.failureObservers_.end() && it->second.first == gen)
-                it->second.second(reason);
+            if (it != self.failureObservers_.end() && it->second.generation == gen)
+                it->second.fn(reason);
         });
     }
     return id;
@@ -311,15 +303,9 @@ void SimulatedMediaPlayer::fail(const std::string& reason) {
     item_->failure = reason;
     updatePlayback();
     post([gen = item_->generation, reason](SimulatedMediaPlayer& self) {
-        std::vector<ObserverId> ids;
-        for (const auto& [id, obs] : self.failureObservers_)
-            if (obs.first == gen) ids.push_back(id);
-        for (auto id : ids) {
-            auto it = self.failureObservers_.find(id);
-            if (it == self.failureObservers_.end()) continue;
-            auto fn = it->second.second;
-            fn(reason);
-        }
+        notify(
+            self.failureObservers_, [&](auto& o) { return o.generation == gen; },
+            [&](auto& o) { o.fn(reason); });
     });
 }
 
@@ -335,29 +321,6 @@ std::shared_ptr<SimulatedMediaPlayer> SimulatedMediaPlayerFactory::lastPlayer() 
     for (auto it = players_.rbegin(); it != players_.rend(); ++it)
         if (auto p = it->lock()) return p;
     return nullptr;
-}
-
-namespace {
-template <typename F>
-size_t sumOver(const std::vector<std::weak_ptr<SimulatedMediaPlayer>>& players, F count) {
-    size_t n = 0;
-    for (const auto& weak : players)
-        if (auto p = weak.lock()) n += count(*p);
-    return n;
-}
-}  // namespace
-
-size_t SimulatedMediaPlayerFactory::liveStatusObservers() const {
-    return sumOver(players_, [](auto& p) { return p.statusObserverCount(); });
-}
-size_t SimulatedMediaPlayerFactory::liveTimeObservers() const {
-    return sumOver(players_, [](auto& p) { return p.timeObserverCount(); });
-}
-size_t SimulatedMediaPlayerFactory::liveDurationObservations() const {
-    return sumOver(players_, [](auto& p) { return p.durationObservationCount(); });
-}
-size_t SimulatedMediaPlayerFactory::liveEndOfItemObservers() const {
-    return sumOver(players_, [](auto& p) { return p.endOfItemObserverCount(); });
 }
 
 }  // namespace kavelin::testing
