@@ -1,6 +1,7 @@
 #include "Kavelin/VideoPlayerService.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "Kavelin/Extentions/UTF8Repair.h"
 #include "Kavelin/log/VPLogger.h"
@@ -156,12 +157,18 @@ void VideoPlayerService::mergeIfReady() {
 std::vector<Playlist> VideoPlayerService::mapToPlaylists(
     const std::vector<EpisodeResponse>& episodesResponse,
     const std::vector<PlaylistResponse>& playlistsResponse) {
+    // Indexed once so a large catalogue merges in linear time; the first group with
+    // an id wins, as a front-to-back search would find it.
+    std::unordered_map<std::string_view, const EpisodeResponse*> groups;
+    groups.reserve(episodesResponse.size());
+    for (const auto& e : episodesResponse) groups.try_emplace(e.id, &e);
+
     std::vector<Playlist> result;
     result.reserve(playlistsResponse.size());
     for (const auto& response : playlistsResponse) {
-        auto group = std::find_if(episodesResponse.begin(), episodesResponse.end(),
-                                  [&](const EpisodeResponse& e) { return e.id == response.id; });
-        if (group == episodesResponse.end()) {
+        auto found = groups.find(response.id);
+        const EpisodeResponse* group = found == groups.end() ? nullptr : found->second;
+        if (!group) {
             VPLogger::warning("No episodes found for playlistId: " + response.id);
             continue;
         }
