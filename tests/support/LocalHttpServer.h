@@ -21,7 +21,7 @@ class LocalHttpServer {
   public:
     struct Response {
         int status = 200;
-        std::optional<std::string> body;  // unset: the file at the path below the root
+        std::optional<std::string> body{};  // unset: the file at the path below the root
         std::string contentType = "text/plain";
         double delaySeconds = 0;  // waited before anything is sent back
         // Promises the whole body, sends only this many bytes of it, then closes.
