@@ -25,7 +25,7 @@ TEST(HostNeverTerminated, NoSourceCallsAbortExitOrTerminate) {
             std::ifstream in(entry.path());
             std::string line;
             for (int n = 1; std::getline(in, line); ++n)
-                EXPECT_FALSE(std::regex_search(line, fatal))
+                EXPECT_FALSE(std::regex_search(line.substr(0, line.find("//")), fatal))
                     << entry.path() << ":" << n << ": " << line;
             ++scanned;
         }
