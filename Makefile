@@ -2,7 +2,7 @@
 MAKEFLAGS += --no-print-directory
 BUILD ?= build
 JOBS ?= $(shell nproc)
-CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
+CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKAVELIN_CHECK_MAIN_QUEUE=ON
 
 .PHONY: all setup configure build demo demo-cs test bench clean format asan tsan fuzz
 

@@ -116,11 +116,9 @@ TEST_F(Core, PauseAndPlayAreIdempotentAndEchoOnlyRealStarts) {
     EXPECT_EQ(simPlayer()->pauseCalls, pauses);
     EXPECT_FALSE(pc->shouldBePlayingAfterResume);
     EXPECT_TRUE(events.events().empty());
-    pc->autoPlayCurrentVideo = true;
     pc->play();
     EXPECT_EQ(events.take(), (Events{kPlay}));
     EXPECT_TRUE(pc->shouldBePlayingAfterResume);
-    EXPECT_FALSE(pc->autoPlayCurrentVideo);
 }
 
 TEST_F(Core, SkipsAndStop) {

@@ -4,7 +4,7 @@
 namespace kavelin::testing {
 namespace {
 
-constexpr double kAnimation = HeadlessPresenter::animationSeconds;
+constexpr double kAnimation = kPresentationFadeSeconds;
 
 using Presentation = PlayerControllerTest;
 
