@@ -1,11 +1,10 @@
 // A video that cannot play, on virtual time: whether it broke off or simply made
 // no progress, the viewer sees it, can go back or retry, and is taken back to the
 // game on their behalf if they do neither.
-#include <imgui.h>
-
 #include <functional>
 
 #include "Kavelin/views/VideoPlayerView.h"
+#include "support/HeadlessImGui.h"
 #include "support/PlayerControllerFixture.h"
 
 namespace kavelin::testing {
@@ -109,24 +108,20 @@ TEST_F(PlaybackFailureWayOut, SlowProgressRetryAndBackEachEndTheFailureOnce) {
 }
 
 TEST_F(PlaybackFailureWayOut, ScreenShowsTheMessageInsteadOfTheSpinnerAndBackReacts) {
-    ImGuiContext* context = ImGui::CreateContext();
-    ImGui::GetIO().IniFilename = nullptr;
-    ImGui::GetIO().DisplaySize = {390, 844};
-    Font::install(ImGui::GetIO());
-    ImGui::GetIO().Fonts->Build();
+    HeadlessImGui imgui({390, 844});
     auto orientation = std::make_shared<OrientationObserver>();
     orientation->updateOrientation(std::make_pair(390, 844));
     startPlaylist("pl-1");
     VideoPlayerView view(pc, orientation, playlist);
-    DrawTrace trace;
+    const DrawTrace& trace = imgui.trace;
     auto frame = [&](bool down) {
-        ImGui::GetIO().MousePos = {view.lastLayout().back.midX(), view.lastLayout().back.midY()};
-        ImGui::GetIO().MouseDown[0] = down;
-        ImGui::NewFrame();
-        trace.items.clear();
-        Frame f(ImGui::GetBackgroundDrawList(), vp.queue->now(), &trace);
-        view.draw(f, {0, 0, 390, 844});
-        ImGui::Render();
+        const Rect& back = view.lastLayout().back;
+        imgui.frame(
+            vp.queue->now(),
+            [&](Frame& f) {
+                view.draw(f, {0, 0, 390, 844});
+            },
+            {back.midX(), back.midY()}, down);
         vp.runUntilIdle();
     };
     frame(false);
@@ -140,7 +135,6 @@ TEST_F(PlaybackFailureWayOut, ScreenShowsTheMessageInsteadOfTheSpinnerAndBackRea
     frame(true);
     frame(false);
     EXPECT_EQ(events.count("OnVideoClosed"), 1u) << "the back button reacts at once";
-    ImGui::DestroyContext(context);
 }
 
 }  // namespace
