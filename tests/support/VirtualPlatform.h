@@ -12,6 +12,7 @@
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/UserDefaults.h"
 #include "Kavelin/Platform/VirtualMainQueue.h"
+#include "ScratchDir.h"
 #include "SimulatedMediaPlayer.h"
 
 namespace kavelin::testing {
@@ -48,15 +49,6 @@ class VirtualPlatform {
     Platform platform_;
     std::chrono::system_clock::time_point wallStart_;
     std::shared_ptr<double> wallOffset_ = std::make_shared<double>(0);
-};
-
-// A fresh directory under the system's temporary one, removed with its content.
-struct TempDir {
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    std::filesystem::path path;
 };
 
 std::string readFile(const std::filesystem::path& path);

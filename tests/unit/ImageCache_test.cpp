@@ -264,7 +264,10 @@ INSTANTIATE_TEST_SUITE_P(
     Loopback, ThumbnailFaults,
     ::testing::Values(
         Thumbnail{"Fits", serves(200, png(64, 48)), 64},
-        Thumbnail{"NotFound", serves(404, [] { return "no"; }, "text/plain"), 0},
+        Thumbnail{"NotFound",
+                  serves(
+                      404, [] { return "no"; }, "text/plain"),
+                  0},
         Thumbnail{"Garbage", serves(200, [] { return std::string(9000, '#'); }), 0},
         // A valid picture trailed by 50 MB: decoders would ignore the tail.
         Thumbnail{"FiftyMegabytes",

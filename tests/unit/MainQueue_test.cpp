@@ -283,7 +283,7 @@ TEST(ThreadMainQueueRestart, CallsRacingWithParksAllRunExactlyOnce) {
 }
 
 TEST(ThreadMainQueueRestart, ReleasingTheLibraryThreadWritesThePendingMarks) {
-    testing::TempDir dir;
+    ScratchDir dir;
     auto queue = std::make_shared<ThreadMainQueue>();
     Platform platform;
     platform.queue = queue;

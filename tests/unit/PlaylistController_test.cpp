@@ -52,7 +52,7 @@ class PlaylistControllerTest : public ::testing::Test {
     }
 
     Playlist A = makePlaylist("A", 4), B = makePlaylist("B", 3), C = makePlaylist("C", 2);
-    testing::TempDir dir;
+    ScratchDir dir;
     std::filesystem::path file = dir.path / "Kavelin" / "UserDefaults.json";
     std::vector<Playlist> savedCatalogue;
     std::shared_ptr<VirtualMainQueue> queue = std::make_shared<VirtualMainQueue>();

@@ -19,6 +19,7 @@
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/ThreadMainQueue.h"
 #include "Kavelin/log/VPLogger.h"
+#include "support/ScopedEnv.h"
 #include "support/VirtualPlatform.h"
 
 namespace kavelin {
@@ -31,20 +32,6 @@ using testing::readFile;
 void writeFile(const fs::path& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
-
-// Sets an environment variable for the lifetime of the object.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        value ? ::setenv(name, value, 1) : ::unsetenv(name);
-    }
-    ~ScopedEnv() { old_ ? ::setenv(name_, old_->c_str(), 1) : ::unsetenv(name_); }
-
-  private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
 
 class UserDefaultsTest : public ::testing::Test {
   protected:
@@ -59,7 +46,7 @@ class UserDefaultsTest : public ::testing::Test {
         return out;
     }
 
-    testing::TempDir dir;
+    ScratchDir dir;
     fs::path file = dir.path / "Kavelin" / "UserDefaults.json";
     std::shared_ptr<VirtualMainQueue> queue = std::make_shared<VirtualMainQueue>();
     testing::LogCapture logs;
@@ -343,7 +330,7 @@ constexpr const char* kKey = "zelkin.playlistSDK.completedVideosByPlaylist";
 }
 
 TEST(MarksSurviveKill, FileAlwaysParsesAndLosesAtMostTheLastSecond) {
-    testing::TempDir dir;
+    ScratchDir dir;
     const fs::path file = dir.path / "UserDefaults.json";
     std::mt19937 random(std::random_device{}());
     // The save window is one second; fsync and scheduling get a little slack.
