@@ -70,19 +70,25 @@ class SimulatedMediaPlayer final : public MediaPlayer,
     double currentTime() const override;
     TimeControlStatus timeControlStatus() const override { return status_; }
     ObserverId addStatusObserver(
-        std::function<void(TimeControlStatus, TimeControlStatus)> observer) override;
-    void removeStatusObserver(ObserverId id) override;
+        std::function<void(TimeControlStatus, TimeControlStatus)> observer) override {
+        statusObservers_[nextId_] = std::move(observer);
+        return nextId_++;
+    }
+    void removeStatusObserver(ObserverId id) override { statusObservers_.erase(id); }
     ObserverId addPeriodicTimeObserver(double interval,
                                        std::function<void(double)> observer) override;
     void removeTimeObserver(ObserverId id) override;
     ObserverId observeDuration(std::function<void(double)> observer) override;
-    void invalidateDurationObservation(ObserverId id) override;
+    void invalidateDurationObservation(ObserverId id) override { durationObservers_.erase(id); }
     void seek(double seconds, double toleranceBefore, double toleranceAfter,
               std::function<void(bool)> completion = {}) override;
-    ObserverId addEndOfItemObserver(std::function<void()> observer) override;
-    void removeEndOfItemObserver(ObserverId id) override;
+    ObserverId addEndOfItemObserver(std::function<void()> observer) override {
+        endObservers_[nextId_] = {generation_, std::move(observer)};
+        return nextId_++;
+    }
+    void removeEndOfItemObserver(ObserverId id) override { endObservers_.erase(id); }
     ObserverId addFailureObserver(std::function<void(const std::string&)> observer) override;
-    void removeFailureObserver(ObserverId id) override;
+    void removeFailureObserver(ObserverId id) override { failureObservers_.erase(id); }
 
     // Test controls.
     // The current item breaks off for good: it freezes waiting, and failure

@@ -210,7 +210,7 @@ struct Thumbnail {
     // What /t serves, made when the case runs; none: no request is expected.
     std::function<std::optional<Response>()> response;
     int expectedWidth;    // 0: the placeholder
-    std::string address;  // when not the server's /t
+    std::string address{};  // when not the server's /t
 };
 
 class ThumbnailFaults : public ImageCacheTest, public ::testing::WithParamInterface<Thumbnail> {
