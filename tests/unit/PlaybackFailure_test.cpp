@@ -3,14 +3,10 @@
 // game on their behalf if they do neither.
 #include <functional>
 
-#include "Kavelin/views/VideoPlayerView.h"
-#include "support/HeadlessImGui.h"
 #include "support/PlayerControllerFixture.h"
 
 namespace kavelin::testing {
 namespace {
-
-using UI = VideoPlayerView::UI;
 
 struct Fault {
     const char* name;
@@ -105,36 +101,6 @@ TEST_F(PlaybackFailureWayOut, SlowProgressRetryAndBackEachEndTheFailureOnce) {
     EXPECT_EQ(events.count("OnVideoClosed"), 1u);
     EXPECT_EQ(events.count("OnViewDismissed"), 1u);
     EXPECT_EQ(logs.countPrefix("❌ Video can't be played ("), 2u);
-}
-
-TEST_F(PlaybackFailureWayOut, ScreenShowsTheMessageInsteadOfTheSpinnerAndBackReacts) {
-    HeadlessImGui imgui({390, 844});
-    auto orientation = std::make_shared<OrientationObserver>();
-    orientation->updateOrientation(std::make_pair(390, 844));
-    startPlaylist("pl-1");
-    VideoPlayerView view(pc, orientation, playlist);
-    const DrawTrace& trace = imgui.trace;
-    auto frame = [&](bool down) {
-        const Rect& back = view.lastLayout().back;
-        imgui.frame(
-            vp.queue->now(),
-            [&](Frame& f) {
-                view.draw(f, {0, 0, 390, 844});
-            },
-            {back.midX(), back.midY()}, down);
-        vp.runUntilIdle();
-    };
-    frame(false);
-    EXPECT_FALSE(trace.hasText(UI::failedTitle));
-    simPlayer()->fail("404");
-    vp.runUntilIdle();
-    frame(false);
-    EXPECT_TRUE(trace.hasText(UI::failedTitle));
-    EXPECT_TRUE(trace.hasText(UI::failedHint));
-    events.clear();
-    frame(true);
-    frame(false);
-    EXPECT_EQ(events.count("OnVideoClosed"), 1u) << "the back button reacts at once";
 }
 
 }  // namespace
