@@ -294,4 +294,14 @@ std::shared_ptr<SimulatedMediaPlayer> SimulatedMediaPlayerFactory::lastPlayer() 
     return nullptr;
 }
 
+SimulatedMediaPlayer::ObserverCounts SimulatedMediaPlayerFactory::liveObservers() const {
+    size_t time = 0, status = 0, duration = 0, end = 0;
+    for (const auto& weak : players_)
+        if (auto p = weak.lock()) {
+            const auto [t, s, d, e] = p->observerCounts();
+            time += t, status += s, duration += d, end += e;
+        }
+    return {time, status, duration, end};
+}
+
 }  // namespace kavelin::testing

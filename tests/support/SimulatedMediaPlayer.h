@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Kavelin/Platform/MediaPlayer.h"
@@ -98,10 +99,12 @@ class SimulatedMediaPlayer final : public MediaPlayer,
     void stall(double seconds);
 
     // What the tests read.
-    size_t statusObserverCount() const { return statusObservers_.size(); }
-    size_t timeObserverCount() const { return timeObservers_.size(); }
-    size_t durationObservationCount() const { return durationObservers_.size(); }
-    size_t endOfItemObserverCount() const { return endObservers_.size(); }
+    // Time, status, duration and end-of-item observers still registered.
+    using ObserverCounts = std::tuple<size_t, size_t, size_t, size_t>;
+    ObserverCounts observerCounts() const {
+        return {timeObservers_.size(), statusObservers_.size(), durationObservers_.size(),
+                endObservers_.size()};
+    }
     std::optional<std::string> currentURL() const;
     double itemDuration() const;  // not-a-number until ready
     bool wantsToPlay() const { return wantsToPlay_; }
@@ -183,27 +186,13 @@ class SimulatedMediaPlayerFactory final : public MediaPlayerFactory {
     int playersMade() const { return static_cast<int>(players_.size()); }
     // The most recent player still alive, if any.
     std::shared_ptr<SimulatedMediaPlayer> lastPlayer() const;
-    // Sums over every player still alive.
-    size_t liveStatusObservers() const { return sum(&SimulatedMediaPlayer::statusObserverCount); }
-    size_t liveTimeObservers() const { return sum(&SimulatedMediaPlayer::timeObserverCount); }
-    size_t liveDurationObservations() const {
-        return sum(&SimulatedMediaPlayer::durationObservationCount);
-    }
-    size_t liveEndOfItemObservers() const {
-        return sum(&SimulatedMediaPlayer::endOfItemObserverCount);
-    }
+    // Summed over every player still alive.
+    SimulatedMediaPlayer::ObserverCounts liveObservers() const;
 
   private:
     std::shared_ptr<VirtualMainQueue> queue_;
     std::shared_ptr<SimulatedMediaLibrary> library_;
     std::vector<std::weak_ptr<SimulatedMediaPlayer>> players_;
-
-    size_t sum(size_t (SimulatedMediaPlayer::*count)() const) const {
-        size_t n = 0;
-        for (const auto& weak : players_)
-            if (auto p = weak.lock()) n += ((*p).*count)();
-        return n;
-    }
 };
 
 }  // namespace kavelin::testing

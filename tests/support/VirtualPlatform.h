@@ -28,12 +28,15 @@ class VirtualPlatform {
     VirtualPlatform(const VirtualPlatform&) = delete;
     VirtualPlatform& operator=(const VirtualPlatform&) = delete;
 
+  private:
+    ScratchDir directory_;  // first: goes last, after the store's final write
+
+  public:
     std::shared_ptr<VirtualMainQueue> queue;
     std::shared_ptr<SimulatedMediaLibrary> media;
     std::shared_ptr<SimulatedMediaPlayerFactory> players;
     std::shared_ptr<HeadlessPresenter> presenter;
     std::shared_ptr<UserDefaults> defaults;
-    std::filesystem::path directory;
 
     // The platform as installed (hand it to objects that take one explicitly).
     const Platform& platform() const { return platform_; }

@@ -209,7 +209,7 @@ struct Thumbnail {
     const char* name;
     // What /t serves, made when the case runs; none: no request is expected.
     std::function<std::optional<Response>()> response;
-    int expectedWidth;    // 0: the placeholder
+    int expectedWidth;      // 0: the placeholder
     std::string address{};  // when not the server's /t
 };
 

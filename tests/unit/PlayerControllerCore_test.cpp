@@ -12,10 +12,8 @@ namespace {
 class Core : public PlayerControllerTest {
   protected:
     // Live time, status, duration and end-of-item observers.
-    std::tuple<size_t, size_t, size_t, size_t> observers() const {
-        return {vp.players->liveTimeObservers(), vp.players->liveStatusObservers(),
-                vp.players->liveDurationObservations(), vp.players->liveEndOfItemObservers()};
-    }
+    using Counts = SimulatedMediaPlayer::ObserverCounts;
+    Counts observers() const { return vp.players->liveObservers(); }
     // Whether previous and next are disabled.
     std::pair<bool, bool> edges() const { return {pc->disableBackButton, pc->disbleForwardButton}; }
 };
@@ -28,7 +26,7 @@ TEST_F(Core, ObserversNeverAccumulateOverAThousandLoads) {
     }
     vp.runUntilIdle();
     EXPECT_EQ(vp.players->playersMade(), 1);
-    EXPECT_EQ(observers(), std::make_tuple(1u, 1u, 1u, 1u));
+    EXPECT_EQ(observers(), Counts(1, 1, 1, 1));
     EXPECT_TRUE(pc->isObservingTimeControlStatus);
     // Cancelled delayed tasks do not pile up either: auto-hide, rail return and
     // the player's own clock are all that wait.
@@ -38,7 +36,7 @@ TEST_F(Core, ObserversNeverAccumulateOverAThousandLoads) {
     EXPECT_EQ(pc->duration.get(), kClip);
 
     pc->cleanup();
-    EXPECT_EQ(observers(), std::make_tuple(0u, 0u, 0u, 0u));
+    EXPECT_EQ(observers(), Counts());
     EXPECT_FALSE(pc->isObservingTimeControlStatus);
 }
 
@@ -176,7 +174,7 @@ TEST_F(Core, InvalidURLKeepsTheSpinnerAndThePreviousItem) {
     EXPECT_TRUE(pc->showLoading);
     EXPECT_EQ(playingURL(), urlOf("a0"));
     EXPECT_TRUE(pc->isPlaying);
-    EXPECT_EQ(vp.players->liveTimeObservers(), 1u);
+    EXPECT_EQ(std::get<0>(observers()), 1u);
     EXPECT_TRUE(events.events().empty());
     vp.advance(1);
     EXPECT_GT(pc->currentTime.get(), 2.5);
