@@ -37,12 +37,16 @@ MpvVideoRenderer::MpvVideoRenderer(std::shared_ptr<MainQueue> queue, SDL_Window*
 
 MpvVideoRenderer::~MpvVideoRenderer() {
     detachAll();
+    stopRendering();
+}
+
+void MpvVideoRenderer::stopRendering() {
     {
         std::lock_guard lock(mutex_);
         stopping_ = true;
     }
     wake_.notify_all();
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
 }
 
 void MpvVideoRenderer::run() {
@@ -80,6 +84,7 @@ void MpvVideoRenderer::onRenderThread(std::function<void()> task) {
     auto finished = done.get_future();
     {
         std::lock_guard lock(mutex_);
+        if (stopping_ && !thread_.joinable()) return;  // nothing would run it
         tasks_.push_back([&] {
             task();
             done.set_value();

@@ -43,6 +43,8 @@ class MpvVideoRenderer final : public VideoRenderer {
     void collect();
     // Frees everything (the window is about to go).
     void detachAll();
+    // Ends the render thread for good; later render work is dropped.
+    void stopRendering();
     size_t attachedCount() const { return entries_.size(); }
 
   private:

@@ -41,6 +41,10 @@ class ScreenPresenter {
     // The queue's thread is about to end: let go of what belongs to it (a window and
     // its GL contexts). The next presentation makes them again.
     virtual void releaseThreadResources() {}
+
+    // The process is exiting: stop every thread of the presenter's own that could
+    // still be drawing, before the GL driver's exit handlers tear it down.
+    virtual void stopBackgroundWork() {}
 };
 
 }  // namespace kavelin

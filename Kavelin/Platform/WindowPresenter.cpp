@@ -38,6 +38,22 @@ class ScreenHostingController final : public HostingController {
 
 namespace {
 
+// exit() called from a host callback runs on the library thread, and that thread's
+// thread_local destructors come before every exit handler: the render thread stops
+// there, before the GL driver's own handlers tear the driver down under it. When
+// the thread is parked the window is gone already and this does nothing.
+struct StopDrawingAtThreadExit {
+    std::weak_ptr<WindowPresenter> presenter;
+    ~StopDrawingAtThreadExit() {
+        if (auto p = presenter.lock()) p->stopBackgroundWork();
+    }
+};
+
+void stopDrawingAtThreadExit(std::weak_ptr<WindowPresenter> presenter) {
+    static thread_local StopDrawingAtThreadExit sentinel;
+    sentinel.presenter = std::move(presenter);
+}
+
 bool windowSizeFromEnvironment(int& w, int& h) {
     const char* size = std::getenv("KAVELIN_WINDOW_SIZE");
     return size && std::sscanf(size, "%dx%d", &w, &h) == 2 && w > 0 && h > 0;
@@ -158,10 +174,11 @@ bool WindowPresenter::ensureWindow() {
     renderGlContext_ = SDL_GL_CreateContext(window_);
     SDL_GL_SetAttribute(SDL_GL_SHARE_WITH_CURRENT_CONTEXT, 0);
     SDL_GL_MakeCurrent(window_, glContext_);
-    if (renderGlContext_)
+    if (renderGlContext_) {
         renderer_ =
             std::make_shared<MpvVideoRenderer>(queue_, window_, renderGlContext_, invalidate);
-    else
+        stopDrawingAtThreadExit(weak_from_this());
+    } else
         VPLogger::warning(std::string("⚠️ No OpenGL context for video: ") + SDL_GetError());
     VideoRenderer::install(renderer_);
     Display::install(invalidate);
@@ -169,6 +186,10 @@ bool WindowPresenter::ensureWindow() {
     Platform::rearmExitHook();
     exitHookRearmed_ = false;  // the first frame initialises more of the GL stack
     return true;
+}
+
+void WindowPresenter::stopBackgroundWork() {
+    if (renderer_) renderer_->stopRendering();
 }
 
 void WindowPresenter::releaseThreadResources() {

@@ -41,6 +41,7 @@ class WindowPresenter final : public ScreenPresenter,
     void dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
                  std::function<void()> completion) override;
     void releaseThreadResources() override;
+    void stopBackgroundWork() override;
 
     // Wraps the platform's player factory so every new libmpv player gets its
     // render context before its first item opens.
