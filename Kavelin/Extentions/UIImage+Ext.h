@@ -30,7 +30,4 @@ std::optional<Image> decodeImage(std::string_view bytes, int svgWidth = 0, int s
 // the given pixel size and kept for reuse. Null when the file is missing.
 std::shared_ptr<const Image> assetImage(const std::string& name, int pixelWidth, int pixelHeight);
 
-// Where the artwork lives: $KAVELIN_RESOURCES_DIR, else the source tree's Resources/.
-std::string resourcesDirectory();
-
 }  // namespace kavelin

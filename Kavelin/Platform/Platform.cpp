@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/WindowPresenter.h"
 
 namespace kavelin {
 namespace {
@@ -40,14 +41,18 @@ void Platform::install(Platform platform) {
 
 void Platform::shutdown() {
     std::shared_ptr<MainQueue> queue;
+    std::shared_ptr<ScreenPresenter> presenter;
     {
         std::lock_guard lock(gMutex);
         if (!gPlatform) return;
         queue = gPlatform->queue;
+        presenter = gPlatform->presenter;
     }
     // Stop the library thread before static destructors run under it. The store
     // writes its own pending changes at exit.
     if (auto* thread = dynamic_cast<ThreadMainQueue*>(queue.get())) thread->shutdown();
+    if (auto* window = dynamic_cast<WindowPresenter*>(presenter.get()))
+        window->waitForBackgroundWork();
 }
 
 void Platform::releaseThread() {

@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "Kavelin/Platform/MediaPlayer.h"
@@ -45,6 +47,8 @@ class WindowPresenter final : public ScreenPresenter,
     void dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
                  std::function<void()> completion) override;
     void releaseThreadResources() override;
+    // At exit, once the queue's thread has stopped: the opening thread is done.
+    void waitForBackgroundWork();
 
     // Wraps the platform's player factory so every new libmpv player gets its
     // render context before its first item opens.
@@ -67,8 +71,14 @@ class WindowPresenter final : public ScreenPresenter,
     // Anything that changes what is on screen asks for a frame here.
     void setNeedsDisplay();
 
+    struct Opened;
+
   private:
+    // True once the window is there; otherwise starts opening it in the background.
     bool ensureWindow();
+    void finishOpening();
+    void waitForOpening();
+    void showWindow(bool animated);
     void destroyWindow();
     void pump();
     void handleEvent(const SDL_Event& event);
@@ -77,8 +87,15 @@ class WindowPresenter final : public ScreenPresenter,
     void updatePolling();
     float fadeValue(double now) const;
 
+    struct Inbox;
     std::shared_ptr<ThreadMainQueue> queue_;
     SDL_Window* window_ = nullptr;
+    std::unique_ptr<Inbox> inbox_;
+    std::mutex openerMutex_;  // the opening thread, also joined at exit
+    std::thread opener_;
+    std::unique_ptr<Opened> opened_;
+    std::vector<std::weak_ptr<MediaPlayer>> pendingPlayers_;
+    bool pendingShow_ = false;
     void* glContext_ = nullptr;
     void* renderGlContext_ = nullptr;  // shares textures; mpv's render thread owns it
     void* imgui_ = nullptr;            // ImGuiContext

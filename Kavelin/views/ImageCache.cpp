@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "Kavelin/Extentions/EmbeddedResources.h"
+
 namespace kavelin {
 
 ImageCache& ImageCache::shared() {
@@ -103,6 +105,12 @@ std::shared_ptr<const Image> fetchFile(const std::string& urlString) {
     return decodeShared(buffer.str());
 }
 
+std::shared_ptr<const Image> fetchResource(const std::string& urlString) {
+    auto bytes = resourceBytes(std::string_view(urlString).substr(resourceScheme.size()),
+                               "KAVELIN_RESOURCES_DIR");
+    return bytes ? decodeShared(*bytes) : nullptr;
+}
+
 std::shared_ptr<const Image> fetchHttp(const std::string& urlString) {
     CURL* curl = curl_easy_init();
     if (!curl) return nullptr;
@@ -127,6 +135,7 @@ std::shared_ptr<const Image> fetchHttp(const std::string& urlString) {
 bool ImageLoader::isValidURL(const std::string& urlString) {
     if (urlString.empty()) return false;
     if (startsWith(urlString, "file://")) return urlString.size() > 7;
+    if (startsWith(urlString, resourceScheme)) return urlString.size() > resourceScheme.size();
     if (!startsWith(urlString, "http://") && !startsWith(urlString, "https://")) return false;
     for (unsigned char c : urlString)
         if (c <= ' ' || c == 0x7F) return false;
@@ -144,7 +153,12 @@ bool ImageLoader::isValidURL(const std::string& urlString) {
 void ImageLoader::fetch(const std::string& urlString,
                         std::function<void(std::shared_ptr<const Image>)> completion) {
     WorkerPool::shared().post([urlString, completion = std::move(completion)] {
-        completion(startsWith(urlString, "file://") ? fetchFile(urlString) : fetchHttp(urlString));
+        if (startsWith(urlString, "file://"))
+            completion(fetchFile(urlString));
+        else if (startsWith(urlString, resourceScheme))
+            completion(fetchResource(urlString));
+        else
+            completion(fetchHttp(urlString));
     });
 }
 

@@ -336,7 +336,7 @@ TEST(SampleCatalogue, HasTheStatedShape) {
                                  &SampleVideos::Playlist3()};
     const size_t sizes[] = {10, 3, 4};
     std::set<std::string> playlistIds, videoIds, thumbnails, urls;
-    const std::string thumbnailRoot = "file://" KAVELIN_SOURCE_DIR "/Resources/Thumbnails/";
+    const std::string thumbnailRoot = "kavelin:Thumbnails/";
     for (int i = 0; i < 3; ++i) {
         const Playlist& p = *samples[i];
         EXPECT_EQ(p.videos.size(), sizes[i]);
