@@ -71,3 +71,8 @@ fuzz: setup
 	  grep -E "^stat::(number_of_executed_units|average_exec_per_sec)|^SUMMARY" build-fuzz/fuzz_$$name.log; \
 	  [ $$rc -eq 0 ] || { tail -40 build-fuzz/fuzz_$$name.log; exit 1; }; \
 	done
+
+# Minutes of real playback watching memory, threads and descriptors (not in make test).
+.PHONY: soak
+soak: build
+	KAVELIN_HEADLESS=1 $(BUILD)/bench/kavelin-soak $(SOAK_ARGS)

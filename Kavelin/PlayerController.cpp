@@ -64,7 +64,8 @@ std::string PlayerController::currentVideoID() const {
 void PlayerController::loadVideo(const std::string& urlString) {
     VPLogger::log("current index: " + std::to_string(currentIndex.get()));
     showLoadingUI(true);
-    if (!isValidURLString(urlString)) {
+    const auto address = playerAddress(urlString);
+    if (!address) {
         VPLogger::warning("⚠️ Not a valid URL, nothing loaded: " + urlString);
         return;
     }
@@ -80,13 +81,19 @@ void PlayerController::loadVideo(const std::string& urlString) {
     if (!player.get() && platform_.players) player = platform_.players->makePlayer();
     auto mediaPlayer = player.get();
     std::weak_ptr<PlayerController> weak = weak_from_this();
+    loadedURL_ = urlString;
     if (mediaPlayer) {
-        mediaPlayer->replaceCurrentItem(urlString);
+        mediaPlayer->replaceCurrentItem(*address);
         statusObservation = mediaPlayer->addStatusObserver(
             [weak](TimeControlStatus oldStatus, TimeControlStatus newStatus) {
                 if (auto self = weak.lock()) self->onStatusChange(oldStatus, newStatus);
             });
         isObservingTimeControlStatus = true;
+        failureObservation = mediaPlayer->addFailureObserver(
+            [weak, generation = itemGeneration_](const std::string& reason) {
+                auto self = weak.lock();
+                if (self && self->itemGeneration_ == generation) self->playbackDidFail(reason);
+            });
     }
     observeDuration();
     addPeriodicTimeObserver();
@@ -111,6 +118,7 @@ void PlayerController::loadVideo(const std::string& urlString) {
     }
 
     if (!hostingController) presentVideoPlayer();
+    armNoProgressWatch();
     // cleanup() above has already cleared the resume position, so in practice every
     // load starts from the beginning; the seek branch is kept for a position set
     // between the two.
@@ -130,6 +138,11 @@ void PlayerController::loadVideo(const std::string& urlString) {
 
 void PlayerController::play() {
     const auto keepAlive = shared_from_this();  // the echo below reaches host code
+    // Play on a failed item is the viewer's retry; the load plays (and echoes) itself.
+    if (playbackFailed && loadDepth_ == 0 && !loadedURL_.empty()) {
+        loadVideo(std::string(loadedURL_));
+        return;
+    }
     auto mediaPlayer = player.get();
     if (isPlaying && mediaPlayer && mediaPlayer->timeControlStatus() == TimeControlStatus::playing)
         return;
@@ -154,8 +167,9 @@ void PlayerController::play() {
 
 void PlayerController::pause() {
     auto mediaPlayer = player.get();
+    // Without a player nothing reports paused, so the controls still come up.
     const bool playerPaused =
-        !mediaPlayer || mediaPlayer->timeControlStatus() == TimeControlStatus::paused;
+        mediaPlayer && mediaPlayer->timeControlStatus() == TimeControlStatus::paused;
     if (!isPlaying && playerPaused) return;
     isPlaying = false;
     cancelAutoHide();
@@ -266,11 +280,66 @@ void PlayerController::observeDuration() {
 
 void PlayerController::onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus) {
     if (newStatus == oldStatus) return;
-    platform_.queue->async([weak = weak_from_this(), newStatus] {
+    platform_.queue->async([weak = weak_from_this(), newStatus, generation = itemGeneration_] {
+        auto self = weak.lock();
+        if (!self || self->playbackFailed) return;
+        const bool waiting = newStatus == TimeControlStatus::waitingToPlayAtSpecifiedRate;
+        self->showLoadingUI(waiting);
+        if (self->itemGeneration_ != generation) return;
+        if (waiting)
+            self->armNoProgressWatch();
+        else if (self->noProgressWorkItem)
+            std::exchange(self->noProgressWorkItem, nullptr)->cancel();
+    });
+}
+
+void PlayerController::armNoProgressWatch() {
+    // A stalled server or an item that never opens must not spin forever; a slow
+    // one that keeps making progress goes back to playing and disarms this.
+    if (noProgressWorkItem || playbackFailed) return;
+    const double limit = noProgressTimeout;
+    noProgressWorkItem = makeWorkItem([weak = weak_from_this(), limit] {
         auto self = weak.lock();
         if (!self) return;
-        self->showLoadingUI(newStatus == TimeControlStatus::waitingToPlayAtSpecifiedRate);
+        self->noProgressWorkItem = nullptr;
+        auto mediaPlayer = self->player.get();
+        if (!mediaPlayer || !mediaPlayer->hasCurrentItem() || !self->isPlaying ||
+            mediaPlayer->timeControlStatus() != TimeControlStatus::waitingToPlayAtSpecifiedRate)
+            return;
+        char reason[64];
+        std::snprintf(reason, sizeof reason, "no progress for %.0f s", limit);
+        self->playbackDidFail(reason);
     });
+    platform_.queue->asyncAfter(limit, noProgressWorkItem);
+}
+
+void PlayerController::cancelFailureTimers() {
+    if (noProgressWorkItem) std::exchange(noProgressWorkItem, nullptr)->cancel();
+    if (leaveAfterFailureWorkItem) std::exchange(leaveAfterFailureWorkItem, nullptr)->cancel();
+}
+
+void PlayerController::playbackDidFail(const std::string& reason) {
+    if (playbackFailed) return;
+    cancelFailureTimers();
+    char delay[32];
+    std::snprintf(delay, sizeof delay, "%.0f", leaveAfterFailureDelay);
+    VPLogger::error("❌ Video can't be played (" + reason + "), leaving in " + delay +
+                    " s unless the viewer retries: " + loadedURL_);
+    playbackFailed = true;
+    isPlaying = false;
+    shouldBePlayingAfterResume = false;
+    if (auto mediaPlayer = player.get()) mediaPlayer->pause();
+    showLoadingUI(false);
+    // The controls stay up: they hold the way back and the retry.
+    cancelAutoHide();
+    showControls = true;
+    leaveAfterFailureWorkItem = makeWorkItem([weak = weak_from_this()] {
+        auto self = weak.lock();
+        if (!self || !self->playbackFailed) return;
+        self->leaveAfterFailureWorkItem = nullptr;
+        self->backToHome();
+    });
+    platform_.queue->asyncAfter(leaveAfterFailureDelay, leaveAfterFailureWorkItem);
 }
 
 std::string PlayerController::formatTime(double seconds) {
@@ -297,6 +366,10 @@ void PlayerController::cleanup() {
     if (durationObservation && mediaPlayer)
         mediaPlayer->invalidateDurationObservation(durationObservation);
     durationObservation = 0;
+    if (failureObservation && mediaPlayer) mediaPlayer->removeFailureObserver(failureObservation);
+    failureObservation = 0;
+    cancelFailureTimers();
+    playbackFailed = false;
     ++itemGeneration_;
 
     if (mediaPlayer) {
@@ -328,7 +401,16 @@ bool PlayerController::loadURLAt(int index, std::string_view caller) {
                           " stream addresses; ignored");
         return false;
     }
-    loadVideo(urls[static_cast<size_t>(index)]);
+    return moveAndLoad(index, urls[static_cast<size_t>(index)]);
+}
+
+bool PlayerController::moveAndLoad(int index, const std::string& urlString) {
+    if (!playerAddress(urlString)) {
+        loadVideo(urlString);  // logs the refusal; the position stays
+        return false;
+    }
+    currentIndex = index;
+    loadVideo(urlString);
     return true;
 }
 

@@ -58,6 +58,10 @@ class PlayerController : public ObservableObject,
     Published<bool> autoPlayCurrentVideo{this, false};
     Published<int> currentIndex{this, 0};
     Published<bool> isScrubbing{this, false};
+    // The current item cannot play (it failed, or made no progress for
+    // `noProgressTimeout`): the screen says so and leaves on its own after
+    // `leaveAfterFailureDelay` unless the viewer goes back or retries first.
+    Published<bool> playbackFailed{this, false};
 
     // --- plain state ---
     bool shouldBePlayingAfterResume = false;
@@ -80,6 +84,11 @@ class PlayerController : public ObservableObject,
     bool hasShownInitialHalfScreen = false;
     bool dismissedCountdownRail = false;
     bool wasPlayingBeforeScrub = false;
+    MediaPlayer::ObserverId failureObservation = 0;
+    WorkItemPtr noProgressWorkItem;
+    WorkItemPtr leaveAfterFailureWorkItem;
+    double noProgressTimeout = 15.0;
+    double leaveAfterFailureDelay = 8.0;
 
     // --- player core ---
     void setURLS(std::vector<std::string> urls);
@@ -99,6 +108,8 @@ class PlayerController : public ObservableObject,
     static std::string formatTime(double seconds);
     void cleanup();
     void playerDidFinishPlaying();
+    // Shows the failure and arms the way out; once per item.
+    void playbackDidFail(const std::string& reason);
 
     // --- controls and presentation ---
     void toggleControls();
@@ -123,6 +134,14 @@ class PlayerController : public ObservableObject,
     void onPlaylistSelected(const Playlist& playlist);
     void triggerMidRollAd(double cue);
     void resumeAfterMidRollAd();
+    // The host's ad-finished signal, after the tracker has counted the ad. A host
+    // may answer inside the request's callback, before the screen has closed; the
+    // resume then waits for the close, or the late teardown would undo it.
+    void adCompleted();
+    bool isClosingForAd() const { return adClosingSteps_ > 0; }
+    // Moves to `index` and loads `urlString`, unless loadVideo would refuse the
+    // address: then only the refusal is logged and the position does not move.
+    bool moveAndLoad(int index, const std::string& urlString);
 
     const Platform& platform() const { return platform_; }
 
@@ -131,15 +150,27 @@ class PlayerController : public ObservableObject,
     void onClockTick(double t);
     void onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus);
     bool adAllowedByTracker() const;
-    // Loads urls[index], or logs and ignores an index outside the list.
+    // Moves to `index` and loads urls[index]; an index outside the list or a refused
+    // address is logged and leaves the position where it was.
     bool loadURLAt(int index, std::string_view caller);
+    void armNoProgressWatch();
+    void cancelFailureTimers();
+
+    void resumeAfterAdCompleted();
+    void adClosingStepDone();
 
     Platform platform_;
+    // Teardown and dismissal steps of the ad close still to come, and whether an
+    // early acknowledgement waits for them.
+    int adClosingSteps_ = 0;
+    bool resumeWhenClosed_ = false;
     // Nesting depth of loadVideo: play() inside a load must not start another load.
     int loadDepth_ = 0;
     // Bumped by cleanup() so callbacks hopping onto the queue for an earlier item
     // are dropped.
     uint64_t itemGeneration_ = 0;
+    // The address last loaded, which a retry after a failure loads again.
+    std::string loadedURL_;
 };
 
 }  // namespace kavelin

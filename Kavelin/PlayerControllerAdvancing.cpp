@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "Kavelin/Extentions/NumberFormatting.h"
+#include "Kavelin/Extentions/URLString.h"
 #include "Kavelin/PlayerController.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/log/VPLogger.h"
@@ -57,11 +58,9 @@ void PlayerController::playNextVideo(int index) {
                           std::to_string(playlist->videos.size()) + " videos); ignored");
         return;
     }
-    currentIndex = next;
     const Video video = playlist->videos[static_cast<size_t>(next)];
     VPLogger::log("▶️ Playing next video at index: " + std::to_string(next));
-    loadVideo(video.url);
-    playlist->videoStarted(video.id);
+    if (moveAndLoad(next, video.url)) playlist->videoStarted(video.id);
 }
 
 void PlayerController::playNextPlaylist() {
@@ -70,6 +69,10 @@ void PlayerController::playNextPlaylist() {
     // The catalogue is a ring: after the last playlist comes the first.
     const Playlist chosen = playlist->nextPlaylist.get() ? *playlist->nextPlaylist.get()
                                                          : playlist->currentPlaylist.get();
+    if (!chosen.videos.empty() && !playerAddress(chosen.videos[0].url)) {
+        loadVideo(chosen.videos[0].url);  // refused: stay on the playlist we are in
+        return;
+    }
     playlist->currentPlaylist = chosen;
     playlist->setNextPlaylist();
     playlist->videos = chosen.videos;
@@ -90,9 +93,8 @@ void PlayerController::playNextPlaylist() {
 
 void PlayerController::nextVideo() {
     if (currentIndex < static_cast<int>(urls.size()) - 1) {
-        currentIndex = currentIndex + 1;
         autoHideControls();
-        loadURLAt(currentIndex, "nextVideo");
+        loadURLAt(currentIndex + 1, "nextVideo");
     } else {
         disbleForwardButton = true;
     }
@@ -103,9 +105,8 @@ void PlayerController::prevVideo() {
         disableBackButton = true;
         return;
     }
-    currentIndex = currentIndex - 1;
     autoHideControls();
-    loadURLAt(currentIndex, "prevVideo");
+    loadURLAt(currentIndex - 1, "prevVideo");
 }
 
 void PlayerController::playApprovedVideo() {
@@ -126,8 +127,7 @@ void PlayerController::onVideoSelected(const Video& video) {
     showLoadingUI(true);
     std::optional<int> index;
     if (auto playlist = playlistController.lock()) index = indexOfVideo(playlist->videos, video.id);
-    currentIndex = index.value_or(0);
-    loadVideo(video.url);
+    moveAndLoad(index.value_or(0), video.url);
 }
 
 void PlayerController::onPlaylistSelected(const Playlist& selected) {
@@ -138,6 +138,20 @@ void PlayerController::onPlaylistSelected(const Playlist& selected) {
         showLoadingUI(false);
         VPLogger::error("PlaylistController not initialized");
         return;
+    }
+    // The video the selection would start at; a refused address keeps the
+    // playlist that is on screen.
+    const auto& watched = playlist->completedVideosByPlaylist.get();
+    const auto watchedHere = watched.find(selected.id);
+    const auto start = std::find_if(selected.videos.begin(), selected.videos.end(), [&](auto& v) {
+        return watchedHere == watched.end() || !watchedHere->second.contains(v.id);
+    });
+    if (!selected.videos.empty()) {
+        const auto& first = start != selected.videos.end() ? *start : selected.videos.front();
+        if (!playerAddress(first.url)) {
+            loadVideo(first.url);
+            return;
+        }
     }
     playlist->userSelectedPlaylist(selected);
     VPLogger::log("playlist: " + selected.id);
@@ -177,6 +191,45 @@ void PlayerController::triggerMidRollAd(double cue) {
         self->resumeAfterMidRollAd();
     });
     platform_.queue->asyncAfter(midRollConfig.adTimeoutSeconds, midRollFallbackWorkItem);
+}
+
+void PlayerController::adCompleted() {
+    if (isClosingForAd()) {
+        if (!resumeWhenClosed_)
+            VPLogger::log("⏳ Ad completed before the player screen closed; resuming once it has");
+        resumeWhenClosed_ = true;
+        return;
+    }
+    resumeAfterAdCompleted();
+}
+
+void PlayerController::adClosingStepDone() {
+    if (adClosingSteps_ > 0) --adClosingSteps_;
+    if (isClosingForAd() || !resumeWhenClosed_) return;
+    resumeWhenClosed_ = false;
+    resumeAfterAdCompleted();
+}
+
+void PlayerController::resumeAfterAdCompleted() {
+    const auto keepAlive = shared_from_this();  // loading reaches host code
+    if (midRollCuePointState.isShowingAd) {
+        resumeAfterMidRollAd();
+        loadURLAt(currentIndex, "AdCompletedResumePlayback");
+        return;
+    }
+    shouldWaitForAd = false;
+    if (pendingVideo) {
+        const Video video = *std::exchange(pendingVideo, std::nullopt);
+        std::optional<int> index;
+        if (auto playlist = playlistController.lock())
+            index = indexOfVideo(playlist->videos, video.id);
+        moveAndLoad(index.value_or(0), video.url);
+    } else if (pendingNextIndex) {
+        const int index = *std::exchange(pendingNextIndex, std::nullopt);
+        playNextVideo(index);
+    } else {
+        play();
+    }
 }
 
 void PlayerController::resumeAfterMidRollAd() {

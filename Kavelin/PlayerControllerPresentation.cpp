@@ -84,14 +84,22 @@ void PlayerController::presentVideoPlayer() {
 
 void PlayerController::switchScreenBack_and_forth() {
     std::weak_ptr<PlayerController> weak = weak_from_this();
+    ++adClosingSteps_;
     platform_.queue->asyncAfter(kTeardownDelay, [weak] {
-        if (auto self = weak.lock()) self->cleanup();
+        if (auto self = weak.lock()) {
+            self->cleanup();
+            self->adClosingStepDone();
+        }
     });
     if (!hostingController) return;
-    auto done = [weak] {
+    ++adClosingSteps_;
+    auto done = [weak, screen = std::weak_ptr<HostingController>(hostingController)] {
         VPLogger::log("View Dismissed — waiting for ad");
         sendUnityMessage("OnViewDismissed", "ad_required");
-        if (auto self = weak.lock()) self->hostingController = nullptr;
+        auto self = weak.lock();
+        if (!self) return;
+        if (self->hostingController == screen.lock()) self->hostingController = nullptr;
+        self->adClosingStepDone();
     };
     if (platform_.presenter)
         platform_.presenter->dismiss(hostingController, true, done);

@@ -195,10 +195,12 @@ void cleanup(void) {
 
 void setURLS(const char** urls, int32_t count) {
     if (count < 0) {
-        // The host broke the contract; continuing would read outside its array.
-        std::fputs("Fatal error: Range requires lowerBound <= upperBound\n", stderr);
-        std::fflush(stderr);
-        std::abort();
+        // Reading on would leave the host's array; closing the game would be worse.
+        onMainQueue("setURLS", [&] {
+            VPLogger::error("❌ setURLS called with a negative count (" + std::to_string(count) +
+                            "); ignored, the play order is unchanged");
+        });
+        return;
     }
     auto list = urlsFromHost(urls, count);
     onMainQueue("setURLS", [&] { serviceCreatingIfNeeded().setURLS(std::move(list)); });

@@ -1,10 +1,25 @@
 #include "Kavelin/VideoPlayerService.h"
 
 #include <algorithm>
+#include <unordered_map>
 
+#include "Kavelin/Extentions/UTF8Repair.h"
 #include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {
+namespace {
+
+// One stray byte in one title must not cost the whole catalogue: the JSON parser
+// refuses ill-formed UTF-8, so it is repaired first, with one warning line.
+std::string repairedDocument(std::string_view json, const char* what) {
+    std::string text(json);
+    if (size_t n = repairUTF8(text))
+        VPLogger::warning("⚠️ Ill-formed UTF-8 in the " + std::string(what) + ": " +
+                          std::to_string(n) + " sequence(s) replaced with U+FFFD");
+    return text;
+}
+
+}  // namespace
 
 VideoPlayerService::VideoPlayerService(const Platform& platform)
     : adSessionTracker(std::make_shared<AdSessionTracker>(platform.wallClock)),
@@ -104,7 +119,8 @@ void VideoPlayerService::setShowTimeDuration(bool show) {
 
 void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
     try {
-        playlistsResponse_ = decodePlaylistResponses(jsonString);
+        playlistsResponse_ =
+            decodePlaylistResponses(repairedDocument(jsonString, "playlists JSON"));
     } catch (const DecodingError& e) {
         VPLogger::error(std::string("❌ Failed to decode playlists: ") + e.what());
         return;
@@ -115,7 +131,7 @@ void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
 
 void VideoPlayerService::setEpisodesFromUnity(std::string_view jsonString) {
     try {
-        episodesResponse_ = decodeEpisodeResponses(jsonString);
+        episodesResponse_ = decodeEpisodeResponses(repairedDocument(jsonString, "episodes JSON"));
     } catch (const DecodingError& e) {
         VPLogger::error(std::string("❌ Failed to decode episodes: ") + e.what());
         return;
@@ -141,12 +157,18 @@ void VideoPlayerService::mergeIfReady() {
 std::vector<Playlist> VideoPlayerService::mapToPlaylists(
     const std::vector<EpisodeResponse>& episodesResponse,
     const std::vector<PlaylistResponse>& playlistsResponse) {
+    // Indexed once so a large catalogue merges in linear time; the first group with
+    // an id wins, as a front-to-back search would find it.
+    std::unordered_map<std::string_view, const EpisodeResponse*> groups;
+    groups.reserve(episodesResponse.size());
+    for (const auto& e : episodesResponse) groups.try_emplace(e.id, &e);
+
     std::vector<Playlist> result;
     result.reserve(playlistsResponse.size());
     for (const auto& response : playlistsResponse) {
-        auto group = std::find_if(episodesResponse.begin(), episodesResponse.end(),
-                                  [&](const EpisodeResponse& e) { return e.id == response.id; });
-        if (group == episodesResponse.end()) {
+        auto found = groups.find(response.id);
+        const EpisodeResponse* group = found == groups.end() ? nullptr : found->second;
+        if (!group) {
             VPLogger::warning("No episodes found for playlistId: " + response.id);
             continue;
         }
@@ -197,7 +219,7 @@ void VideoPlayerService::setPremium(bool isPremium) {
 void VideoPlayerService::setMidRollAdConfig(std::string_view jsonString) {
     MidRollAdConfig config;
     try {
-        config = MidRollAdConfig::decode(jsonString);
+        config = MidRollAdConfig::decode(repairedDocument(jsonString, "mid-roll config"));
     } catch (const DecodingError& e) {
         VPLogger::warning(std::string("⚠️ Failed to decode mid-roll config: ") + e.what());
         return;
@@ -214,38 +236,7 @@ void VideoPlayerService::AdCompletedResumePlayback() {
     adSessionTracker->recordAdShown();
     VPLogger::log("🎯 Ad completed, resuming playback");
 
-    if (controller->midRollCuePointState.isShowingAd) {
-        controller->resumeAfterMidRollAd();
-        const auto& urls = controller->getURLs();
-        const int index = controller->currentIndex;
-        if (index < 0 || static_cast<size_t>(index) >= urls.size()) {
-            VPLogger::warning("⚠️ No video at index " + std::to_string(index) + " to resume");
-            return;
-        }
-        controller->loadVideo(urls[static_cast<size_t>(index)]);
-        return;
-    }
-
-    controller->shouldWaitForAd = false;
-    if (controller->pendingVideo) {
-        const Video video = *controller->pendingVideo;
-        int index = 0;
-        if (playlistController) {
-            const auto& videos = playlistController->videos;
-            auto it = std::find_if(videos.begin(), videos.end(),
-                                   [&](const Video& v) { return v.id == video.id; });
-            if (it != videos.end()) index = static_cast<int>(it - videos.begin());
-        }
-        controller->currentIndex = index;
-        controller->loadVideo(video.url);
-        controller->pendingVideo.reset();
-    } else if (controller->pendingNextIndex) {
-        const int index = *controller->pendingNextIndex;
-        controller->playNext(index);
-        controller->pendingNextIndex.reset();
-    } else {
-        controller->play();
-    }
+    controller->adCompleted();
 }
 
 }  // namespace kavelin

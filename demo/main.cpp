@@ -2,6 +2,7 @@
 // the library with dlopen, registers an event callback, sends a catalogue, a tier
 // and a mid-roll policy, plays a playlist as a free viewer, and "shows" every ad it
 // is asked for by waiting two seconds before reporting it done.
+#include <Kavelin/Kavelin.h>
 #include <dlfcn.h>
 
 #include <atomic>
@@ -17,8 +18,6 @@
 
 namespace {
 
-using Callback = void (*)(const char*);
-
 struct Library {
     void* handle = nullptr;
     template <typename F>
@@ -31,6 +30,9 @@ struct Library {
         return reinterpret_cast<F>(sym);
     }
 };
+
+// Looks an entry point up with the type the public header declares for it.
+#define KAVELIN_ENTRY(lib, name) (lib).get<decltype(&::name)>(#name)
 
 // Events arrive on the library's thread; ads are "shown" on the demo's own thread
 // so the library is never blocked by the host.
@@ -124,14 +126,14 @@ int main(int argc, char** argv) {
     std::printf("[demo] loaded %s (version %s)\n", libPath,
                 lib.get<const char*>("KavelinVersionString"));
 
-    lib.get<void (*)(Callback)>("registerUnityCallback")(onEvent);
-    lib.get<void (*)(const char*)>("SetPlaylists")(playlistsDocument().c_str());
-    lib.get<void (*)(const char*)>("SetEpisodes")(episodesDocument().c_str());
-    lib.get<void (*)(bool)>("SetPremium")(false);
-    lib.get<void (*)(const char*)>("SetMidRollAdConfig")(kPolicy);
-    lib.get<void (*)(const char*)>("PlayPlaylist")("demo-1");
+    KAVELIN_ENTRY(lib, registerUnityCallback)(onEvent);
+    KAVELIN_ENTRY(lib, SetPlaylists)(playlistsDocument().c_str());
+    KAVELIN_ENTRY(lib, SetEpisodes)(episodesDocument().c_str());
+    KAVELIN_ENTRY(lib, SetPremium)(false);
+    KAVELIN_ENTRY(lib, SetMidRollAdConfig)(kPolicy);
+    KAVELIN_ENTRY(lib, PlayPlaylist)("demo-1");
 
-    auto adCompleted = lib.get<void (*)()>("AdCompletedResumePlayback");
+    auto adCompleted = KAVELIN_ENTRY(lib, AdCompletedResumePlayback);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     std::unique_lock lock(gMutex);
     while (!gClosed && std::chrono::steady_clock::now() < deadline) {
@@ -148,7 +150,7 @@ int main(int argc, char** argv) {
         lock.lock();
     }
     lock.unlock();
-    lib.get<void (*)()>("cleanup")();
+    KAVELIN_ENTRY(lib, cleanup)();
     std::printf("[demo] done\n");
     return 0;
 }

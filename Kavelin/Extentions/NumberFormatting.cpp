@@ -1,8 +1,8 @@
 #include "Kavelin/Extentions/NumberFormatting.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <ctime>
 
 namespace kavelin {
@@ -26,14 +26,26 @@ std::string doubleDescription(double value) {
 }
 
 std::string formatDouble(const char* format, double value) {
-    char small[64];
-    int n = std::snprintf(small, sizeof small, format, value);
-    if (n < 0) return {};
-    if (static_cast<size_t>(n) < sizeof small) return std::string(small, static_cast<size_t>(n));
-    std::string out(static_cast<size_t>(n) + 1, '\0');
-    std::snprintf(out.data(), out.size(), format, value);
-    out.resize(static_cast<size_t>(n));
-    return out;
+    // Only "%.<digits>f" is supported; anything else falls back to one decimal.
+    int precision = 1;
+    if (format && format[0] == '%' && format[1] == '.') {
+        int parsed = 0;
+        const char* p = format + 2;
+        bool digits = false;
+        while (*p >= '0' && *p <= '9' && parsed < 60) {
+            parsed = parsed * 10 + (*p++ - '0');
+            digits = true;
+        }
+        if (digits && p[0] == 'f' && p[1] == '\0') precision = std::min(parsed, 60);
+    }
+    if (std::isnan(value)) return std::signbit(value) ? "-nan" : "nan";
+    if (std::isinf(value)) return value < 0 ? "-inf" : "inf";
+    // to_chars never consults the C locale, so a host's LC_NUMERIC cannot turn
+    // "95.0" into "95,0". 1e308 with 60 decimals fits.
+    char buf[512];
+    auto [end, ec] =
+        std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed, precision);
+    return ec == std::errc() ? std::string(buf, end) : std::string();
 }
 
 std::string utcDescription(std::chrono::system_clock::time_point time) {

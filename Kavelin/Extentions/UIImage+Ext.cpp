@@ -94,6 +94,104 @@ std::optional<Image> decodeImage(std::string_view bytes, int svgWidth, int svgHe
     return image;
 }
 
+namespace {
+
+uint32_t bigEndian(std::string_view b, size_t at, size_t n) {
+    uint32_t v = 0;
+    for (size_t i = 0; i < n; ++i) v = (v << 8) | static_cast<uint8_t>(b[at + i]);
+    return v;
+}
+
+uint32_t littleEndian(std::string_view b, size_t at, size_t n) {
+    uint32_t v = 0;
+    for (size_t i = n; i-- > 0;) v = (v << 8) | static_cast<uint8_t>(b[at + i]);
+    return v;
+}
+
+std::optional<PixelSize> jpegPixelSize(std::string_view b) {
+    size_t i = 2;
+    while (i + 4 <= b.size()) {
+        if (static_cast<uint8_t>(b[i]) != 0xFF) return std::nullopt;
+        const uint8_t marker = static_cast<uint8_t>(b[i + 1]);
+        if (marker == 0xFF) {  // fill byte
+            ++i;
+            continue;
+        }
+        if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) {  // no length
+            i += 2;
+            continue;
+        }
+        const uint32_t length = bigEndian(b, i + 2, 2);
+        const bool frame =
+            marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
+        if (frame) {
+            if (i + 9 > b.size()) return std::nullopt;
+            return PixelSize{bigEndian(b, i + 7, 2), bigEndian(b, i + 5, 2)};
+        }
+        if (length < 2) return std::nullopt;
+        i += 2 + length;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<PixelSize> imagePixelSize(std::string_view b) {
+    auto has = [&](size_t at, std::string_view tag) {
+        return b.size() >= at + tag.size() && b.substr(at, tag.size()) == tag;
+    };
+    if (has(0, "\x89PNG\r\n\x1a\n") && has(12, "IHDR") && b.size() >= 24)
+        return PixelSize{bigEndian(b, 16, 4), bigEndian(b, 20, 4)};
+    if ((has(0, "GIF87a") || has(0, "GIF89a")) && b.size() >= 10)
+        return PixelSize{littleEndian(b, 6, 2), littleEndian(b, 8, 2)};
+    if (has(0, "BM") && b.size() >= 26) {
+        const auto height = static_cast<int32_t>(littleEndian(b, 22, 4));
+        return PixelSize{static_cast<int32_t>(littleEndian(b, 18, 4)),
+                         height < 0 ? -static_cast<int64_t>(height) : height};
+    }
+    if (has(0, "\xFF\xD8")) return jpegPixelSize(b);
+    if (has(0, "RIFF") && has(8, "WEBP")) {
+        if (has(12, "VP8 ") && b.size() >= 30)
+            return PixelSize{littleEndian(b, 26, 2) & 0x3FFF, littleEndian(b, 28, 2) & 0x3FFF};
+        if (has(12, "VP8L") && b.size() >= 25) {
+            const uint32_t bits = littleEndian(b, 21, 4);
+            return PixelSize{(bits & 0x3FFF) + 1, ((bits >> 14) & 0x3FFF) + 1};
+        }
+        if (has(12, "VP8X") && b.size() >= 30)
+            return PixelSize{littleEndian(b, 24, 3) + 1, littleEndian(b, 27, 3) + 1};
+    }
+    return std::nullopt;
+}
+
+bool isSVG(std::string_view bytes) {
+    if (bytes.empty()) return false;
+    SDL_RWops* rw = SDL_RWFromConstMem(bytes.data(), static_cast<int>(bytes.size()));
+    if (!rw) return false;
+    const bool svg = IMG_isSVG(rw) != 0;
+    SDL_RWclose(rw);
+    return svg;
+}
+
+std::optional<Image> decodeBoundedImage(std::string_view bytes, int64_t maxPixels, int maxSide,
+                                        int svgSide) {
+    if (bytes.empty() || bytes.size() > static_cast<size_t>(INT32_MAX)) return std::nullopt;
+    if (isSVG(bytes)) {
+        // One side is pinned to the bound and the other follows the drawing.
+        SDL_RWops* rw = SDL_RWFromConstMem(bytes.data(), static_cast<int>(bytes.size()));
+        if (!rw) return std::nullopt;
+        auto image = fromSurface(IMG_LoadSizedSVG_RW(rw, svgSide, svgSide));
+        SDL_RWclose(rw);
+        if (image && static_cast<int64_t>(image->width) * image->height > maxPixels)
+            return std::nullopt;
+        return image;
+    }
+    auto size = imagePixelSize(bytes);
+    if (!size || size->width <= 0 || size->height <= 0 || size->width > maxSide ||
+        size->height > maxSide || size->width * size->height > maxPixels)
+        return std::nullopt;
+    return decodeImage(bytes);
+}
+
 std::shared_ptr<const Image> assetImage(const std::string& name, int pixelWidth, int pixelHeight) {
     using Cache = std::map<std::tuple<std::string, int, int>, std::shared_ptr<const Image>>;
     static Immortal<std::mutex> mutex;

@@ -211,18 +211,20 @@ std::vector<Playlist>& playlists() {
 
 namespace {
 
-std::string stringMember(const json& object, const Where& where, std::string_view key) {
-    return readString(requiredMember(object, where, key), member(where, key));
+// The decoders read a document that is thrown away afterwards, so its strings are
+// moved out rather than copied.
+std::string stringMember(json& object, const Where& where, std::string_view key) {
+    return takeString(requiredMember(object, where, key), member(where, key));
 }
 
-std::optional<std::string> optionalStringMember(const json& object, const Where& where,
+std::optional<std::string> optionalStringMember(json& object, const Where& where,
                                                 std::string_view key) {
-    const json* value = optionalMember(object, key);
+    json* value = optionalMember(object, key);
     if (!value) return std::nullopt;
-    return readString(*value, member(where, key));
+    return takeString(*value, member(where, key));
 }
 
-Video videoAt(const json& value, const Where& where) {
+Video videoAt(json& value, const Where& where) {
     requireObject(value, where);
     // One key at a time: which missing key is reported must not depend on evaluation order.
     Video video;
@@ -236,7 +238,7 @@ Video videoAt(const json& value, const Where& where) {
     return video;
 }
 
-Playlist playlistAt(const json& value, const Where& where) {
+Playlist playlistAt(json& value, const Where& where) {
     requireObject(value, where);
     Playlist playlist;
     playlist.id = stringMember(value, where, "id");
@@ -248,7 +250,7 @@ Playlist playlistAt(const json& value, const Where& where) {
     return playlist;
 }
 
-PlaylistResponse playlistResponseAt(const json& value, const Where& where) {
+PlaylistResponse playlistResponseAt(json& value, const Where& where) {
     requireObject(value, where);
     PlaylistResponse response;
     response.id = stringMember(value, where, "id");
@@ -257,7 +259,7 @@ PlaylistResponse playlistResponseAt(const json& value, const Where& where) {
     return response;
 }
 
-Episode episodeAt(const json& value, const Where& where) {
+Episode episodeAt(json& value, const Where& where) {
     requireObject(value, where);
     Episode episode;
     episode.index = stringMember(value, where, "index");
@@ -270,7 +272,7 @@ Episode episodeAt(const json& value, const Where& where) {
     return episode;
 }
 
-EpisodeResponse episodeResponseAt(const json& value, const Where& where) {
+EpisodeResponse episodeResponseAt(json& value, const Where& where) {
     requireObject(value, where);
     EpisodeResponse response;
     response.id = stringMember(value, where, "id");
@@ -279,30 +281,39 @@ EpisodeResponse episodeResponseAt(const json& value, const Where& where) {
     return response;
 }
 
+// The single-record decoders leave the caller's document intact.
+template <typename T>
+T fromCopy(const json& value, T (*read)(json&, const Where&)) {
+    json copy = value;
+    return read(copy, topLevel());
+}
+
 }  // namespace
 
 Video decodeVideo(const json& value) {
-    return videoAt(value, topLevel());
+    return fromCopy(value, videoAt);
 }
 Playlist decodePlaylist(const json& value) {
-    return playlistAt(value, topLevel());
+    return fromCopy(value, playlistAt);
 }
 PlaylistResponse decodePlaylistResponse(const json& value) {
-    return playlistResponseAt(value, topLevel());
+    return fromCopy(value, playlistResponseAt);
 }
 Episode decodeEpisode(const json& value) {
-    return episodeAt(value, topLevel());
+    return fromCopy(value, episodeAt);
 }
 EpisodeResponse decodeEpisodeResponse(const json& value) {
-    return episodeResponseAt(value, topLevel());
+    return fromCopy(value, episodeResponseAt);
 }
 
 std::vector<PlaylistResponse> decodePlaylistResponses(std::string_view utf8) {
-    return readArray<PlaylistResponse>(parse(utf8), topLevel(), playlistResponseAt);
+    json document = parse(utf8);
+    return readArray<PlaylistResponse>(document, topLevel(), playlistResponseAt);
 }
 
 std::vector<EpisodeResponse> decodeEpisodeResponses(std::string_view utf8) {
-    return readArray<EpisodeResponse>(parse(utf8), topLevel(), episodeResponseAt);
+    json document = parse(utf8);
+    return readArray<EpisodeResponse>(document, topLevel(), episodeResponseAt);
 }
 
 // MARK: - Encoding

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
 
 namespace kavelin::json_decoding {
 namespace {
@@ -30,7 +31,8 @@ std::string quoted(std::string_view key) {
 }
 
 std::string located(const Where& object) {
-    return object.path.empty() ? std::string() : " at " + object.path;
+    std::string path = object.path();
+    return path.empty() ? std::string() : " at " + path;
 }
 
 }  // namespace
@@ -65,27 +67,52 @@ std::string_view typeName(const json& value) {
 }
 
 Where topLevel() {
-    return {"", "top level"};
+    return {nullptr, Where::Kind::top, {}, 0};
 }
 
 Where member(const Where& object, std::string_view key) {
-    std::string path =
-        object.path.empty() ? std::string(key) : object.path + "." + std::string(key);
-    return {std::move(path), "key " + quoted(key) + located(object)};
+    return {&object, Where::Kind::member, key, 0};
 }
 
 Where element(const Where& array, size_t index) {
-    std::string path = array.path + "[" + std::to_string(index) + "]";
-    std::string name = "value at " + path;
-    return {std::move(path), std::move(name)};
+    return {&array, Where::Kind::element, {}, index};
 }
 
 Where entry(const Where& object, std::string_view key) {
-    return {object.path + "[" + quoted(key) + "]", "key " + quoted(key) + located(object)};
+    return {&object, Where::Kind::entry, key, 0};
+}
+
+std::string Where::path() const {
+    switch (kind_) {
+        case Kind::top:
+            return {};
+        case Kind::member: {
+            std::string parent = parent_->path();
+            return parent.empty() ? std::string(key_) : parent + "." + std::string(key_);
+        }
+        case Kind::element:
+            return parent_->path() + "[" + std::to_string(index_) + "]";
+        case Kind::entry:
+            return parent_->path() + "[" + quoted(key_) + "]";
+    }
+    return {};
+}
+
+std::string Where::name() const {
+    switch (kind_) {
+        case Kind::top:
+            return "top level";
+        case Kind::element:
+            return "value at " + path();
+        case Kind::member:
+        case Kind::entry:
+            return "key " + quoted(key_) + located(*parent_);
+    }
+    return {};
 }
 
 void fail(const Where& where, std::string_view problem) {
-    throw DecodingError(where.name + ": " + std::string(problem));
+    throw DecodingError(where.name() + ": " + std::string(problem));
 }
 
 void typeMismatch(const Where& where, std::string_view expected, const json& found) {
@@ -103,6 +130,11 @@ void requireArray(const json& value, const Where& where) {
 std::string readString(const json& value, const Where& where) {
     if (!value.is_string()) typeMismatch(where, "a string", value);
     return value.get<std::string>();
+}
+
+std::string takeString(json& value, const Where& where) {
+    if (!value.is_string()) typeMismatch(where, "a string", value);
+    return std::move(value.get_ref<std::string&>());
 }
 
 bool readBool(const json& value, const Where& where) {
@@ -145,10 +177,18 @@ const json& requiredMember(const json& object, const Where& where, std::string_v
     return *it;
 }
 
+json& requiredMember(json& object, const Where& where, std::string_view key) {
+    return const_cast<json&>(requiredMember(std::as_const(object), where, key));
+}
+
 const json* optionalMember(const json& object, std::string_view key) {
     auto it = object.find(key);
     if (it == object.end() || it->is_null()) return nullptr;
     return &*it;
+}
+
+json* optionalMember(json& object, std::string_view key) {
+    return const_cast<json*>(optionalMember(std::as_const(object), key));
 }
 
 }  // namespace kavelin::json_decoding

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 
 #include "Kavelin/Extentions/NumberFormatting.h"
 #include "Kavelin/log/VPLogger.h"
@@ -11,17 +9,8 @@
 namespace kavelin {
 namespace {
 
-// A negative break count in an override is a broken configuration, not a
-// tolerated one: stop like any negative-length prefix would.
-[[noreturn]] void negativePrefix() {
-    std::fputs("Fatal error: Can't take a prefix of negative length from a collection\n", stderr);
-    std::fflush(stderr);
-    std::abort();
-}
-
 std::vector<double> prefix(const std::vector<double>& values, int64_t count) {
-    if (count < 0) negativePrefix();
-    auto n = std::min(values.size(), static_cast<size_t>(count));
+    auto n = std::min(values.size(), static_cast<size_t>(std::max<int64_t>(count, 0)));
     return {values.begin(), values.begin() + static_cast<std::ptrdiff_t>(n)};
 }
 
@@ -74,7 +63,13 @@ void MidRollCuePointState::computeCuePoints(double duration,
 
     if (videoId && config.videoOverrides) {
         auto found = config.videoOverrides->find(*videoId);
-        if (found != config.videoOverrides->end()) {
+        if (found != config.videoOverrides->end() && found->second.maxBreaks &&
+            *found->second.maxBreaks < 0) {
+            // A remote configuration typo must not close the game: plan this video
+            // as if it had no override.
+            VPLogger::error("❌ Mid-roll override for " + *videoId + " has a negative maxBreaks (" +
+                            std::to_string(*found->second.maxBreaks) + "); override skipped");
+        } else if (found != config.videoOverrides->end()) {
             const auto& o = found->second;
             auto count = o.maxBreaks.value_or(static_cast<int64_t>(o.cuePointSeconds.size()));
             auto timestamps =

@@ -59,6 +59,13 @@ class MediaPlayer {
     // Bound to the item that was current at registration.
     virtual ObserverId addEndOfItemObserver(std::function<void()> observer) = 0;
     virtual void removeEndOfItemObserver(ObserverId id) = 0;
+
+    // The current item cannot play: it failed to open or broke off while playing.
+    // Heard once per item, with a short cause; an observer added after the failure
+    // hears it too. Bound to the item that was current at registration.
+    virtual ObserverId addFailureObserver(
+        std::function<void(const std::string& reason)> observer) = 0;
+    virtual void removeFailureObserver(ObserverId id) = 0;
 };
 
 // The controller drops its player when the viewer leaves and makes a new one on

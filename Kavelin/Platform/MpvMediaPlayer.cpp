@@ -3,14 +3,17 @@
 #include <mpv/client.h>
 
 #include <atomic>
+#include <clocale>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <map>
 #include <vector>
 
+#include "Kavelin/Extentions/NumberFormatting.h"
 #include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {
@@ -70,6 +73,18 @@ std::string availableAudioOutputs() {
     return list + "null";
 }
 
+// libmpv refuses to start under any numeric locale but "C" (it parses and prints
+// numbers with the C library), and the setting is process-wide, so a host that
+// adopted its user's locale would get no video at all.
+void useCNumericLocale() {
+    const char* current = std::setlocale(LC_NUMERIC, nullptr);
+    if (current && std::strcmp(current, "C") == 0) return;
+    const std::string previous = current ? current : "(unknown)";
+    if (!std::setlocale(LC_NUMERIC, "C")) return;
+    VPLogger::warning("⚠️ LC_NUMERIC was \"" + previous +
+                      "\"; set to \"C\" for the whole process, as libmpv requires");
+}
+
 }  // namespace
 
 MpvMediaPlayer::Options MpvMediaPlayer::Options::fromEnvironment() {
@@ -118,6 +133,7 @@ void MpvMediaPlayer::configure(mpv_handle* handle, const Options& options) {
 class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
   public:
     Core(std::shared_ptr<MainQueue> queue, const Options& options) : queue_(std::move(queue)) {
+        useCNumericLocale();
         mpv_ = mpv_create();
         if (!mpv_) {
             VPLogger::error("❌ mpv could not be created");
@@ -168,6 +184,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         timeObservers_.clear();
         durationObservers_.clear();
         endObservers_.clear();
+        failureObservers_.clear();
         pendingSeek_.reset();
     }
 
@@ -193,6 +210,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         endReported_ = false;
         firstError_.clear();
         failureError_ = 0;
+        failure_.reset();
         timePos_ = 0;
         duration_ = kNaN;
         restartSeen_ = false;
@@ -210,6 +228,12 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
                     failed_ = true;
                     VPLogger::warning("⚠️ Failed to load " + *url +
                                       ": the address was refused");
+                    failure_ = "the address was refused";
+                    // Observers are attached after this call returns.
+                    queue_->async([weak = weak_from_this(), gen = itemGen_] {
+                        auto self = weak.lock();
+                        if (self && !self->closed_ && self->itemGen_ == gen) self->notifyFailure();
+                    });
                 }
             } else {
                 const char* cmd[] = {"stop", nullptr};
@@ -281,6 +305,23 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         return id;
     }
     void removeEndObserver(ObserverId id) { endObservers_.erase(id); }
+
+    ObserverId addFailureObserver(std::function<void(const std::string&)> f) {
+        auto id = nextId_++;
+        failureObservers_[id] = {itemGen_, std::move(f)};
+        if (failure_) {
+            queue_->async([weak = weak_from_this(), id, gen = itemGen_] {
+                auto self = weak.lock();
+                if (!self || self->closed_ || self->itemGen_ != gen || !self->failure_) return;
+                auto it = self->failureObservers_.find(id);
+                if (it == self->failureObservers_.end()) return;
+                auto cb = it->second.callback;
+                cb(*self->failure_);
+            });
+        }
+        return id;
+    }
+    void removeFailureObserver(ObserverId id) { failureObservers_.erase(id); }
 
     void seek(double seconds, double before, double after, std::function<void(bool)> completion) {
         abandonSeek();
@@ -358,6 +399,10 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
                 firstError_.empty() ? mpv_error_string(failureError_) : firstError_;
             failureError_ = 0;
             VPLogger::warning("⚠️ Failed to load " + url_ + ": " + reason);
+            failure_ = reason;
+            updateStatus();
+            notifyFailure();
+            return;
         }
         updateStatus();
     }
@@ -500,10 +545,9 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     void issueSeek() {
         auto& s = *pendingSeek_;
         s.issued = true;
-        char target[64];
-        std::snprintf(target, sizeof target, "%.6f", s.target);
-        const char* cmd[] = {"seek", target, s.exact ? "absolute+exact" : "absolute+keyframes",
-                             nullptr};
+        const std::string target = formatDouble("%.6f", s.target);
+        const char* cmd[] = {"seek", target.c_str(),
+                             s.exact ? "absolute+exact" : "absolute+keyframes", nullptr};
         if (mpv_command(mpv_, cmd) < 0) {
             abandonSeek();
             return;
@@ -567,6 +611,20 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
             if (it == endObservers_.end() || it->second.gen != gen || closed_) continue;
             auto cb = it->second.callback;
             cb();
+        }
+    }
+
+    void notifyFailure() {
+        if (!failure_) return;
+        const std::string reason = *failure_;
+        auto gen = itemGen_;
+        for (auto id : keys(failureObservers_)) {
+            auto it = failureObservers_.find(id);
+            if (it == failureObservers_.end() || it->second.gen != gen || closed_ ||
+                itemGen_ != gen)
+                continue;
+            auto cb = it->second.callback;
+            cb(reason);
         }
     }
 
@@ -643,6 +701,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     std::map<ObserverId, TimeObserver> timeObservers_;
     std::map<ObserverId, ItemObserver<std::function<void(double)>>> durationObservers_;
     std::map<ObserverId, ItemObserver<std::function<void()>>> endObservers_;
+    std::map<ObserverId, ItemObserver<std::function<void(const std::string&)>>> failureObservers_;
 
     // The current item.
     uint64_t itemGen_ = 0;
@@ -654,7 +713,8 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     bool failed_ = false;
     bool endReported_ = false;
     std::string firstError_;
-    int failureError_ = 0;  // mpv's error code of a failed load not yet logged
+    int failureError_ = 0;                // mpv's error code of a failed load not yet logged
+    std::optional<std::string> failure_;  // why the current item cannot play
     double timePos_ = 0;
     double duration_ = kNaN;
 
@@ -740,6 +800,13 @@ MediaPlayer::ObserverId MpvMediaPlayer::addEndOfItemObserver(std::function<void(
 }
 void MpvMediaPlayer::removeEndOfItemObserver(ObserverId id) {
     core_->removeEndObserver(id);
+}
+MediaPlayer::ObserverId MpvMediaPlayer::addFailureObserver(
+    std::function<void(const std::string&)> observer) {
+    return core_->addFailureObserver(std::move(observer));
+}
+void MpvMediaPlayer::removeFailureObserver(ObserverId id) {
+    core_->removeFailureObserver(id);
 }
 
 }  // namespace kavelin

@@ -79,6 +79,9 @@ class MpvMediaPlayer final : public MediaPlayer {
     ObserverId addEndOfItemObserver(std::function<void()> observer) override;
     void removeEndOfItemObserver(ObserverId id) override;
 
+    ObserverId addFailureObserver(std::function<void(const std::string&)> observer) override;
+    void removeFailureObserver(ObserverId id) override;
+
   private:
     class Core;
     std::shared_ptr<Core> core_;

@@ -1,5 +1,7 @@
 #include "Kavelin/Platform/Platform.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <mutex>
 
@@ -16,6 +18,21 @@ void shutdownAtExit() {
     Platform::shutdown();
 }
 
+// exit() runs the exiting thread's thread_local destructors before any exit handler
+// or static destructor, whoever registered it and whenever; the GL driver keeps
+// registering its own as it compiles shaders, after any hook of ours. Armed on the
+// process's main thread, where a game returns from main or calls exit, this stops
+// the library thread before anything else begins tearing down.
+struct StopAtMainThreadExit {
+    ~StopAtMainThreadExit() { Platform::shutdown(); }
+};
+
+void armMainThreadExit() {
+    if (::gettid() != ::getpid()) return;
+    static thread_local StopAtMainThreadExit sentinel;
+    (void)sentinel;
+}
+
 ThreadMainQueue* threadQueue(const Platform& platform) {
     return dynamic_cast<ThreadMainQueue*>(platform.queue.get());
 }
@@ -23,6 +40,7 @@ ThreadMainQueue* threadQueue(const Platform& platform) {
 }  // namespace
 
 Platform& Platform::current() {
+    armMainThreadExit();
     std::lock_guard lock(gMutex);
     if (!gPlatform) {
         gPlatform = new Platform(makeRealPlatform());

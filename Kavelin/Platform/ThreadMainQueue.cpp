@@ -144,6 +144,15 @@ void ThreadMainQueue::run() {
             timers_.pop();
             ready_.push_back([item] { item->perform(); });
         }
+        // Due between tasks too: a queue that never goes idle must not starve input.
+        if (idleHook_ && now >= nextIdle && !parking_ && !stopping_) {
+            auto hook = idleHook_;
+            nextIdle = now + idleInterval_;
+            lock.unlock();
+            hook();
+            lock.lock();
+            continue;
+        }
         if (!ready_.empty()) {
             auto task = std::move(ready_.front());
             ready_.pop_front();
@@ -165,14 +174,6 @@ void ThreadMainQueue::run() {
             threadId_ = std::thread::id();
             ended_.notify_all();
             return;
-        }
-        if (idleHook_ && now >= nextIdle) {
-            auto hook = idleHook_;
-            nextIdle = now + idleInterval_;
-            lock.unlock();
-            hook();
-            lock.lock();
-            continue;
         }
         auto deadline = Clock::time_point::max();
         if (!timers_.empty()) deadline = timers_.top().when;

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -80,9 +81,20 @@ class WorkerPool {
     std::deque<std::function<void()>> jobs_;
 };
 
+// Returning less than was handed over aborts the transfer.
 size_t appendBody(char* data, size_t size, size_t count, void* user) {
-    static_cast<std::string*>(user)->append(data, size * count);
+    auto* body = static_cast<std::string*>(user);
+    if (body->size() + size * count > ImageLoader::maxBytes) return 0;
+    body->append(data, size * count);
     return size * count;
+}
+
+// Everyone waiting for an address whose fetch is running.
+using Completion = std::function<void(std::shared_ptr<const Image>)>;
+std::mutex gInFlightMutex;
+std::unordered_map<std::string, std::vector<Completion>>& inFlight() {
+    static auto* waiting = new std::unordered_map<std::string, std::vector<Completion>>();
+    return *waiting;
 }
 
 bool startsWith(const std::string& s, std::string_view prefix) {
@@ -91,13 +103,17 @@ bool startsWith(const std::string& s, std::string_view prefix) {
 
 // SVG thumbnails are rasterised at their own size, keeping their proportions.
 std::shared_ptr<const Image> decodeShared(const std::string& body) {
-    auto image = decodeImage(body);
+    auto image = decodeBoundedImage(body, ImageLoader::maxPixels, ImageLoader::maxSide,
+                                    ImageLoader::svgSide);
     if (!image) return nullptr;
     return std::make_shared<const Image>(std::move(*image));
 }
 
 std::shared_ptr<const Image> fetchFile(const std::string& urlString) {
     std::string path = urlString.substr(std::string_view("file://").size());
+    std::error_code ec;
+    const auto size = std::filesystem::file_size(path, ec);
+    if (ec || size > ImageLoader::maxBytes) return nullptr;
     std::ifstream in(path, std::ios::binary);
     if (!in) return nullptr;
     std::stringstream buffer;
@@ -121,6 +137,8 @@ std::shared_ptr<const Image> fetchHttp(const std::string& urlString) {
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(gTimeout.load() * 1000));
+    curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
+                     static_cast<curl_off_t>(ImageLoader::maxBytes));
     curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
     CURLcode rc = curl_easy_perform(curl);
     long status = 0;
@@ -152,13 +170,23 @@ bool ImageLoader::isValidURL(const std::string& urlString) {
 
 void ImageLoader::fetch(const std::string& urlString,
                         std::function<void(std::shared_ptr<const Image>)> completion) {
-    WorkerPool::shared().post([urlString, completion = std::move(completion)] {
-        if (startsWith(urlString, "file://"))
-            completion(fetchFile(urlString));
-        else if (startsWith(urlString, resourceScheme))
-            completion(fetchResource(urlString));
-        else
-            completion(fetchHttp(urlString));
+    {
+        std::lock_guard lock(gInFlightMutex);
+        auto& waiting = inFlight()[urlString];
+        waiting.push_back(std::move(completion));
+        if (waiting.size() > 1) return;
+    }
+    WorkerPool::shared().post([urlString] {
+        auto image = startsWith(urlString, "file://")        ? fetchFile(urlString)
+                     : startsWith(urlString, resourceScheme) ? fetchResource(urlString)
+                                                             : fetchHttp(urlString);
+        std::vector<Completion> waiting;
+        {
+            std::lock_guard lock(gInFlightMutex);
+            auto node = inFlight().extract(urlString);
+            if (!node.empty()) waiting = std::move(node.mapped());
+        }
+        for (auto& done : waiting) done(image);
     });
 }
 

@@ -32,13 +32,21 @@ class ImageCache {
 class ImageLoader {
   public:
     static constexpr double timeoutSeconds = 15.0;
+    // A thumbnail larger than this, in bytes or in pixels, is a failure: it is
+    // cut off while downloading and never decoded.
+    static constexpr size_t maxBytes = 4 * 1024 * 1024;
+    static constexpr int64_t maxPixels = 2048 * 2048;
+    static constexpr int maxSide = 4096;
+    // SVG thumbnails are drawn to fit this square.
+    static constexpr int svgSide = 1024;
 
     // Whether `urlString` is an address the loader can fetch at all.
     static bool isValidURL(const std::string& urlString);
 
     // Fetches and decodes on a worker; `completion` gets the picture, or null on
-    // any failure (transport error, status outside 200-299, empty or undecodable
-    // body). It runs on the worker thread.
+    // any failure (transport error, status outside 200-299, empty, oversized or
+    // undecodable body). It runs on the worker thread. Requests for an address
+    // already being fetched join that fetch instead of starting another.
     static void fetch(const std::string& urlString,
                       std::function<void(std::shared_ptr<const Image>)> completion);
 

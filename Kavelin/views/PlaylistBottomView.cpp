@@ -96,7 +96,7 @@ void PlaylistBottomView::draw(Frame& frame, const Rect& r) {
     if (!appeared_ || currentID != shownVideoID_) {
         if (currentID) {
             if (auto index = indexOf(*currentID))
-                scrollTo(cardOffset(*index) - UI::horizontalPadding, frame.now(),
+                scrollTo(cardOffset(*index), frame.now(),
                          appeared_ ? UI::scrollAnimationDuration : 0, r.w);
         }
         appeared_ = true;

@@ -143,7 +143,7 @@ bool PlaylistCardView::draw(Frame& frame, ImVec2 origin) {
     auto lines = wrapText(font, title_, size_.x - 2 * padding, 2);
     float band =
         2 * padding + lineHeight(font) * static_cast<float>(std::max<size_t>(1, lines.size()));
-    Rect outer{origin.x, origin.y, size_.x, size_.y};
+    Rect outer{origin.x, origin.y + UI::verticalPadding, size_.x, size_.y};
     Geometry g = geometry(outer, std::min(band, size_.y / 2));
     bool tapped = frame.tapIn(outer);
 

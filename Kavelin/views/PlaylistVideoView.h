@@ -84,6 +84,8 @@ class PlaylistCardView {
         static constexpr float borderWidth = 3;
         static float titleFontSize(bool /*isPad*/) { return 20; }
         static float titlePadding(bool isPad) { return isPad ? 20 : 12; }
+        // The outer stack's default padding above and below the cards.
+        static constexpr float verticalPadding = 16;
     };
 
     // The three card rectangles, back to front, for a card framed at `frame`.
@@ -95,7 +97,7 @@ class PlaylistCardView {
 
     PlaylistCardView(std::string title, std::string imageURL, ImVec2 size, bool isPad);
 
-    // Draws the card with its top-left at `origin`; true when it was tapped.
+    // Draws the card padded below `origin` (top-left of its stack); true when tapped.
     bool draw(Frame& frame, ImVec2 origin);
     void setSize(ImVec2 size) { size_ = size; }
     const std::string& title() const { return title_; }

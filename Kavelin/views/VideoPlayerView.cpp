@@ -1,5 +1,6 @@
 #include "Kavelin/views/VideoPlayerView.h"
 
+#include <algorithm>
 #include <cmath>
 #include <tuple>
 
@@ -29,6 +30,7 @@ VideoPlayerView::State VideoPlayerView::State::read(const PlayerController& p, b
     s.showSeekbar = p.showSeekbar;
     s.showBackButton = p.showBackButton;
     s.showLogo = p.showLogo;
+    s.playbackFailed = p.playbackFailed;
     return s;
 }
 
@@ -349,6 +351,22 @@ void VideoPlayerView::drawControls(Frame& frame, const State& s, const Layout& l
     }
 }
 
+void VideoPlayerView::drawFailure(Frame& frame, const Rect& area) {
+    const Font title = Font::poppinsSemiBold(UI::failedTitleSize);
+    const Font hint = Font::poppinsMedium(UI::failedHintSize);
+    const ImVec2 t = title.font->CalcTextSizeA(title.size, FLT_MAX, 0, UI::failedTitle);
+    const ImVec2 h = hint.font->CalcTextSizeA(hint.size, FLT_MAX, 0, UI::failedHint);
+    const float pad = UI::failedPadding;
+    const float w = std::max(t.x, h.x) + 2 * pad;
+    const float height = t.y + h.y + 3 * pad;
+    // Between the top bar and the centre row on small screens: above the middle.
+    const Rect box{area.midX() - w / 2, area.midY() - height - pad, w, height};
+    frame.fill(box, Color::black(0.7f), RoundedCorner{UI::failedCornerRadius});
+    frame.text(title, {box.midX() - t.x / 2, box.y + pad}, Color::white(), UI::failedTitle);
+    frame.text(hint, {box.midX() - h.x / 2, box.y + 2 * pad + t.y}, Color::white(0.8f),
+               UI::failedHint);
+}
+
 void VideoPlayerView::draw(Frame& frame, const Rect& screen) {
     if (!appeared_) {
         appeared_ = true;
@@ -409,8 +427,11 @@ void VideoPlayerView::draw(Frame& frame, const Rect& screen) {
     }
 
     list->ChannelsSetCurrent(2);
-    ActivityIndicator{s.showLoading, ActivityIndicator::Style::large}.draw(
-        frame, {layout_.videoArea.midX(), layout_.videoArea.midY()});
+    if (s.playbackFailed)
+        drawFailure(frame, layout_.videoArea);
+    else
+        ActivityIndicator{s.showLoading, ActivityIndicator::Style::large}.draw(
+            frame, {layout_.videoArea.midX(), layout_.videoArea.midY()});
 
     list->ChannelsSetCurrent(0);
     frame.fill(screen, Color::black());

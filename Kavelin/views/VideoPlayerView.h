@@ -50,6 +50,13 @@ class VideoPlayerView {
         static constexpr float padLandscapeRailControlsShift = -80;
         static constexpr float landscapeRailBarInset = 180;
         static constexpr float countdownPhaseSeconds = 5;
+        // Shown instead of the spinner when the video cannot play.
+        static constexpr const char* failedTitle = "This video can't play right now";
+        static constexpr const char* failedHint = "Go back, or press play to try again";
+        static constexpr float failedTitleSize = 18;
+        static constexpr float failedHintSize = 14;
+        static constexpr float failedPadding = 16;
+        static constexpr float failedCornerRadius = 12;
     };
 
     // Everything the layout depends on, read from the controllers.
@@ -74,6 +81,7 @@ class VideoPlayerView {
         bool showSeekbar = true;
         bool showBackButton = true;
         bool showLogo = true;
+        bool playbackFailed = false;
 
         static State read(const PlayerController& player, bool isPad, bool isLandscape);
     };
@@ -141,6 +149,7 @@ class VideoPlayerView {
     State state() const;
     void perform(CentreButton button);
     void drawControls(Frame& frame, const State& s, const Layout& l);
+    static void drawFailure(Frame& frame, const Rect& videoArea);
     void later(std::function<void()> action) { pending_.push_back(std::move(action)); }
 
     std::shared_ptr<PlayerController> playerController_;

@@ -49,7 +49,9 @@ typedef void (*kavelin_event_callback)(const char* message);
 /* Registers (or with NULL clears) the event callback; answers "CallBack_registered:registered". */
 KAVELIN_EXPORT void registerUnityCallback(kavelin_event_callback callback);
 
-/* Loads and plays one stream address in the player; creates the service. Any thread. */
+/* Loads and plays one address (any URI reference: a URL, or a path taken as written)
+ * in the player; creates the service. Empty or control-character text is refused
+ * with a warning. Any thread. */
 KAVELIN_EXPORT void loadVideo(const char* urlString);
 /* Starts or resumes playback; always echoes "OnVideoPlay:Started". Any thread. */
 KAVELIN_EXPORT void play(void);
@@ -71,7 +73,8 @@ KAVELIN_EXPORT void seekTo(double value);
  * exit; the next call of any function starts a fresh thread. From inside the event
  * callback it returns at once and the thread ends when the callback returns. */
 KAVELIN_EXPORT void cleanup(void);
-/* Replaces the play order with `count` addresses (NULL entries skipped); creates the service. */
+/* Replaces the play order with `count` addresses (NULL entries skipped); creates the
+ * service. A negative count is logged as an error and ignored. */
 KAVELIN_EXPORT void setURLS(const char** urls, int32_t count);
 
 /* Presentation flags; each takes effect asynchronously on the library's main thread. */
@@ -97,7 +100,9 @@ KAVELIN_EXPORT void SetPremium(bool isPremium);
 KAVELIN_EXPORT void SetAdRequired(bool required);
 /* Sends the mid-roll ad policy (JSON); creates the service. */
 KAVELIN_EXPORT void SetMidRollAdConfig(const char* json);
-/* Reports that the ad the library asked for has ended; playback resumes. */
+/* Reports that the ad the library asked for has ended; playback resumes. May come at
+ * any moment after the request, even from inside the event callback: playback then
+ * resumes once the screen has closed ("OnViewDismissed:ad_required"). */
 KAVELIN_EXPORT void AdCompletedResumePlayback(void);
 
 #ifdef __cplusplus

@@ -90,10 +90,8 @@ static class ManagedHost
         };
         KavelinPlayer.Register();
         KavelinPlayer.SetPremium(false);
-        KavelinPlayer.SetCatalogue(new[] { new KavelinPlaylist("pl-ad", "Ads", "") },
-            new[] { new KavelinEpisodes("pl-ad", new[] {
-                new KavelinEpisode("a1", media + "/clip2s.mp4", "", "One"),
-                new KavelinEpisode("a2", media + "/clip2s-b.mp4", "", "Two") }) });
+        Catalogue("pl-ad", new KavelinEpisode("a1", media + "/clip2s.mp4", "", "One"),
+            new KavelinEpisode("a2", media + "/clip2s-b.mp4", "", "Two"));
         KavelinPlayer.PlayPlaylist("pl-ad");
         Pump(() => Log.Contains("ack") && Log[Log.Count - 1] == "VideoPlay(True)", 25);
         Expect("CallbackRegistered", "VideoPlay(True)", "VideoFinished(0)", "NextVideoAdRequired(0)",
@@ -194,8 +192,7 @@ static class ManagedHost
     {
         KavelinPlayer.Register();
         KavelinPlayer.SetPremium(true);
-        KavelinPlayer.SetCatalogue(new[] { new KavelinPlaylist("pl-exit", "Exit", "") },
-            new[] { new KavelinEpisodes("pl-exit", new[] { new KavelinEpisode("x", media + "/clip3s.mp4", "", "X") }) });
+        Catalogue("pl-exit", new KavelinEpisode("x", media + "/clip3s.mp4", "", "X"));
         KavelinPlayer.PlayPlaylist("pl-exit");
         Pump(() => Log.Contains("VideoPlay(True)"), 15);
         Expect("CallbackRegistered", "VideoPlay(True)");
@@ -217,8 +214,7 @@ static class ManagedHost
             "{\"minGapSeconds\":0,\"noAdZoneStartSeconds\":0.5,\"noAdZoneEndSeconds\":0.5}," +
             "\"durationBuckets\":[],\"videoOverrides\":{\"s1\":{\"cuePointSeconds\":[1.0]}}}");
         KavelinPlayer.SetPremium(false);
-        KavelinPlayer.SetCatalogue(new[] { new KavelinPlaylist("pl-two", "Two", "") },
-            new[] { new KavelinEpisodes("pl-two", new[] { new KavelinEpisode("s1", media + "/clip3s.mp4", "", "S") }) });
+        Catalogue("pl-two", new KavelinEpisode("s1", media + "/clip3s.mp4", "", "S"));
         for (int session = 1; session <= 2; ++session)
         {
             Log.Clear();
@@ -261,6 +257,11 @@ static class ManagedHost
         }
     }
 
+    static void Catalogue(string id, params KavelinEpisode[] episodes)
+    {
+        KavelinPlayer.SetCatalogue(new[] { new KavelinPlaylist(id, id, "") }, new[] { new KavelinEpisodes(id, episodes) });
+    }
+
     static void FeedNative(string message)
     {
         var bytes = KavelinNative.Utf8(message);
@@ -281,13 +282,7 @@ static class ManagedHost
                 }
     }
 
-    static string Last()
-    {
-        lock (Log) return Log.Count > 0 ? Log[Log.Count - 1] : "";
-    }
+    static string Last() { lock (Log) return Log.Count > 0 ? Log[Log.Count - 1] : ""; }
 
-    static void Check(bool ok, string what)
-    {
-        if (!ok) Failures.Add(what);
-    }
+    static void Check(bool ok, string what) { if (!ok) Failures.Add(what); }
 }

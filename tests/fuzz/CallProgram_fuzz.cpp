@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -26,75 +27,51 @@ void onEvent(const char* message) {
 double number(const std::string& text) {
     return std::strtod(text.c_str(), nullptr);
 }
+bool flag(const std::string& text) {
+    return text == "1" || text == "true";
+}
+
+void setURLSFrom(const std::string& arg) {
+    std::vector<std::string> parts;
+    for (size_t start = 0;;) {
+        const size_t bar = arg.find('|', start);
+        parts.push_back(arg.substr(start, bar - start));
+        if (bar == std::string::npos) break;
+        start = bar + 1;
+    }
+    std::vector<const char*> urls;
+    for (const auto& part : parts) urls.push_back(part == "NULL" ? nullptr : part.c_str());
+    setURLS(urls.data(), static_cast<int32_t>(urls.size()));
+}
+
+using Arg = const std::string&;
+// clang-format off
+#define KAVELIN_TEXT(name) {#name, [](Arg a) { name(a.c_str()); }}
+#define KAVELIN_NUMBER(name) {#name, [](Arg a) { name(number(a)); }}
+#define KAVELIN_FLAG(name) {#name, [](Arg a) { name(flag(a)); }}
+#define KAVELIN_NONE(name) {#name, [](Arg) { name(); }}
+const std::map<std::string_view, void (*)(Arg)> kCalls = {
+    {"registerUnityCallback", [](Arg a) { registerUnityCallback(a.empty() ? nullptr : onEvent); }},
+    {"pause", [](Arg) { kavelin_pause(); }},
+    {"setURLS", setURLSFrom},
+    KAVELIN_TEXT(loadVideo), KAVELIN_TEXT(SetPlaylists), KAVELIN_TEXT(SetEpisodes),
+    KAVELIN_TEXT(PlayPlaylist), KAVELIN_TEXT(SetMidRollAdConfig),
+    KAVELIN_NUMBER(seekForward), KAVELIN_NUMBER(seekBackward), KAVELIN_NUMBER(seekTo),
+    KAVELIN_NONE(play), KAVELIN_NONE(stop), KAVELIN_NONE(cleanup),
+    KAVELIN_NONE(AdCompletedResumePlayback), KAVELIN_FLAG(SetPremium), KAVELIN_FLAG(SetAdRequired),
+    KAVELIN_FLAG(setShowForwardButton), KAVELIN_FLAG(setShowBackwordButton),
+    KAVELIN_FLAG(setShowBack10Button), KAVELIN_FLAG(setShowFor10Button),
+    KAVELIN_FLAG(setShowPlayPauseButton), KAVELIN_FLAG(setShowBackButton), KAVELIN_FLAG(setShowLogo),
+    KAVELIN_FLAG(setShowSeekbar), KAVELIN_FLAG(setShowTimeDuration)};
+// clang-format on
 
 void call(std::string_view name, const std::string& arg, kavelin::testing::VirtualPlatform& p) {
-    const char* text = arg.c_str();
-    const bool flag = arg == "1" || arg == "true";
     if (name == "wait") {
         const double seconds = number(arg);
         // Long enough to finish any clip or ad time-out, short enough to stay fast.
         p.advance(std::isfinite(seconds) ? std::fmin(std::fabs(seconds), 120.0) : 1.0);
-    } else if (name == "registerUnityCallback") {
-        registerUnityCallback(arg.empty() ? nullptr : onEvent);
-    } else if (name == "loadVideo") {
-        loadVideo(text);
-    } else if (name == "play") {
-        play();
-    } else if (name == "pause") {
-        kavelin_pause();
-    } else if (name == "stop") {
-        stop();
-    } else if (name == "seekForward") {
-        seekForward(number(arg));
-    } else if (name == "seekBackward") {
-        seekBackward(number(arg));
-    } else if (name == "seekTo") {
-        seekTo(number(arg));
-    } else if (name == "cleanup") {
-        cleanup();
-    } else if (name == "setURLS") {
-        std::vector<std::string> parts;
-        for (size_t start = 0;;) {
-            const size_t bar = arg.find('|', start);
-            parts.push_back(arg.substr(start, bar - start));
-            if (bar == std::string::npos) break;
-            start = bar + 1;
-        }
-        std::vector<const char*> urls;
-        for (const auto& part : parts) urls.push_back(part == "NULL" ? nullptr : part.c_str());
-        setURLS(urls.data(), static_cast<int32_t>(urls.size()));
-    } else if (name == "setShowForwardButton") {
-        setShowForwardButton(flag);
-    } else if (name == "setShowBackwordButton") {
-        setShowBackwordButton(flag);
-    } else if (name == "setShowBack10Button") {
-        setShowBack10Button(flag);
-    } else if (name == "setShowFor10Button") {
-        setShowFor10Button(flag);
-    } else if (name == "setShowPlayPauseButton") {
-        setShowPlayPauseButton(flag);
-    } else if (name == "setShowBackButton") {
-        setShowBackButton(flag);
-    } else if (name == "setShowLogo") {
-        setShowLogo(flag);
-    } else if (name == "setShowSeekbar") {
-        setShowSeekbar(flag);
-    } else if (name == "setShowTimeDuration") {
-        setShowTimeDuration(flag);
-    } else if (name == "SetPlaylists") {
-        SetPlaylists(text);
-    } else if (name == "SetEpisodes") {
-        SetEpisodes(text);
-    } else if (name == "PlayPlaylist") {
-        PlayPlaylist(text);
-    } else if (name == "SetPremium") {
-        SetPremium(flag);
-    } else if (name == "SetAdRequired") {
-        SetAdRequired(flag);
-    } else if (name == "SetMidRollAdConfig") {
-        SetMidRollAdConfig(text);
-    } else if (name == "AdCompletedResumePlayback") {
-        AdCompletedResumePlayback();
+    } else if (auto it = kCalls.find(name); it != kCalls.end()) {
+        it->second(arg);
     }
 }
 

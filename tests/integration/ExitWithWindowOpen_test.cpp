@@ -11,6 +11,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/LocalHttpServer.h"
+#include "support/ScratchDir.h"
 #include "support/TestMedia.h"
 #include "support/XvfbDisplay.h"
 
@@ -39,15 +40,14 @@ TEST(ExitWithWindowOpen, FiftyExitsAtRandomMomentsOfDrawingNeverCrashOrHang) {
     ASSERT_FALSE(thumbnail.empty());
     for (int i = 1; i <= 4; ++i)
         server.setResponse("/thumb" + std::to_string(i) + ".svg",
-                           {200, thumbnail, "image/svg+xml", 0.05 * i, false});
+                           {200, thumbnail, "image/svg+xml", 0.05 * i});
 
     const std::string playlists =
         R"([{"id":"pl-exit","name":"Exit","thumbnail":")" + server.url("/thumb1.svg") + R"("}])";
     const std::string episodes = catalogueEpisodes(server);
     const char* modes[] = {"return", "exit", "callback"};
     std::mt19937 random(std::random_device{}());
-    const auto config =
-        std::filesystem::temp_directory_path() / ("kavelin-exit-" + std::to_string(::getpid()));
+    ScratchDir config("kavelin-exit");
 
     int failures = 0;
     for (int run = 0; run < 50; ++run) {
@@ -56,7 +56,7 @@ TEST(ExitWithWindowOpen, FiftyExitsAtRandomMomentsOfDrawingNeverCrashOrHang) {
         const char* mode = modes[run % 3];
         auto result = runChild({KAVELIN_EXIT_HOST, KAVELIN_LIB_PATH, playlists, episodes,
                                 std::to_string(delayMs), mode},
-                               {{"XDG_CONFIG_HOME", config.string()}}, 30);
+                               {{"XDG_CONFIG_HOME", config.path.string()}}, 30);
         const bool left = result.output.find("[exit-host] ") != std::string::npos;
         const bool windowed = result.output.find("No window for the player") == std::string::npos;
         if (!result.exited || result.exitCode != 0 || !left || !windowed) {
@@ -69,7 +69,6 @@ TEST(ExitWithWindowOpen, FiftyExitsAtRandomMomentsOfDrawingNeverCrashOrHang) {
         }
     }
     EXPECT_EQ(failures, 0);
-    std::filesystem::remove_all(config);
 }
 
 }  // namespace

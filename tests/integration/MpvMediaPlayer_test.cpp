@@ -18,6 +18,7 @@
 #include "Kavelin/Platform/ThreadMainQueue.h"
 #include "Kavelin/log/VPLogger.h"
 #include "support/LocalHttpServer.h"
+#include "support/ScratchDir.h"
 #include "support/TestMedia.h"
 
 namespace kavelin {
@@ -27,10 +28,9 @@ using test::LocalHttpServer;
 using test::TestMedia;
 using Status = TimeControlStatus;
 using namespace std::chrono_literals;
+using Counter = std::shared_ptr<int>;
 
-// Real decoding takes wall time; the limits only bound a failure, they are not
-// expectations of speed.
-constexpr auto kTimeout = 20s;
+constexpr const char* kGenerated = "av://lavfi:testsrc2=duration=5:size=160x90:rate=25";
 
 MpvMediaPlayer::Options quietOptions() {
     MpvMediaPlayer::Options o;
@@ -44,15 +44,21 @@ size_t entriesIn(const char* dir) {
                                              std::filesystem::directory_iterator()));
 }
 
-// What one player reported, collected on the main queue and read by the test.
-struct Recorder {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<std::pair<Status, Status>> statuses;
-    std::vector<double> ticks;
-    std::vector<double> durations;
-    int ends = 0;
-    std::vector<bool> seeks;
+// What the player reported, collected on the main queue and read by the test. Real
+// decoding takes wall time: the waits only bound a failure.
+class MpvMediaPlayerTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { TestMedia::shared(); }
+    void SetUp() override {
+        server = std::make_unique<LocalHttpServer>(TestMedia::shared().directory());
+        VPLogger::setSink(
+            [this](const std::string& line) { record([&] { logs.push_back(line); }); });
+    }
+    void TearDown() override {
+        queue->sync([&] { player.reset(); });
+        VPLogger::setSink(nullptr);
+        queue->shutdown();
+    }
 
     template <class F>
     void record(F&& f) {
@@ -62,11 +68,10 @@ struct Recorder {
         }
         changed.notify_all();
     }
-    // Re-checks now and then as well, for conditions outside the recorder (the
-    // server's request counts).
+    // Re-checks now and then too, for conditions outside the recorder (the server's).
     template <class Pred>
-    bool waitFor(Pred pred, std::chrono::seconds timeout = kTimeout) {
-        auto deadline = std::chrono::steady_clock::now() + timeout;
+    bool waitFor(Pred pred) {
+        const auto deadline = std::chrono::steady_clock::now() + 20s;
         std::unique_lock lock(mutex);
         while (!pred()) {
             if (std::chrono::steady_clock::now() >= deadline) return false;
@@ -74,27 +79,16 @@ struct Recorder {
         }
         return true;
     }
+    bool waitForCount(const Counter& n, int value) {
+        return waitFor([&] { return *n == value; });
+    }
     bool sawStatus(Status s) {
-        for (auto& [from, to] : statuses)
-            if (to == s) return true;
-        return false;
+        return std::any_of(statuses.begin(), statuses.end(),
+                           [&](auto& c) { return c.second == s; });
     }
-};
-
-class MpvMediaPlayerTest : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() { TestMedia::shared(); }
-
-    void SetUp() override {
-        server = std::make_unique<LocalHttpServer>(TestMedia::shared().directory());
-        VPLogger::setSink(
-            [this](const std::string& line) { rec.record([&] { logs.push_back(line); }); });
-    }
-
-    void TearDown() override {
-        queue->sync([&] { player.reset(); });
-        VPLogger::setSink(nullptr);
-        queue->shutdown();
+    bool logged(const std::string& text) {
+        return std::any_of(logs.begin(), logs.end(),
+                           [&](auto& l) { return l.find(text) != std::string::npos; });
     }
 
     // Makes the player with every observer attached, bound to the item at `url`.
@@ -105,32 +99,42 @@ class MpvMediaPlayerTest : public ::testing::Test {
             observe();
         });
     }
-
     void observe() {
         statusId = player->addStatusObserver([this](Status from, Status to) {
-            rec.record([&] { rec.statuses.push_back({from, to}); });
+            record([&] { statuses.push_back({from, to}); });
         });
         timeId = player->addPeriodicTimeObserver(
-            0.1, [this](double t) { rec.record([&] { rec.ticks.push_back(t); }); });
-        durationId = player->observeDuration(
-            [this](double d) { rec.record([&] { rec.durations.push_back(d); }); });
-        endId = player->addEndOfItemObserver([this] { rec.record([&] { ++rec.ends; }); });
+            0.1, [this](double t) { record([&] { ticks.push_back(t); }); });
+        durationId =
+            player->observeDuration([this](double d) { record([&] { durations.push_back(d); }); });
+        endId = player->addEndOfItemObserver([this] { record([&] { ++ends; }); });
     }
-
     void unobserve() {
         player->removeStatusObserver(statusId);
         player->removeTimeObserver(timeId);
         player->invalidateDurationObservation(durationId);
         player->removeEndOfItemObserver(endId);
     }
-
-    void seek(double t, double tolerance = 0) {
-        queue->sync([&] {
-            player->seek(t, tolerance, tolerance,
-                         [this](bool f) { rec.record([&] { rec.seeks.push_back(f); }); });
+    // On the queue: replaces the item and plays it; `ends` counts its own ends.
+    Counter playItem(std::optional<std::string> url, Counter ends = std::make_shared<int>(0)) {
+        player->replaceCurrentItem(std::move(url));
+        player->addEndOfItemObserver([this, ends] { record([&] { ++*ends; }); });
+        player->play();
+        return ends;
+    }
+    // Runs `action` on the queue at the first tick inside [from, to): mid-play for
+    // sure, however late the test thread would have woken up.
+    void atFirstTickBetween(double from, double to, std::function<void()> action) {
+        auto pending = std::make_shared<std::function<void()>>(std::move(action));
+        player->addPeriodicTimeObserver(0.1, [=](double t) {
+            if (t >= from && t < to && *pending) std::exchange(*pending, nullptr)();
         });
     }
-
+    void seek(double t) {
+        queue->sync([&] {
+            player->seek(t, 0, 0, [this](bool f) { record([&] { seeks.push_back(f); }); });
+        });
+    }
     template <class T>
     T onQueue(std::function<T()> f) {
         T out{};
@@ -140,116 +144,104 @@ class MpvMediaPlayerTest : public ::testing::Test {
     double position() {
         return onQueue<double>([&] { return player->currentTime(); });
     }
-    bool logged(const std::string& text) {
-        for (auto& l : logs)
-            if (l.find(text) != std::string::npos) return true;
-        return false;
+    Status status() {
+        return onQueue<Status>([&] { return player->timeControlStatus(); });
     }
 
     std::shared_ptr<ThreadMainQueue> queue = std::make_shared<ThreadMainQueue>();
     std::unique_ptr<LocalHttpServer> server;
     std::shared_ptr<MpvMediaPlayer> player;
-    Recorder rec;
-    std::vector<std::string> logs;  // guarded by rec.mutex
     MediaPlayer::ObserverId statusId = 0, timeId = 0, durationId = 0, endId = 0;
+    // Guarded by `mutex`.
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::pair<Status, Status>> statuses;
+    std::vector<double> ticks, durations;
+    std::vector<bool> seeks;
+    std::vector<std::string> logs;
+    int ends = 0;
 };
 
-TEST_F(MpvMediaPlayerTest, PlaysAnItemToItsEndReportingDurationTicksAndOneEnd) {
+TEST_F(MpvMediaPlayerTest, PlaysItemsToTheirEndReportingDurationTicksAndOneEndEach) {
     load(server->url(TestMedia::kClip2s));
     {
-        std::lock_guard lock(rec.mutex);
-        ASSERT_EQ(rec.durations.size(), 1u) << "initial value delivered at registration";
-        EXPECT_TRUE(std::isnan(rec.durations[0]));
+        std::lock_guard lock(mutex);
+        ASSERT_EQ(durations.size(), 1u) << "initial value delivered at registration";
+        EXPECT_TRUE(std::isnan(durations[0]));
     }
-    EXPECT_EQ(onQueue<Status>([&] { return player->timeControlStatus(); }), Status::paused);
+    EXPECT_EQ(status(), Status::paused);
     queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.ends >= 1; }));
-
-    std::lock_guard lock(rec.mutex);
-    ASSERT_GE(rec.durations.size(), 2u);
-    EXPECT_NEAR(rec.durations.back(), TestMedia::kClip2sDuration, 0.1);
-    // 2 s at 0.1 s: about twenty ticks; a broken timer gives one or a flood.
-    EXPECT_GE(rec.ticks.size(), 8u);
-    EXPECT_LE(rec.ticks.size(), 30u);
-    for (size_t i = 1; i < rec.ticks.size(); ++i) EXPECT_GE(rec.ticks[i], rec.ticks[i - 1]);
-    EXPECT_LE(rec.ticks.back(), TestMedia::kClip2sDuration + 0.1);
-    EXPECT_TRUE(rec.sawStatus(Status::playing));
-    // The first report leaves paused for waiting (loading), then playing.
-    ASSERT_FALSE(rec.statuses.empty());
-    EXPECT_EQ(rec.statuses.front(),
-              std::make_pair(Status::paused, Status::waitingToPlayAtSpecifiedRate));
-}
-
-TEST_F(MpvMediaPlayerTest, EndIsReportedOncePerItemAndOnlyToItsOwnObservers) {
-    load(server->url(TestMedia::kClip2s));
-    int firstItemEnds = 0;
-    queue->sync([&] {
-        player->addEndOfItemObserver([&] { rec.record([&] { ++firstItemEnds; }); });
-        player->play();
-    });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.ends == 1; }));
+    ASSERT_TRUE(waitFor([&] { return ends >= 1; }));
     // Ends at the last frame, paused there.
-    EXPECT_EQ(onQueue<Status>([&] { return player->timeControlStatus(); }), Status::paused);
+    EXPECT_EQ(status(), Status::paused);
     EXPECT_NEAR(position(), TestMedia::kClip2sDuration, 0.15);
+    {
+        std::lock_guard lock(mutex);
+        ASSERT_GE(durations.size(), 2u);
+        EXPECT_NEAR(durations.back(), TestMedia::kClip2sDuration, 0.1);
+        // 2 s at 0.1 s: about twenty ticks; a broken timer gives one or a flood.
+        EXPECT_GE(ticks.size(), 8u);
+        EXPECT_LE(ticks.size(), 30u);
+        for (size_t i = 1; i < ticks.size(); ++i) EXPECT_GE(ticks[i], ticks[i - 1]);
+        EXPECT_LE(ticks.back(), TestMedia::kClip2sDuration + 0.1);
+        EXPECT_TRUE(sawStatus(Status::playing));
+        // The first report leaves paused for waiting (loading), then playing.
+        ASSERT_FALSE(statuses.empty());
+        EXPECT_EQ(statuses.front(),
+                  std::make_pair(Status::paused, Status::waitingToPlayAtSpecifiedRate));
+    }
 
-    // The next item plays to its end too; observers of the first hear nothing more.
-    int secondItemEnds = 0;
-    queue->sync([&] {
-        player->replaceCurrentItem(server->url(TestMedia::kClip2sOther));
-        player->addEndOfItemObserver([&] { rec.record([&] { ++secondItemEnds; }); });
-        player->play();
+    // A generated source plays offline to its end too, heard only by its own
+    // observers. A bare generator only grows its estimate while decoding; the edit
+    // list is exact.
+    Counter second = onQueue<Counter>([&] {
+        player->invalidateDurationObservation(durationId);
+        auto ends = playItem("edl://file=av://lavfi:testsrc2=size=320x180:rate=25,length=1.5");
+        player->observeDuration([this](double d) { record([&] { durations.push_back(d); }); });
+        return ends;
     });
-    ASSERT_TRUE(rec.waitFor([&] { return secondItemEnds == 1; }));
-    std::lock_guard lock(rec.mutex);
-    EXPECT_EQ(firstItemEnds, 1);
-    EXPECT_EQ(rec.ends, 1);
+    ASSERT_TRUE(waitForCount(second, 1));
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(ends, 1);
+    EXPECT_NEAR(durations.back(), 1.5, 1e-6);
 }
 
 TEST_F(MpvMediaPlayerTest, ReplacingOrClearingMidPlayDoesNotReportEnd) {
     load(server->url(TestMedia::kClip3s));
-    queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return !rec.ticks.empty() && rec.ticks.back() >= 0.5; }));
-
-    // Superseded by the replacement, the pending seek reports false.
-    seek(2.5);
-    int replacementEnds = 0;
+    auto replacement = std::make_shared<int>(0), later = std::make_shared<int>(0);
+    Counter cleared;
     size_t durationsBefore = 0;
     queue->sync([&] {
-        durationsBefore = rec.durations.size();
-        player->replaceCurrentItem(server->url(TestMedia::kClip2sOther));
-        player->addEndOfItemObserver([&] { rec.record([&] { ++replacementEnds; }); });
+        // Superseded by the replacement, the pending seek reports false.
+        atFirstTickBetween(0.5, 2.5, [&] {
+            player->seek(2.5, 0, 0, [this](bool f) { record([&] { seeks.push_back(f); }); });
+            durationsBefore = durations.size();
+            playItem(server->url(TestMedia::kClip2sOther), replacement);
+        });
         player->play();
     });
-    ASSERT_TRUE(rec.waitFor([&] { return replacementEnds == 1; }));
+    ASSERT_TRUE(waitForCount(replacement, 1));
     {
-        std::lock_guard lock(rec.mutex);
-        EXPECT_EQ(rec.ends, 0) << "the replaced item did not play to its end";
-        EXPECT_EQ(rec.durations.size(), durationsBefore) << "duration observation is per item";
-        ASSERT_EQ(rec.seeks.size(), 1u);
-        EXPECT_FALSE(rec.seeks[0]);
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(ends, 0) << "the replaced item did not play to its end";
+        EXPECT_EQ(durations.size(), durationsBefore) << "duration observation is per item";
+        EXPECT_EQ(seeks, std::vector<bool>{false});
     }
 
-    // Clearing mid-play: no end either, and the player holds nothing.
-    int clearedEnds = 0;
+    // Cleared mid-play: no end either, and the player holds nothing. A later item
+    // running to its end shows the cleared one stayed silent.
     queue->sync([&] {
-        player->replaceCurrentItem(server->url(TestMedia::kClip2s));
-        player->addEndOfItemObserver([&] { rec.record([&] { ++clearedEnds; }); });
-        player->play();
+        cleared = playItem(server->url(TestMedia::kClip2s));
+        atFirstTickBetween(0.3, 1.5, [&] {
+            player->replaceCurrentItem(std::nullopt);
+            EXPECT_FALSE(player->hasCurrentItem());
+            EXPECT_EQ(player->currentTime(), 0.0);
+            playItem(server->url(TestMedia::kClip2sOther), later);
+        });
     });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.ticks.back() >= 0.3 && rec.ticks.back() < 1.5; }));
-    queue->sync([&] { player->replaceCurrentItem(std::nullopt); });
-    EXPECT_FALSE(onQueue<bool>([&] { return player->hasCurrentItem(); }));
-    EXPECT_EQ(position(), 0.0);
-    // A later item running to its end shows the cleared one stayed silent.
-    int laterEnds = 0;
-    queue->sync([&] {
-        player->replaceCurrentItem(server->url(TestMedia::kClip2sOther));
-        player->addEndOfItemObserver([&] { rec.record([&] { ++laterEnds; }); });
-        player->play();
-    });
-    ASSERT_TRUE(rec.waitFor([&] { return laterEnds == 1; }));
-    std::lock_guard lock(rec.mutex);
-    EXPECT_EQ(clearedEnds, 0);
+    ASSERT_TRUE(waitForCount(later, 1));
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(*cleared, 0);
 }
 
 TEST_F(MpvMediaPlayerTest, AStalledLoadDoesNotHoldUpItsReplacement) {
@@ -258,19 +250,14 @@ TEST_F(MpvMediaPlayerTest, AStalledLoadDoesNotHoldUpItsReplacement) {
     server->setResponse("/stalled.mp4", {.body = "", .delaySeconds = 120});
     load(server->url("/stalled.mp4"));
     queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return server->requestCount("/stalled.mp4") > 0; }));
-    EXPECT_EQ(onQueue<Status>([&] { return player->timeControlStatus(); }),
-              Status::waitingToPlayAtSpecifiedRate);
+    ASSERT_TRUE(waitFor([&] { return server->requestCount("/stalled.mp4") > 0; }));
+    EXPECT_EQ(status(), Status::waitingToPlayAtSpecifiedRate);
 
-    int replacementEnds = 0;
-    queue->sync([&] {
-        player->replaceCurrentItem(server->url(TestMedia::kClip2s));
-        player->addEndOfItemObserver([&] { rec.record([&] { ++replacementEnds; }); });
-        player->play();
-    });
-    ASSERT_TRUE(rec.waitFor([&] { return replacementEnds == 1; }));
-    std::lock_guard lock(rec.mutex);
-    EXPECT_EQ(rec.ends, 0);
+    Counter replacement =
+        onQueue<Counter>([&] { return playItem(server->url(TestMedia::kClip2s)); });
+    ASSERT_TRUE(waitForCount(replacement, 1));
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(ends, 0);
     EXPECT_FALSE(logged("stalled.mp4")) << "an abandoned load is not a failure";
 }
 
@@ -283,85 +270,60 @@ TEST_F(MpvMediaPlayerTest, ClearingThenLoadingAtOnceAlwaysStartsTheNewItem) {
         SCOPED_TRACE(round);
         queue->sync([&] {
             if (round) unobserve();
-            rec.statuses.clear();
+            statuses.clear();
             player->pause();
             player->seek(0, 0, 0);
             player->replaceCurrentItem(std::nullopt);
-            player->replaceCurrentItem("av://lavfi:testsrc2=duration=5:size=160x90:rate=25");
+            player->replaceCurrentItem(kGenerated);
             observe();
             player->play();
         });
-        ASSERT_TRUE(rec.waitFor([&] { return rec.sawStatus(Status::playing); }));
+        ASSERT_TRUE(waitFor([&] { return sawStatus(Status::playing); }));
     }
 }
 
-TEST_F(MpvMediaPlayerTest, ExactSeekLandsOnTargetTicksOnceAndCompletes) {
+TEST_F(MpvMediaPlayerTest, PausedExactSeeksLandTickOnceAndPlayResumesFromThere) {
     load(server->url(TestMedia::kClip3s));
     queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.sawStatus(Status::playing); }));
-    queue->sync([&] { player->pause(); });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.statuses.back().second == Status::paused; }));
+    ASSERT_TRUE(waitFor([&] { return sawStatus(Status::playing); }));
+    queue->sync([&] {
+        player->pause();
+        EXPECT_EQ(player->timeControlStatus(), Status::paused) << "pause reads back at once";
+    });
+    ASSERT_TRUE(waitFor([&] { return statuses.back().second == Status::paused; }));
 
-    size_t ticksBefore = 0;
-    queue->sync([&] { ticksBefore = rec.ticks.size(); });
+    size_t ticksBefore = onQueue<size_t>([&] { return ticks.size(); });
     seek(2.2);
-    ASSERT_TRUE(rec.waitFor([&] { return !rec.seeks.empty(); }));
+    ASSERT_TRUE(waitFor([&] { return !seeks.empty(); }));
     {
-        std::lock_guard lock(rec.mutex);
-        EXPECT_TRUE(rec.seeks[0]);
-        // Paused: the only tick is the one announcing where the seek landed.
-        ASSERT_EQ(rec.ticks.size(), ticksBefore + 1);
-        EXPECT_NEAR(rec.ticks.back(), 2.2, 0.05);
+        std::lock_guard lock(mutex);
+        EXPECT_TRUE(seeks[0]);
+        // Paused, the clock stands still: the only tick announces where the seek landed.
+        ASSERT_EQ(ticks.size(), ticksBefore + 1);
+        EXPECT_NEAR(ticks.back(), 2.2, 0.05);
     }
     EXPECT_NEAR(position(), 2.2, 0.05);
 
     // Two seeks in a row: the first is superseded, the second lands.
     seek(0.5);
     seek(1.4);
-    ASSERT_TRUE(rec.waitFor([&] { return rec.seeks.size() == 3; }));
-    {
-        std::lock_guard lock(rec.mutex);
-        EXPECT_FALSE(rec.seeks[1]);
-        EXPECT_TRUE(rec.seeks[2]);
-    }
+    ASSERT_TRUE(waitFor([&] { return seeks.size() == 3; }));
+    EXPECT_EQ(onQueue<std::vector<bool>>([&] { return seeks; }),
+              (std::vector<bool>{true, false, true}));
     EXPECT_NEAR(position(), 1.4, 0.05);
-    EXPECT_EQ(onQueue<Status>([&] { return player->timeControlStatus(); }), Status::paused);
-}
+    EXPECT_EQ(status(), Status::paused);
 
-TEST_F(MpvMediaPlayerTest, PauseAndPlayReportStatusTransitionsAndStopTheClock) {
-    load(server->url(TestMedia::kClip3s));
+    ticksBefore = onQueue<size_t>([&] { return ticks.size(); });
     queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.sawStatus(Status::playing); }));
-    queue->sync([&] {
-        player->pause();
-        EXPECT_EQ(player->timeControlStatus(), Status::paused) << "pause reads back at once";
-    });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.statuses.back().second == Status::paused; }));
-    size_t ticksAtPause = 0;
-    double positionAtPause = 0;
-    queue->sync([&] {
-        ticksAtPause = rec.ticks.size();
-        positionAtPause = player->currentTime();
-    });
-    // A seek to where it stands takes a round trip through mpv: the clock stays
-    // still meanwhile apart from the seek's own tick.
-    seek(positionAtPause);
-    ASSERT_TRUE(rec.waitFor([&] { return !rec.seeks.empty(); }));
-    {
-        std::lock_guard lock(rec.mutex);
-        EXPECT_EQ(rec.ticks.size(), ticksAtPause + 1);
-    }
-
-    queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.statuses.back().second == Status::playing; }));
-    ASSERT_TRUE(rec.waitFor([&] { return rec.ticks.size() >= ticksAtPause + 4; }));
-    std::lock_guard lock(rec.mutex);
-    EXPECT_GT(rec.ticks.back(), positionAtPause);
+    ASSERT_TRUE(waitFor([&] { return statuses.back().second == Status::playing; }));
+    ASSERT_TRUE(waitFor([&] { return ticks.size() >= ticksBefore + 4; }));
+    std::lock_guard lock(mutex);
+    EXPECT_GT(ticks.back(), 1.4);
     // Every report is a real change, and each starts where the previous ended.
-    for (size_t i = 0; i < rec.statuses.size(); ++i) {
-        EXPECT_NE(rec.statuses[i].first, rec.statuses[i].second);
+    for (size_t i = 0; i < statuses.size(); ++i) {
+        EXPECT_NE(statuses[i].first, statuses[i].second);
         if (i) {
-            EXPECT_EQ(rec.statuses[i].first, rec.statuses[i - 1].second);
+            EXPECT_EQ(statuses[i].first, statuses[i - 1].second);
         }
     }
 }
@@ -369,55 +331,42 @@ TEST_F(MpvMediaPlayerTest, PauseAndPlayReportStatusTransitionsAndStopTheClock) {
 TEST_F(MpvMediaPlayerTest, RemovedObserversAndDestroyedPlayersStaySilent) {
     load(server->url(TestMedia::kClip3s));
     queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.ticks.size() >= 3; }));
-    size_t ticks = 0;
+    ASSERT_TRUE(waitFor([&] { return ticks.size() >= 3; }));
+    size_t ticksBefore = 0;
     queue->sync([&] {
         unobserve();
-        ticks = rec.ticks.size();
+        ticksBefore = ticks.size();
     });
     // A second player playing to its end is the clock that shows the first one
     // neither ticks after removal nor calls back after being destroyed.
     auto other = std::make_shared<MpvMediaPlayer>(queue, quietOptions());
-    int otherEnds = 0;
     int destroyedCalls = 0;
-    queue->sync([&] {
-        other->replaceCurrentItem(server->url(TestMedia::kClip2s));
-        other->addEndOfItemObserver([&] { rec.record([&] { ++otherEnds; }); });
-        other->play();
+    Counter otherEnds = onQueue<Counter>([&] {
         player->addPeriodicTimeObserver(0.1, [&](double) { ++destroyedCalls; });
         player->addStatusObserver([&](Status, Status) { ++destroyedCalls; });
         player->seek(1.0, 0, 0, [&](bool) { ++destroyedCalls; });
         player.reset();
+        std::swap(player, other);
+        return playItem(server->url(TestMedia::kClip2s));
     });
-    ASSERT_TRUE(rec.waitFor([&] { return otherEnds == 1; }));
-    queue->sync([&] { other.reset(); });
-    std::lock_guard lock(rec.mutex);
-    EXPECT_EQ(rec.ticks.size(), ticks);
+    ASSERT_TRUE(waitForCount(otherEnds, 1));
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(ticks.size(), ticksBefore);
     EXPECT_EQ(destroyedCalls, 0);
 }
 
 TEST_F(MpvMediaPlayerTest, HlsStreamPlaysFromASeekRequestedBeforeItLoaded) {
     load(server->url(TestMedia::kHls));
-    // Requested while the stream is still opening: held until it has loaded.
-    seek(2.5);
+    seek(2.5);  // held until the stream has loaded
     queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.ends == 1; }));
-    std::lock_guard lock(rec.mutex);
-    ASSERT_FALSE(rec.seeks.empty());
-    EXPECT_TRUE(rec.seeks[0]);
-    EXPECT_NEAR(rec.durations.back(), TestMedia::kHlsDuration, 0.1);
-    ASSERT_FALSE(rec.ticks.empty());
-    EXPECT_GE(rec.ticks.front(), 2.4) << "playback started at the seek target";
+    ASSERT_TRUE(waitFor([&] { return ends == 1; }));
+    std::lock_guard lock(mutex);
+    ASSERT_FALSE(seeks.empty());
+    EXPECT_TRUE(seeks[0]);
+    EXPECT_NEAR(durations.back(), TestMedia::kHlsDuration, 0.1);
+    ASSERT_FALSE(ticks.empty());
+    EXPECT_GE(ticks.front(), 2.4) << "playback started at the seek target";
     EXPECT_GE(server->requestCount("/hls/seg03.ts"), 1u);
-}
-
-TEST_F(MpvMediaPlayerTest, GeneratedSourcePlaysOfflineWithItsEditListLength) {
-    load("edl://file=av://lavfi:testsrc2=size=320x180:rate=25,length=1.5");
-    queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.ends == 1; }));
-    std::lock_guard lock(rec.mutex);
-    // A bare generator only grows its estimate while decoding; the edit list is exact.
-    EXPECT_NEAR(rec.durations.back(), 1.5, 1e-6);
 }
 
 TEST_F(MpvMediaPlayerTest, FailingAddressesLogOneWarningAndKeepWaiting) {
@@ -426,8 +375,8 @@ TEST_F(MpvMediaPlayerTest, FailingAddressesLogOneWarningAndKeepWaiting) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     socklen_t len = sizeof addr;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
     ::close(fd);
     server->setResponse("/garbage.mp4", {.status = 200, .body = std::string(4096, 'x')});
@@ -436,20 +385,19 @@ TEST_F(MpvMediaPlayerTest, FailingAddressesLogOneWarningAndKeepWaiting) {
         {server->url("/missing.mp4"), "404"},
         {"http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/clip.mp4",
          "Connection refused"},
-        {server->url("/garbage.mp4"), "format"},
-    };
+        {server->url("/garbage.mp4"), "format"}};
     for (const auto& [url, reason] : cases) {
         SCOPED_TRACE(url);
         load(url);
         queue->sync([&] { player->play(); });
         const std::string prefix = "⚠️ Failed to load " + url + ": ";
-        ASSERT_TRUE(rec.waitFor([&] { return logged(prefix); }));
+        ASSERT_TRUE(waitFor([&] { return logged(prefix); }));
         queue->sync([&] {
             EXPECT_TRUE(player->hasCurrentItem());
             EXPECT_EQ(player->timeControlStatus(), Status::waitingToPlayAtSpecifiedRate);
             unobserve();
         });
-        std::lock_guard lock(rec.mutex);
+        std::lock_guard lock(mutex);
         size_t count = 0;
         for (auto& l : logs) {
             if (l.find(prefix) == std::string::npos) continue;
@@ -459,12 +407,12 @@ TEST_F(MpvMediaPlayerTest, FailingAddressesLogOneWarningAndKeepWaiting) {
             EXPECT_NE(l.find("[WARNING]"), std::string::npos);
         }
         EXPECT_EQ(count, 1u);
-        EXPECT_EQ(rec.ends, 0);
+        EXPECT_EQ(ends, 0);
     }
     // A good item afterwards still plays.
     load(server->url(TestMedia::kClip2s));
     queue->sync([&] { player->play(); });
-    ASSERT_TRUE(rec.waitFor([&] { return rec.ends == 1; }));
+    ASSERT_TRUE(waitFor([&] { return ends == 1; }));
 }
 
 TEST_F(MpvMediaPlayerTest, HundredCreateDestroyCyclesLeaveNoThreadsOrHandles) {
@@ -473,7 +421,7 @@ TEST_F(MpvMediaPlayerTest, HundredCreateDestroyCyclesLeaveNoThreadsOrHandles) {
             auto p = std::make_shared<MpvMediaPlayer>(queue, quietOptions());
             ASSERT_NE(p->handle(), nullptr);
             if (withItem) {
-                p->replaceCurrentItem("av://lavfi:testsrc2=duration=5:size=160x90:rate=25");
+                p->replaceCurrentItem(kGenerated);
                 p->play();
             }
         });
@@ -505,18 +453,15 @@ TEST(MpvMediaPlayerFactoryTest, HandsOutHookedPlayersOnTheGivenQueue) {
     // The embedding is locked down: nothing from the user's mpv set-up, no scripts
     // or downloads, no key bindings, and a bounded wait on the network.
     auto* handle = dynamic_cast<MpvMediaPlayer*>(a.get())->handle();
-    const std::pair<const char*, const char*> expected[] = {
-        {"vo", "null"},
-        {"options/config", "no"},
-        {"options/ytdl", "no"},
-        {"options/load-scripts", "no"},
-        {"options/osc", "no"},
-        {"options/input-default-bindings", "no"},
-        {"options/idle", "yes"},
-        {"options/keep-open", "yes"},
-        {"options/terminal", "no"},
-    };
-    for (const auto& [name, value] : expected) {
+    for (const auto& [name, value] : {std::pair{"vo", "null"},
+                                      {"options/config", "no"},
+                                      {"options/ytdl", "no"},
+                                      {"options/load-scripts", "no"},
+                                      {"options/osc", "no"},
+                                      {"options/input-default-bindings", "no"},
+                                      {"options/idle", "yes"},
+                                      {"options/keep-open", "yes"},
+                                      {"options/terminal", "no"}}) {
         char* actual = mpv_get_property_string(handle, name);
         EXPECT_STREQ(actual, value) << name;
         mpv_free(actual);
@@ -531,48 +476,45 @@ TEST(MpvMediaPlayerFactoryTest, HandsOutHookedPlayersOnTheGivenQueue) {
     queue->shutdown();
 }
 
-TEST(MpvMediaPlayerOptionsTest, HeadlessEnvironmentChoosesTheNullVideoOutput) {
-    struct Restore {
-        std::string display = std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "";
-        ~Restore() {
-            ::setenv("KAVELIN_HEADLESS", "1", 1);
-            if (!display.empty()) ::setenv("DISPLAY", display.c_str(), 1);
+TEST(MpvMediaPlayerOptionsTest, VideoAndAudioOutputsFollowTheEnvironment) {
+    // Puts back every variable it touches, whatever the outcome.
+    struct Environment {
+        std::map<std::string, std::optional<std::string>> saved;
+        void set(const char* name, const char* value) {
+            if (!saved.count(name))
+                saved[name] = std::getenv(name) ? std::optional<std::string>(std::getenv(name))
+                                                : std::nullopt;
+            value ? ::setenv(name, value, 1) : ::unsetenv(name);
         }
-    } restore;
-    ::setenv("KAVELIN_HEADLESS", "1", 1);
-    ::setenv("DISPLAY", ":0", 1);
-    EXPECT_EQ(MpvMediaPlayer::Options::fromEnvironment().videoOutput, "null");
-    ::unsetenv("KAVELIN_HEADLESS");
-    EXPECT_EQ(MpvMediaPlayer::Options::fromEnvironment().videoOutput, "libmpv");
-    ::unsetenv("DISPLAY");
-    ::unsetenv("WAYLAND_DISPLAY");
-    EXPECT_EQ(MpvMediaPlayer::Options::fromEnvironment().videoOutput, "null");
-}
+        ~Environment() {
+            for (auto& [name, value] : saved)
+                value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
+        }
+    } env;
+    auto options = [] { return MpvMediaPlayer::Options::fromEnvironment(); };
 
-TEST(MpvMediaPlayerOptionsTest, AudioGoesOnlyToServersThatExistThenToSilence) {
-    const char* saved = std::getenv("XDG_RUNTIME_DIR");
-    std::string savedRuntime = saved ? saved : "";
-    auto runtime =
-        std::filesystem::temp_directory_path() / ("kavelin-runtime-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(runtime / "pulse");
-    ::setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-    ::unsetenv("PULSE_SERVER");
+    env.set("KAVELIN_HEADLESS", "1");
+    env.set("DISPLAY", ":0");
+    EXPECT_EQ(options().videoOutput, "null");
+    env.set("KAVELIN_HEADLESS", nullptr);
+    EXPECT_EQ(options().videoOutput, "libmpv");
+    env.set("DISPLAY", nullptr);
+    env.set("WAYLAND_DISPLAY", nullptr);
+    EXPECT_EQ(options().videoOutput, "null");
 
-    auto withoutServer = MpvMediaPlayer::Options::fromEnvironment().audioOutput;
+    // Audio goes only to sound servers that exist, then to silence.
+    ScratchDir runtime("kavelin-runtime");
+    std::filesystem::create_directories(runtime.path / "pulse");
+    env.set("XDG_RUNTIME_DIR", runtime.path.c_str());
+    env.set("PULSE_SERVER", nullptr);
+    const auto withoutServer = options().audioOutput;
     EXPECT_EQ(withoutServer.find("pulse"), std::string::npos);
     EXPECT_EQ(withoutServer.find("pipewire"), std::string::npos);
     EXPECT_TRUE(withoutServer.ends_with("null"));
-
-    std::ofstream(runtime / "pulse" / "native") << "";
-    auto withPulse = MpvMediaPlayer::Options::fromEnvironment().audioOutput;
+    std::ofstream(runtime.path / "pulse" / "native") << "";
+    const auto withPulse = options().audioOutput;
     EXPECT_TRUE(withPulse.starts_with("pulse,")) << withPulse;
     EXPECT_TRUE(withPulse.ends_with(",null"));
-
-    std::filesystem::remove_all(runtime);
-    if (savedRuntime.empty())
-        ::unsetenv("XDG_RUNTIME_DIR");
-    else
-        ::setenv("XDG_RUNTIME_DIR", savedRuntime.c_str(), 1);
 }
 
 }  // namespace

@@ -3,13 +3,11 @@
 #include <Kavelin/Kavelin.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/ThreadMainQueue.h"
 #include "Kavelin/Platform/WindowPresenter.h"
 #include "support/MainQueueWait.h"
+#include "support/ScratchDir.h"
 #include "support/XvfbDisplay.h"
 
 namespace kavelin {
@@ -26,9 +24,8 @@ const char* kEpisodes =
 TEST(WindowAcrossCleanup, CleanupClosesTheWindowAndTheNextPlaylistDrawsInANewOne) {
     test::XvfbDisplay display;
     ASSERT_TRUE(display.ok()) << "no X server for the window";
-    char dir[] = "/tmp/kavelin-window-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    setenv("XDG_CONFIG_HOME", dir, 1);
+    ScratchDir config("kavelin-window");
+    config.asConfigHome();
 
     SetPlaylists(kPlaylists);
     SetEpisodes(kEpisodes);
@@ -57,7 +54,6 @@ TEST(WindowAcrossCleanup, CleanupClosesTheWindowAndTheNextPlaylistDrawsInANewOne
         EXPECT_FALSE(window->isShown());
     }
     Platform::shutdown();
-    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -76,6 +76,10 @@ class PlayerControllerTest : public ::testing::Test {
         auto p = simPlayer();
         return p ? p->currentURL() : std::nullopt;
     }
+    // Where playback stands: the controller's index and the item the player holds.
+    using Position = std::pair<int, std::optional<std::string>>;
+    Position position() const { return {pc->currentIndex.get(), playingURL()}; }
+    static Position at(int index, const std::string& id) { return {index, urlOf(id)}; }
 
     // A policy with one bucket covering every duration.
     static MidRollAdConfig policy(std::vector<double> placements, double adTimeout = 30) {
@@ -100,5 +104,9 @@ class PlayerControllerTest : public ::testing::Test {
 };
 
 using Events = std::vector<HostEvent>;
+inline const HostEvent kPlay{"OnVideoPlay", "true"};
+inline HostEvent finished(int index) {
+    return {"OnVideoFinished", std::to_string(index)};
+}
 
 }  // namespace kavelin::testing

@@ -21,6 +21,18 @@ void SimulatedMediaPlayer::post(F&& f) {
     });
 }
 
+template <typename Map, typename Pick, typename Call>
+void SimulatedMediaPlayer::notify(Map& observers, Pick pick, Call call) {
+    std::vector<ObserverId> ids;
+    for (const auto& [id, observer] : observers)
+        if (pick(observer)) ids.push_back(id);
+    for (auto id : ids)
+        if (auto it = observers.find(id); it != observers.end()) {
+            auto observer = it->second;  // it may remove itself
+            call(observer);
+        }
+}
+
 std::optional<std::string> SimulatedMediaPlayer::currentURL() const {
     if (!item_) return std::nullopt;
     return item_->url;
@@ -57,17 +69,17 @@ void SimulatedMediaPlayer::setStatus(TimeControlStatus status) {
     std::vector<ObserverId> ids;
     for (const auto& [id, fn] : statusObservers_) ids.push_back(id);
     post([ids, old, status](SimulatedMediaPlayer& self) {
-        for (auto id : ids) {
-            auto it = self.statusObservers_.find(id);
-            if (it == self.statusObservers_.end()) continue;
-            auto fn = it->second;
-            fn(old, status);
-        }
+        for (auto id : ids)
+            if (auto it = self.statusObservers_.find(id); it != self.statusObservers_.end()) {
+                auto fn = it->second;
+                fn(old, status);
+            }
     });
 }
 
 void SimulatedMediaPlayer::updatePlayback() {
-    const bool advance = item_ && wantsToPlay_ && item_->ready && !item_->stalled && !item_->ended;
+    const bool advance = item_ && wantsToPlay_ && item_->ready && !item_->stalled &&
+                         !item_->ended && !item_->failure;
     if (!item_) {
         setStatus(TimeControlStatus::paused);
         return;
@@ -113,32 +125,15 @@ void SimulatedMediaPlayer::cancelTicks() {
         if (obs.tick) std::exchange(obs.tick, nullptr)->cancel();
 }
 
-void SimulatedMediaPlayer::deliverTimeToAll() {
-    std::vector<ObserverId> ids;
-    for (const auto& [id, obs] : timeObservers_) ids.push_back(id);
-    for (auto id : ids) {
-        auto it = timeObservers_.find(id);
-        if (it == timeObservers_.end()) continue;
-        auto fn = it->second.fn;
-        fn(currentTime());
-    }
-}
-
 void SimulatedMediaPlayer::becomeReady(uint64_t generation) {
     if (!item_ || item_->generation != generation) return;
     auto media = library_->find(item_->url);
     if (!media) return;
     item_->ready = true;
     item_->duration = media->duration;
-    std::vector<ObserverId> ids;
-    for (const auto& [id, obs] : durationObservers_)
-        if (obs.generation == generation) ids.push_back(id);
-    for (auto id : ids) {
-        auto it = durationObservers_.find(id);
-        if (it == durationObservers_.end()) continue;
-        auto fn = it->second.fn;
-        fn(media->duration);
-    }
+    notify(
+        durationObservers_, [&](auto& o) { return o.generation == generation; },
+        [&](auto& o) { o.fn(media->duration); });
     updatePlayback();
 }
 
@@ -150,15 +145,11 @@ void SimulatedMediaPlayer::reachEnd(uint64_t generation) {
     item_->ended = true;
     wantsToPlay_ = false;  // the player pauses at the end of an item
     updatePlayback();
-    std::vector<ObserverId> ids;
-    for (const auto& [id, obs] : endObservers_)
-        if (obs.generation == generation) ids.push_back(id);
-    for (auto id : ids) {
-        auto it = endObservers_.find(id);
-        if (it == endObservers_.end() || !item_ || item_->generation != generation) continue;
-        auto fn = it->second.fn;
-        fn();
-    }
+    notify(
+        endObservers_, [&](auto& o) { return o.generation == generation; },
+        [&](auto& o) {
+            if (item_ && item_->generation == generation) o.fn();  // unless replaced meanwhile
+        });
 }
 
 void SimulatedMediaPlayer::cancelPendingSeek() {
@@ -179,7 +170,7 @@ void SimulatedMediaPlayer::replaceCurrentItem(std::optional<std::string> url) {
         item_->generation = generation_;
         item_->url = *url;
         auto media = library_->find(*url);
-        if (media && !media->neverReady) {
+        if (media && std::isfinite(media->readyAfter)) {
             queue_->asyncAfter(media->readyAfter, [weak = weak_from_this(), gen = generation_] {
                 if (auto self = weak.lock()) self->becomeReady(gen);
             });
@@ -243,7 +234,7 @@ void SimulatedMediaPlayer::removeTimeObserver(ObserverId id) {
 MediaPlayer::ObserverId SimulatedMediaPlayer::observeDuration(
     std::function<void(double)> observer) {
     const auto id = nextId_++;
-    durationObservers_[id] = DurationObserver{generation_, observer};
+    durationObservers_[id] = {generation_, observer};
     observer(itemDuration());
     return id;
 }
@@ -271,7 +262,9 @@ void SimulatedMediaPlayer::seek(double seconds, double toleranceBefore, double t
         self->item_->position = target;
         self->item_->ended = false;
         self->updatePlayback();
-        self->deliverTimeToAll();
+        notify(
+            self->timeObservers_, [](auto&) { return true; },
+            [&](auto& observer) { observer.fn(self->currentTime()); });
         if (auto done = std::exchange(self->seekCompletion_, nullptr)) done(true);
     });
     queue_->asyncAfter(seekLatency, seekTask_);
@@ -279,12 +272,41 @@ void SimulatedMediaPlayer::seek(double seconds, double toleranceBefore, double t
 
 MediaPlayer::ObserverId SimulatedMediaPlayer::addEndOfItemObserver(std::function<void()> observer) {
     const auto id = nextId_++;
-    endObservers_[id] = BoundObserver{generation_, std::move(observer)};
+    endObservers_[id] = {generation_, std::move(observer)};
     return id;
 }
 
 void SimulatedMediaPlayer::removeEndOfItemObserver(ObserverId id) {
     endObservers_.erase(id);
+}
+
+MediaPlayer::ObserverId SimulatedMediaPlayer::addFailureObserver(
+    std::function<void(const std::string&)> observer) {
+    const auto id = nextId_++;
+    failureObservers_[id] = {generation_, std::move(observer)};
+    if (item_ && item_->failure) {
+        post([id, gen = generation_, reason = *item_->failure](SimulatedMediaPlayer& self) {
+            auto it = self.failureObservers_.find(id);
+            if (it != self.failureObservers_.end() && it->second.generation == gen)
+                it->second.fn(reason);
+        });
+    }
+    return id;
+}
+
+void SimulatedMediaPlayer::removeFailureObserver(ObserverId id) {
+    failureObservers_.erase(id);
+}
+
+void SimulatedMediaPlayer::fail(const std::string& reason) {
+    if (!item_ || item_->failure) return;
+    item_->failure = reason;
+    updatePlayback();
+    post([gen = item_->generation, reason](SimulatedMediaPlayer& self) {
+        notify(
+            self.failureObservers_, [&](auto& o) { return o.generation == gen; },
+            [&](auto& o) { o.fn(reason); });
+    });
 }
 
 // --- factory ---
@@ -299,29 +321,6 @@ std::shared_ptr<SimulatedMediaPlayer> SimulatedMediaPlayerFactory::lastPlayer() 
     for (auto it = players_.rbegin(); it != players_.rend(); ++it)
         if (auto p = it->lock()) return p;
     return nullptr;
-}
-
-namespace {
-template <typename F>
-size_t sumOver(const std::vector<std::weak_ptr<SimulatedMediaPlayer>>& players, F count) {
-    size_t n = 0;
-    for (const auto& weak : players)
-        if (auto p = weak.lock()) n += count(*p);
-    return n;
-}
-}  // namespace
-
-size_t SimulatedMediaPlayerFactory::liveStatusObservers() const {
-    return sumOver(players_, [](auto& p) { return p.statusObserverCount(); });
-}
-size_t SimulatedMediaPlayerFactory::liveTimeObservers() const {
-    return sumOver(players_, [](auto& p) { return p.timeObserverCount(); });
-}
-size_t SimulatedMediaPlayerFactory::liveDurationObservations() const {
-    return sumOver(players_, [](auto& p) { return p.durationObservationCount(); });
-}
-size_t SimulatedMediaPlayerFactory::liveEndOfItemObservers() const {
-    return sumOver(players_, [](auto& p) { return p.endOfItemObserverCount(); });
 }
 
 }  // namespace kavelin::testing

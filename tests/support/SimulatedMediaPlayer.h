@@ -20,20 +20,21 @@ class SimulatedMediaLibrary {
   public:
     struct Media {
         double duration = 0;
-        double readyAfter = 0;
-        bool neverReady = false;
+        double readyAfter = 0;  // infinite: never ready
     };
 
     void add(const std::string& url, double duration, double readyAfter = 0) {
-        media_[url] = Media{duration, readyAfter, false};
+        media_[url] = Media{duration, readyAfter};
     }
-    void addNeverReady(const std::string& url) { media_[url] = Media{0, 0, true}; }
+    void addNeverReady(const std::string& url) {
+        media_[url] = Media{0, std::numeric_limits<double>::infinity()};
+    }
     // Unknown URLs play with this duration instead of never becoming ready.
     void setDefaultDuration(std::optional<double> duration) { defaultDuration_ = duration; }
 
     std::optional<Media> find(const std::string& url) const {
         if (auto it = media_.find(url); it != media_.end()) return it->second;
-        if (defaultDuration_) return Media{*defaultDuration_, 0, false};
+        if (defaultDuration_) return Media{*defaultDuration_, 0};
         return std::nullopt;
     }
 
@@ -80,8 +81,13 @@ class SimulatedMediaPlayer final : public MediaPlayer,
               std::function<void(bool)> completion = {}) override;
     ObserverId addEndOfItemObserver(std::function<void()> observer) override;
     void removeEndOfItemObserver(ObserverId id) override;
+    ObserverId addFailureObserver(std::function<void(const std::string&)> observer) override;
+    void removeFailureObserver(ObserverId id) override;
 
     // Test controls.
+    // The current item breaks off for good: it freezes waiting, and failure
+    // observers hear `reason` on the queue.
+    void fail(const std::string& reason);
     // Playback freezes in "waiting to play" for `seconds`, then carries on.
     void stall(double seconds);
 
@@ -110,19 +116,18 @@ class SimulatedMediaPlayer final : public MediaPlayer,
         bool advancing = false;  // position moves with the queue clock
         bool stalled = false;
         bool ended = false;
+        std::optional<std::string> failure;
     };
     struct TimeObserver {
         double interval;
         std::function<void(double)> fn;
         WorkItemPtr tick;
     };
-    struct BoundObserver {
+    // Bound to the item that was current when it was added.
+    template <typename F>
+    struct ItemObserver {
         uint64_t generation;
-        std::function<void()> fn;
-    };
-    struct DurationObserver {
-        uint64_t generation;
-        std::function<void(double)> fn;
+        F fn;
     };
 
     void freezePosition();
@@ -130,12 +135,15 @@ class SimulatedMediaPlayer final : public MediaPlayer,
     void setStatus(TimeControlStatus status);
     void scheduleTick(ObserverId id);
     void cancelTicks();
-    void deliverTimeToAll();
     void becomeReady(uint64_t generation);
     void reachEnd(uint64_t generation);
     void cancelPendingSeek();
     template <typename F>
     void post(F&& f);
+    // Calls `call` for each observer in `observers` picked by `pick` and still there
+    // when its turn comes: an observer may remove others.
+    template <typename Map, typename Pick, typename Call>
+    static void notify(Map& observers, Pick pick, Call call);
 
     std::shared_ptr<VirtualMainQueue> queue_;
     std::shared_ptr<SimulatedMediaLibrary> library_;
@@ -148,8 +156,9 @@ class SimulatedMediaPlayer final : public MediaPlayer,
     std::map<ObserverId, std::function<void(TimeControlStatus, TimeControlStatus)>>
         statusObservers_;
     std::map<ObserverId, TimeObserver> timeObservers_;
-    std::map<ObserverId, DurationObserver> durationObservers_;
-    std::map<ObserverId, BoundObserver> endObservers_;
+    std::map<ObserverId, ItemObserver<std::function<void(double)>>> durationObservers_;
+    std::map<ObserverId, ItemObserver<std::function<void()>>> endObservers_;
+    std::map<ObserverId, ItemObserver<std::function<void(const std::string&)>>> failureObservers_;
     WorkItemPtr endTask_;
     WorkItemPtr stallTask_;
     WorkItemPtr seekTask_;
@@ -169,15 +178,26 @@ class SimulatedMediaPlayerFactory final : public MediaPlayerFactory {
     // The most recent player still alive, if any.
     std::shared_ptr<SimulatedMediaPlayer> lastPlayer() const;
     // Sums over every player still alive.
-    size_t liveStatusObservers() const;
-    size_t liveTimeObservers() const;
-    size_t liveDurationObservations() const;
-    size_t liveEndOfItemObservers() const;
+    size_t liveStatusObservers() const { return sum(&SimulatedMediaPlayer::statusObserverCount); }
+    size_t liveTimeObservers() const { return sum(&SimulatedMediaPlayer::timeObserverCount); }
+    size_t liveDurationObservations() const {
+        return sum(&SimulatedMediaPlayer::durationObservationCount);
+    }
+    size_t liveEndOfItemObservers() const {
+        return sum(&SimulatedMediaPlayer::endOfItemObserverCount);
+    }
 
   private:
     std::shared_ptr<VirtualMainQueue> queue_;
     std::shared_ptr<SimulatedMediaLibrary> library_;
     std::vector<std::weak_ptr<SimulatedMediaPlayer>> players_;
+
+    size_t sum(size_t (SimulatedMediaPlayer::*count)() const) const {
+        size_t n = 0;
+        for (const auto& weak : players_)
+            if (auto p = weak.lock()) n += ((*p).*count)();
+        return n;
+    }
 };
 
 }  // namespace kavelin::testing

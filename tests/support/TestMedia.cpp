@@ -62,8 +62,4 @@ void TestMedia::makeVideoClip(const std::filesystem::path& out, const std::strin
         kVideoCodec + " -movflags +faststart " + quoted(out));
 }
 
-std::string TestMedia::file(const char* relative) const {
-    return (dir_ / std::filesystem::path(relative).relative_path()).string();
-}
-
 }  // namespace kavelin::test

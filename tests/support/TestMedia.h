@@ -27,14 +27,10 @@ class TestMedia {
     // An HLS stream of 4 one-second segments ("hls/index.m3u8"), video only.
     static constexpr const char* kHls = "/hls/index.m3u8";
     static constexpr double kHlsDuration = 4.0;
-    static constexpr int kHlsSegments = 4;
 
     // Encodes one video-only H.264 clip from a libavfilter source such as
     // "color=c=red:size=640x360:rate=25:duration=30"; throws when ffmpeg fails.
     static void makeVideoClip(const std::filesystem::path& out, const std::string& source);
-
-    // A local file path for `relative` (one of the constants above).
-    std::string file(const char* relative) const;
 
   private:
     TestMedia();

@@ -4,6 +4,10 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/log/VPLogger.h"
@@ -56,6 +60,22 @@ void VirtualPlatform::shiftWallClock(double seconds) {
 
 std::chrono::system_clock::time_point VirtualPlatform::wallNow() const {
     return platform_.wallClock();
+}
+
+TempDir::TempDir() {
+    std::string name = (std::filesystem::temp_directory_path() / "kavelin-test-XXXXXX").string();
+    if (!::mkdtemp(name.data())) throw std::runtime_error("no temporary directory");
+    path = name;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 std::ostream& operator<<(std::ostream& os, const HostEvent& event) {

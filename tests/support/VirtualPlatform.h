@@ -50,6 +50,17 @@ class VirtualPlatform {
     std::shared_ptr<double> wallOffset_ = std::make_shared<double>(0);
 };
 
+// A fresh directory under the system's temporary one, removed with its content.
+struct TempDir {
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    std::filesystem::path path;
+};
+
+std::string readFile(const std::filesystem::path& path);
+
 // One event as the host receives it.
 struct HostEvent {
     std::string method;

@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,11 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using testing::readFile;
 
 std::string nested(size_t depth) {
     return std::string(depth, '[') + std::string(depth, ']');
@@ -39,23 +33,16 @@ struct Damage {
 
 class DamagedStateFileTest : public ::testing::TestWithParam<Damage> {
   protected:
-    void SetUp() override {
-        std::string tmpl = (fs::temp_directory_path() / "kavelin-damaged-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
-        dir = tmpl;
-        file = dir / "UserDefaults.json";
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
     std::vector<fs::path> asideFiles() const {
         std::vector<fs::path> out;
-        for (const auto& entry : fs::directory_iterator(dir))
+        for (const auto& entry : fs::directory_iterator(dir.path))
             if (entry.path().filename().string().starts_with("UserDefaults.json.corrupt-"))
                 out.push_back(entry.path());
         return out;
     }
 
-    fs::path dir, file;
+    testing::TempDir dir;
+    fs::path file = dir.path / "UserDefaults.json";
     std::shared_ptr<VirtualMainQueue> queue = std::make_shared<VirtualMainQueue>();
 };
 

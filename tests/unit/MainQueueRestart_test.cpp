@@ -15,6 +15,7 @@
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/ThreadMainQueue.h"
 #include "Kavelin/Platform/UserDefaults.h"
+#include "support/VirtualPlatform.h"
 
 using namespace kavelin;
 
@@ -111,14 +112,12 @@ TEST(ThreadMainQueueRestart, CallsRacingWithParksAllRunExactlyOnce) {
 }
 
 TEST(ThreadMainQueueRestart, ReleasingTheLibraryThreadWritesThePendingMarks) {
-    auto dir =
-        std::filesystem::temp_directory_path() / ("kavelin-release-" + std::to_string(getpid()));
-    std::filesystem::create_directories(dir);
+    kavelin::testing::TempDir dir;
     auto queue = std::make_shared<ThreadMainQueue>();
     Platform platform;
     platform.queue = queue;
     platform.presenter = std::make_shared<HeadlessPresenter>(queue);
-    platform.defaults = std::make_shared<UserDefaults>(dir / "UserDefaults.json", queue);
+    platform.defaults = std::make_shared<UserDefaults>(dir.path / "UserDefaults.json", queue);
     Platform::install(platform);
 
     // A change is written about a second later unless the thread is released first.
@@ -127,12 +126,11 @@ TEST(ThreadMainQueueRestart, ReleasingTheLibraryThreadWritesThePendingMarks) {
     Platform::releaseThread();
     EXPECT_EQ(platform.defaults->fileWriteCount(), 1u);
     EXPECT_FALSE(queue->hasThread());
-    EXPECT_TRUE(std::filesystem::exists(dir / "UserDefaults.json"));
+    EXPECT_TRUE(std::filesystem::exists(dir.path / "UserDefaults.json"));
 
     queue->sync([&] { platform.defaults->setObject("watched", "v2"); });
     EXPECT_TRUE(queue->hasThread()) << "the next call brought a thread back";
     Platform::releaseThread();
     EXPECT_EQ(platform.defaults->fileWriteCount(), 2u);
     queue->shutdown();
-    std::filesystem::remove_all(dir);
 }

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "Kavelin/Platform/ThreadMainQueue.h"
 #include "Kavelin/Platform/UserDefaults.h"
 #include "Kavelin/log/VPLogger.h"
+#include "support/VirtualPlatform.h"
 
 // A game can be killed at any moment. A process recording watched marks as fast as
 // a player would is killed with SIGKILL at random times: the file must always
@@ -47,9 +47,8 @@ constexpr const char* kKey = "zelkin.playlistSDK.completedVideosByPlaylist";
 }
 
 TEST(MarksSurviveKill, FileAlwaysParsesAndLosesAtMostTheLastSecond) {
-    std::string tmpl = (fs::temp_directory_path() / "kavelin-kill-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
-    const fs::path file = fs::path(tmpl) / "UserDefaults.json";
+    testing::TempDir dir;
+    const fs::path file = dir.path / "UserDefaults.json";
     std::mt19937 random(std::random_device{}());
     // The save window is one second; fsync and scheduling get a little slack.
     const auto lossWindow = std::chrono::milliseconds(1250);
@@ -96,7 +95,6 @@ TEST(MarksSurviveKill, FileAlwaysParsesAndLosesAtMostTheLastSecond) {
             }
         fs::remove(file);
     }
-    fs::remove_all(tmpl);
 }
 
 }  // namespace

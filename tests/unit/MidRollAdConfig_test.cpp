@@ -11,7 +11,7 @@ namespace {
 using nlohmann::json;
 using ::testing::HasSubstr;
 
-const char* kExample = R"({
+const json kExample = json::parse(R"({
   "version": 3,
   "adTimeoutSeconds": 8,
   "globalConstraints": {
@@ -30,11 +30,7 @@ const char* kExample = R"({
     "video-42": { "cuePointSeconds": [95.0, 210.5], "maxBreaks": 1 },
     "Video-42": { "cuePointSeconds": [] }
   }
-})";
-
-json example() {
-    return json::parse(kExample);
-}
+})");
 
 std::string errorOf(const json& document) {
     try {
@@ -45,44 +41,44 @@ std::string errorOf(const json& document) {
     return "";
 }
 
-TEST(MidRollAdConfig, EmptyIsTheBuiltInDefault) {
-    const auto& e = MidRollAdConfig::empty();
-    EXPECT_EQ(e.version, 0);
-    EXPECT_EQ(e.adTimeoutSeconds, 3.0);
-    EXPECT_EQ(e.globalConstraints.minGapSeconds, 30.0);
-    EXPECT_EQ(e.globalConstraints.noAdZoneStartSeconds, 10.0);
-    EXPECT_EQ(e.globalConstraints.noAdZoneEndSeconds, 10.0);
-    EXPECT_EQ(e.globalConstraints.minSecondsBetweenAnyAds, 60.0);
-    EXPECT_EQ(e.globalConstraints.maxAdsPerSession, std::nullopt);
-    EXPECT_TRUE(e.durationBuckets.empty());
-    EXPECT_EQ(e.videoOverrides, std::nullopt);
-    EXPECT_EQ(&e, &MidRollAdConfig::empty());
+// The example with the value at `pointer` replaced, or removed when `value` is absent.
+json exampleWith(const std::string& pointer, std::optional<json> value = std::nullopt) {
+    json doc = kExample;
+    const json::json_pointer at(pointer);
+    if (value)
+        doc[at] = *value;
+    else
+        doc[at.parent_pointer()].erase(at.back());
+    return doc;
 }
 
-TEST(MidRollAdConfig, EncodingEmptyOmitsAbsentKeys) {
-    json encoded = MidRollAdConfig::empty().encode();
-    EXPECT_EQ(encoded, json::parse(R"({
+TEST(MidRollAdConfig, EmptyIsTheBuiltInDefaultAndEncodesWithoutAbsentKeys) {
+    const auto& e = MidRollAdConfig::empty();
+    EXPECT_EQ(&e, &MidRollAdConfig::empty());
+    EXPECT_EQ(e.adTimeoutSeconds, 3.0);
+    EXPECT_EQ(e.globalConstraints.maxAdsPerSession, std::nullopt);
+    EXPECT_EQ(e.videoOverrides, std::nullopt);
+    EXPECT_EQ(e.encode(), json::parse(R"({
         "version": 0, "adTimeoutSeconds": 3.0,
         "globalConstraints": {"minGapSeconds": 30.0, "noAdZoneStartSeconds": 10.0,
                               "noAdZoneEndSeconds": 10.0, "minSecondsBetweenAnyAds": 60.0},
         "durationBuckets": []})"));
-    EXPECT_FALSE(encoded.contains("videoOverrides"));
-    EXPECT_FALSE(encoded["globalConstraints"].contains("maxAdsPerSession"));
 }
 
-TEST(MidRollAdConfig, DecodesEveryFieldOfAFullDocument) {
-    auto c = MidRollAdConfig::decode(std::string_view(kExample));
+TEST(MidRollAdConfig, DecodesEveryFieldAndRoundTrips) {
+    auto c = MidRollAdConfig::decode(std::string_view(kExample.dump()));
     EXPECT_EQ(c.version, 3);
     EXPECT_EQ(c.adTimeoutSeconds, 8.0);  // integer-valued numbers are fine for doubles
-    EXPECT_EQ(c.globalConstraints.minGapSeconds, 45.0);
-    EXPECT_EQ(c.globalConstraints.noAdZoneStartSeconds, 15.0);
-    EXPECT_EQ(c.globalConstraints.noAdZoneEndSeconds, 20.5);
+    EXPECT_EQ(
+        std::make_tuple(c.globalConstraints.minGapSeconds, c.globalConstraints.noAdZoneStartSeconds,
+                        c.globalConstraints.noAdZoneEndSeconds),
+        std::make_tuple(45.0, 15.0, 20.5));
     EXPECT_EQ(c.globalConstraints.minSecondsBetweenAnyAds, 90.0);
     EXPECT_EQ(c.globalConstraints.maxAdsPerSession, 6);
     ASSERT_EQ(c.durationBuckets.size(), 3u);
-    EXPECT_EQ(c.durationBuckets[1].minSeconds, 120.0);
-    EXPECT_EQ(c.durationBuckets[1].maxSeconds, 300.0);
-    EXPECT_EQ(c.durationBuckets[1].maxBreaks, 1);
+    const auto& b = c.durationBuckets[1];
+    EXPECT_EQ(std::make_tuple(b.minSeconds, b.maxSeconds, b.maxBreaks),
+              std::make_tuple(120.0, 300.0, 1));
     EXPECT_EQ(c.durationBuckets[2].placements, (std::vector<double>{0.33, 0.66, 0.9}));
     EXPECT_TRUE(c.durationBuckets[0].placements.empty());
     ASSERT_TRUE(c.videoOverrides);
@@ -91,94 +87,31 @@ TEST(MidRollAdConfig, DecodesEveryFieldOfAFullDocument) {
     EXPECT_EQ(o.cuePointSeconds, (std::vector<double>{95.0, 210.5}));
     EXPECT_EQ(o.maxBreaks, 1);
     EXPECT_EQ(c.videoOverrides->at("Video-42").maxBreaks, std::nullopt);
+
+    // Encoding gives the document back, absent keys left out.
+    json encoded = c.encode();
+    EXPECT_EQ(encoded, kExample);
+    EXPECT_FALSE(encoded["videoOverrides"]["Video-42"].contains("maxBreaks"));
+    EXPECT_EQ(MidRollAdConfig::decode(std::string_view(encoded.dump())).encode(), encoded);
 }
 
-TEST(MidRollAdConfig, OptionalKeysMayBeMissingOrNull) {
-    json doc = example();
-    doc.erase("videoOverrides");
-    doc["globalConstraints"].erase("maxAdsPerSession");
-    doc["globalConstraints"]["minSecondsBetweenAnyAds"] = nullptr;
-    auto c = MidRollAdConfig::decode(doc);
-    EXPECT_EQ(c.videoOverrides, std::nullopt);
-    EXPECT_EQ(c.globalConstraints.maxAdsPerSession, std::nullopt);
-    EXPECT_EQ(c.globalConstraints.minSecondsBetweenAnyAds, std::nullopt);
-
-    doc["videoOverrides"] = nullptr;
-    doc["globalConstraints"]["maxAdsPerSession"] = nullptr;
-    c = MidRollAdConfig::decode(doc);
-    EXPECT_EQ(c.videoOverrides, std::nullopt);
-    EXPECT_EQ(c.globalConstraints.maxAdsPerSession, std::nullopt);
-
-    doc["videoOverrides"] = json::object();  // present but empty is not absent
-    EXPECT_TRUE(MidRollAdConfig::decode(doc).videoOverrides.has_value());
-}
-
-TEST(MidRollAdConfig, MissingRequiredKeysFailTheWholeDocument) {
-    json doc = example();
-    doc.erase("durationBuckets");
-    EXPECT_EQ(errorOf(doc), R"(key "durationBuckets" not found)");
-
-    doc = example();
-    doc["durationBuckets"][1].erase("maxBreaks");
-    EXPECT_EQ(errorOf(doc), R"(key "maxBreaks" not found at durationBuckets[1])");
-
-    doc = example();
-    doc["globalConstraints"].erase("noAdZoneEndSeconds");
-    EXPECT_EQ(errorOf(doc), R"(key "noAdZoneEndSeconds" not found at globalConstraints)");
-
-    doc = example();
-    doc["videoOverrides"]["video-42"].erase("cuePointSeconds");
-    EXPECT_EQ(errorOf(doc), R"(key "cuePointSeconds" not found at videoOverrides["video-42"])");
-
-    for (const char* key : {"version", "adTimeoutSeconds", "globalConstraints"}) {
-        doc = example();
-        doc.erase(key);
-        EXPECT_EQ(errorOf(doc), "key \"" + std::string(key) + "\" not found");
+TEST(MidRollAdConfig, OptionalKeysMayBeMissingOrNullAndUnknownOrOddValuesPass) {
+    for (const auto& absent : {std::optional<json>(), std::optional<json>(json(nullptr))}) {
+        auto decoded = [&](const std::string& pointer) {
+            return MidRollAdConfig::decode(exampleWith(pointer, absent));
+        };
+        EXPECT_EQ(decoded("/videoOverrides").videoOverrides, std::nullopt);
+        EXPECT_EQ(decoded("/globalConstraints/maxAdsPerSession").globalConstraints.maxAdsPerSession,
+                  std::nullopt);
+        EXPECT_EQ(decoded("/globalConstraints/minSecondsBetweenAnyAds")
+                      .globalConstraints.minSecondsBetweenAnyAds,
+                  std::nullopt);
     }
-}
+    // Present but empty is not absent.
+    EXPECT_TRUE(MidRollAdConfig::decode(exampleWith("/videoOverrides", json::object()))
+                    .videoOverrides.has_value());
 
-TEST(MidRollAdConfig, WrongTypesFailTheWholeDocument) {
-    json doc = example();
-    doc["version"] = "3";
-    EXPECT_EQ(errorOf(doc), R"(key "version": expected a number, found string)");
-
-    doc = example();
-    doc["version"] = 3.5;
-    EXPECT_EQ(errorOf(doc), R"(key "version": expected an integer, found 3.5)");
-
-    doc = example();
-    doc["globalConstraints"]["maxAdsPerSession"] = 2.25;
-    EXPECT_THAT(errorOf(doc), HasSubstr("expected an integer"));
-
-    doc = example();
-    doc["durationBuckets"][2]["placements"][1] = "0.66";
-    EXPECT_EQ(errorOf(doc),
-              "value at durationBuckets[2].placements[1]: expected a number, found string");
-
-    doc = example();
-    doc["videoOverrides"]["video-42"]["cuePointSeconds"] = 95;
-    EXPECT_EQ(
-        errorOf(doc),
-        R"(key "cuePointSeconds" at videoOverrides["video-42"]: expected an array, found number)");
-
-    doc = example();
-    doc["videoOverrides"] = json::array();
-    EXPECT_EQ(errorOf(doc), R"(key "videoOverrides": expected an object, found array)");
-
-    doc = example();
-    doc["globalConstraints"]["minGapSeconds"] = true;
-    EXPECT_EQ(errorOf(doc),
-              R"(key "minGapSeconds" at globalConstraints: expected a number, found boolean)");
-
-    EXPECT_EQ(errorOf(json::array({example()})), "top level: expected an object, found array");
-    EXPECT_THROW(MidRollAdConfig::decode(std::string_view("{\"version\": 1,")), DecodingError);
-    EXPECT_THROW(MidRollAdConfig::decode(std::string_view("")), DecodingError);
-    EXPECT_THROW(MidRollAdConfig::decode(std::string_view("{\"version\":\"\xFF\"}")),
-                 DecodingError);
-}
-
-TEST(MidRollAdConfig, UnknownKeysAndOddValuesAreAccepted) {
-    json doc = example();
+    json doc = kExample;
     doc["comment"] = "ignored";
     doc["globalConstraints"]["future"] = {1, 2};
     doc["durationBuckets"][0] = {{"minSeconds", 500},
@@ -189,27 +122,42 @@ TEST(MidRollAdConfig, UnknownKeysAndOddValuesAreAccepted) {
     doc["globalConstraints"]["noAdZoneStartSeconds"] = -10;
     doc["videoOverrides"]["neg"] = {{"cuePointSeconds", {-5}}, {"maxBreaks", -1}};
     auto c = MidRollAdConfig::decode(doc);
-    EXPECT_EQ(c.durationBuckets[0].minSeconds, 500.0);
-    EXPECT_EQ(c.durationBuckets[0].maxSeconds, -1.0);
-    EXPECT_EQ(c.durationBuckets[0].maxBreaks, -4);
-    EXPECT_EQ(c.durationBuckets[0].placements, (std::vector<double>{1.5, -0.2}));
+    const auto& b = c.durationBuckets[0];
+    EXPECT_EQ(std::make_tuple(b.minSeconds, b.maxSeconds, b.maxBreaks),
+              std::make_tuple(500.0, -1.0, -4));
+    EXPECT_EQ(b.placements, (std::vector<double>{1.5, -0.2}));
     EXPECT_EQ(c.globalConstraints.noAdZoneStartSeconds, -10.0);
     EXPECT_EQ(c.videoOverrides->at("neg").maxBreaks, -1);
 }
 
-TEST(MidRollAdConfig, EncodingRoundTrips) {
-    auto c = MidRollAdConfig::decode(example());
-    json encoded = c.encode();
-    EXPECT_FALSE(encoded["videoOverrides"]["Video-42"].contains("maxBreaks"));
-    EXPECT_EQ(encoded["videoOverrides"]["video-42"]["maxBreaks"], 1);
-    EXPECT_EQ(encoded["globalConstraints"]["maxAdsPerSession"], 6);
-    EXPECT_EQ(encoded["durationBuckets"][2]["placements"], json({0.33, 0.66, 0.9}));
-
-    auto again = MidRollAdConfig::decode(std::string_view(encoded.dump()));
-    EXPECT_EQ(again.encode(), encoded);
-    EXPECT_EQ(again.globalConstraints.noAdZoneEndSeconds, 20.5);
-    EXPECT_EQ(again.videoOverrides->at("video-42").cuePointSeconds,
-              (std::vector<double>{95.0, 210.5}));
+TEST(MidRollAdConfig, MissingKeysAndWrongTypesFailTheWholeDocument) {
+    const std::pair<json, std::string> cases[] = {
+        {exampleWith("/durationBuckets"), R"(key "durationBuckets" not found)"},
+        {exampleWith("/version"), R"(key "version" not found)"},
+        {exampleWith("/adTimeoutSeconds"), R"(key "adTimeoutSeconds" not found)"},
+        {exampleWith("/globalConstraints"), R"(key "globalConstraints" not found)"},
+        {exampleWith("/durationBuckets/1/maxBreaks"),
+         R"(key "maxBreaks" not found at durationBuckets[1])"},
+        {exampleWith("/globalConstraints/noAdZoneEndSeconds"),
+         R"(key "noAdZoneEndSeconds" not found at globalConstraints)"},
+        {exampleWith("/videoOverrides/video-42/cuePointSeconds"),
+         R"(key "cuePointSeconds" not found at videoOverrides["video-42"])"},
+        {exampleWith("/version", "3"), R"(key "version": expected a number, found string)"},
+        {exampleWith("/version", 3.5), R"(key "version": expected an integer, found 3.5)"},
+        {exampleWith("/globalConstraints/maxAdsPerSession", 2.25),
+         R"(key "maxAdsPerSession" at globalConstraints: expected an integer, found 2.25)"},
+        {exampleWith("/durationBuckets/2/placements/1", "0.66"),
+         "value at durationBuckets[2].placements[1]: expected a number, found string"},
+        {exampleWith("/videoOverrides/video-42/cuePointSeconds", 95),
+         R"(key "cuePointSeconds" at videoOverrides["video-42"]: expected an array, found number)"},
+        {exampleWith("/videoOverrides", json::array()),
+         R"(key "videoOverrides": expected an object, found array)"},
+        {exampleWith("/globalConstraints/minGapSeconds", true),
+         R"(key "minGapSeconds" at globalConstraints: expected a number, found boolean)"},
+        {json::array({kExample}), "top level: expected an object, found array"}};
+    for (const auto& [doc, error] : cases) EXPECT_EQ(errorOf(doc), error) << doc.dump();
+    for (const char* text : {"{\"version\": 1,", "", "{\"version\":\"\xFF\"}"})
+        EXPECT_THROW(MidRollAdConfig::decode(std::string_view(text)), DecodingError) << text;
 }
 
 }  // namespace

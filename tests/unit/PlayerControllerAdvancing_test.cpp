@@ -6,29 +6,13 @@
 namespace kavelin::testing {
 namespace {
 
-const HostEvent kPlay{"OnVideoPlay", "true"};
-HostEvent finished(int i) {
-    return {"OnVideoFinished", std::to_string(i)};
-}
-
-class Advancing : public PlayerControllerTest {
-  protected:
-    // a0 ends, the host shows the between-videos ad (recorded now), a1 starts.
-    void playFirstVideoThroughItsAd(const MidRollAdConfig& config) {
-        pc->midRollConfig = config;
-        startPlaylist("pl-1");
-        vp.advance(kClip + 0.5);
-        service->AdCompletedResumePlayback();
-        vp.runUntilIdle();
-        events.clear();
-    }
-};
+using Advancing = PlayerControllerTest;
+const char* kBlocked = "⛔ Blocking playback until Ad finishes";
 
 TEST_F(Advancing, PremiumViewerPlaysThroughAndRingsBackToTheFirstPlaylist) {
     subscriptionStatus() = SubscriptionStatus::premium;
     startPlaylist("pl-1");
     EXPECT_EQ(playingURL(), urlOf("a0"));
-
     // pl-1 has three clips, pl-2 two; then the ring starts pl-1 again.
     vp.advance(5 * kClip + 1);
     const Events expected = {kPlay, finished(0), kPlay, finished(1), kPlay, finished(2),
@@ -36,25 +20,22 @@ TEST_F(Advancing, PremiumViewerPlaysThroughAndRingsBackToTheFirstPlaylist) {
     EXPECT_EQ(events.events(), expected);
     EXPECT_EQ(playlist->currentPlaylist->id, "pl-1");
     EXPECT_EQ(playlist->nextPlaylist.get()->id, "pl-2");
-    EXPECT_EQ(pc->currentIndex.get(), 0);
-    EXPECT_EQ(playingURL(), urlOf("a0"));
+    EXPECT_EQ(position(), at(0, "a0"));
     EXPECT_EQ(playlist->currentVideoID.get(), "a0");
     EXPECT_EQ(logs.count("▶️ Playing next video at index: 1"), 2u);  // a1 and b1
     EXPECT_EQ(logs.count("▶️ Playing next video at index: 2"), 1u);
     EXPECT_EQ(logs.count("playlist: pl-1"), 1u);
     EXPECT_TRUE(logs.contains("current index: 2"));
-    EXPECT_EQ(events.count("OnNextVideoAdRequired"), 0u);
-    EXPECT_EQ(events.count("OnViewDismissed"), 0u);
-}
 
-TEST_F(Advancing, SinglePlaylistCatalogueStartsThatPlaylistAgain) {
-    subscriptionStatus() = SubscriptionStatus::premium;
+    // A single-playlist catalogue starts that playlist again.
     playlists().resize(1);
     startPlaylist("pl-1");
+    events.clear();
     vp.advance(3 * kClip + 1);
     EXPECT_EQ(playlist->currentPlaylist->id, "pl-1");
     EXPECT_EQ(playingURL(), urlOf("a0"));
     EXPECT_EQ(events.count("OnVideoFinished"), 3u);
+    EXPECT_EQ(events.count("OnNextVideoAdRequired") + events.count("OnViewDismissed"), 0u);
 }
 
 TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
@@ -64,7 +45,6 @@ TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
     EXPECT_EQ(events.take(), (Events{finished(0), {"OnNextVideoAdRequired", "0"}}));
     EXPECT_TRUE(pc->shouldWaitForAd);
     EXPECT_EQ(pc->pendingNextIndex, 0);
-
     vp.advance(0.1);  // teardown
     EXPECT_FALSE(simPlayer()->hasCurrentItem());
     EXPECT_TRUE(events.events().empty());
@@ -76,17 +56,14 @@ TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
     // Nothing plays while the host shows its ad; play() is refused but still echoed.
     pc->play();
     EXPECT_EQ(events.take(), (Events{kPlay}));
-    EXPECT_TRUE(logs.contains("⛔ Blocking playback until Ad finishes"));
-    EXPECT_FALSE(simPlayer()->hasCurrentItem());
-    EXPECT_FALSE(pc->isPlaying);
+    EXPECT_TRUE(logs.contains(kBlocked));
+    EXPECT_FALSE(simPlayer()->hasCurrentItem() || pc->isPlaying);
 
     service->AdCompletedResumePlayback();
     EXPECT_TRUE(logs.contains("🎯 Ad completed, resuming playback"));
     EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 1);
-    EXPECT_FALSE(pc->shouldWaitForAd);
-    EXPECT_FALSE(pc->pendingNextIndex.has_value());
-    EXPECT_EQ(pc->currentIndex.get(), 1);
-    EXPECT_EQ(playingURL(), urlOf("a1"));
+    EXPECT_FALSE(pc->shouldWaitForAd || pc->pendingNextIndex.has_value());
+    EXPECT_EQ(position(), at(1, "a1"));
     EXPECT_NE(pc->hostingController, nullptr);
     EXPECT_EQ(events.take(), (Events{kPlay}));
     EXPECT_TRUE(logs.contains("▶️ Playing next video at index: 1"));
@@ -108,43 +85,41 @@ TEST_F(Advancing, AdAfterTheLastVideoOfAPlaylistMovesToTheNextPlaylist) {
     EXPECT_EQ(events.count("OnNextVideoAdRequired"), 2u);
 }
 
-TEST_F(Advancing, PlayWhileBlockedOnlyEchoesAndLogs) {
+TEST_F(Advancing, PlayAndSeekWhileBlockedOnlyEchoAndLogAndPremiumIsNeverBlocked) {
     startPlaylist("pl-1");
     pc->pause();
     events.clear();
     SetAdRequired(true);
     EXPECT_TRUE(pc->shouldWaitForAd);
     const int playsBefore = simPlayer()->playCalls;
-    pc->play();
-    pc->play();
-    EXPECT_EQ(events.take(), (Events{kPlay, kPlay}));
-    EXPECT_EQ(logs.count("⛔ Blocking playback until Ad finishes"), 2u);
-    EXPECT_EQ(simPlayer()->playCalls, playsBefore);
-    EXPECT_FALSE(pc->isPlaying);
-
-    // Seeks are ignored while blocked, whatever the tier.
     const size_t seeksBefore = simPlayer()->seeks.size();
-    pc->seekTo(12);
+    pc->play();
+    pc->play();
+    pc->seekTo(12);  // ignored whatever the tier
+    EXPECT_EQ(events.take(), (Events{kPlay, kPlay}));
+    EXPECT_EQ(logs.count(kBlocked), 2u);
+    EXPECT_EQ(simPlayer()->playCalls, playsBefore);
     EXPECT_EQ(simPlayer()->seeks.size(), seeksBefore);
+    EXPECT_FALSE(pc->isPlaying);
 
     SetAdRequired(false);
     pc->play();
     EXPECT_EQ(events.take(), (Events{kPlay}));
     EXPECT_TRUE(pc->isPlaying);
     EXPECT_EQ(simPlayer()->playCalls, playsBefore + 1);
-}
 
-TEST_F(Advancing, PremiumViewerIsNeverBlocked) {
     subscriptionStatus() = SubscriptionStatus::premium;
-    startPlaylist("pl-1");
     pc->pause();
     SetAdRequired(true);
     pc->play();
     EXPECT_TRUE(pc->isPlaying);
-    EXPECT_FALSE(logs.contains("⛔ Blocking playback until Ad finishes"));
+    EXPECT_EQ(logs.count(kBlocked), 2u);
 }
 
-TEST_F(Advancing, FreeTileTapAsksForAnAdThenPlaysTheChosenVideo) {
+TEST_F(Advancing, FreeTileTapAsksForAnAdWhateverTheTrackerThenPlaysTheChosenVideo) {
+    auto config = policy({});
+    config.globalConstraints.maxAdsPerSession = 0;  // the tracker is not asked
+    pc->midRollConfig = config;
     startPlaylist("pl-1");
     pc->showPlaylist = true;
     events.clear();
@@ -156,21 +131,10 @@ TEST_F(Advancing, FreeTileTapAsksForAnAdThenPlaysTheChosenVideo) {
     EXPECT_EQ(events.take(), (Events{{"OnViewDismissed", "ad_required"}}));
 
     service->AdCompletedResumePlayback();
-    EXPECT_EQ(pc->currentIndex.get(), 2);
-    EXPECT_EQ(playingURL(), urlOf("a2"));
+    EXPECT_EQ(position(), at(2, "a2"));
     EXPECT_FALSE(pc->pendingVideo.has_value());
     EXPECT_EQ(playlist->currentVideoID.get(), "a2");
     EXPECT_EQ(events.take(), (Events{kPlay}));
-}
-
-TEST_F(Advancing, TileTapIgnoresTheTrackerForFreeViewers) {
-    auto config = policy({});
-    config.globalConstraints.maxAdsPerSession = 0;
-    pc->midRollConfig = config;
-    startPlaylist("pl-1");
-    events.clear();
-    pc->onVideoSelected(video("pl-1", 1));
-    EXPECT_EQ(events.take(), (Events{{"OnVideoTileClicked", "a1"}}));
 }
 
 TEST_F(Advancing, PremiumTileTapLoadsAtOnce) {
@@ -179,51 +143,73 @@ TEST_F(Advancing, PremiumTileTapLoadsAtOnce) {
     events.clear();
     pc->onVideoSelected(video("pl-1", 1));
     EXPECT_EQ(events.take(), (Events{kPlay}));
-    EXPECT_EQ(pc->currentIndex.get(), 1);
-    EXPECT_EQ(playingURL(), urlOf("a1"));
+    EXPECT_EQ(position(), at(1, "a1"));
     EXPECT_FALSE(pc->shouldWaitForAd);
     // A video from elsewhere plays too, at index 0 of the list.
     pc->onVideoSelected(video("pl-2", 1));
-    EXPECT_EQ(pc->currentIndex.get(), 0);
-    EXPECT_EQ(playingURL(), urlOf("b1"));
+    EXPECT_EQ(position(), at(0, "b1"));
 }
 
-TEST_F(Advancing, SessionCapLetsTheNextVideoPlayWithoutAnAd) {
-    auto config = policy({});
-    config.globalConstraints.maxAdsPerSession = 1;
-    playFirstVideoThroughItsAd(config);
+struct AdLimit {
+    const char* name;
+    std::optional<int64_t> cap;
+    std::optional<double> cooldown;
+    double wallShift;
+    Events afterA1;
+    std::string log;
+};
 
+class AdLimits : public PlayerControllerTest, public ::testing::WithParamInterface<AdLimit> {};
+
+TEST_P(AdLimits, LetTheNextVideoPlayWithoutAnAdWhileTheyHold) {
+    const auto& c = GetParam();
+    auto config = policy({});
+    config.globalConstraints.maxAdsPerSession = c.cap;
+    config.globalConstraints.minSecondsBetweenAnyAds = c.cooldown;
+    pc->midRollConfig = config;
+    // a0 ends and the host shows the between-videos ad (recorded now); a1 starts.
+    startPlaylist("pl-1");
+    vp.advance(kClip + 0.5);
+    service->AdCompletedResumePlayback();
+    vp.runUntilIdle();
+    events.clear();
+
+    vp.shiftWallClock(c.wallShift);
     vp.advance(kClip);
-    EXPECT_EQ(events.take(), (Events{finished(1), kPlay}));
-    EXPECT_TRUE(logs.contains("🚫 Ad blocked: session cap reached (1/1)"));
-    EXPECT_EQ(playingURL(), urlOf("a2"));
-    EXPECT_FALSE(pc->shouldWaitForAd);
+    EXPECT_EQ(events.take(), c.afterA1);
+    if (!c.log.empty()) {
+        EXPECT_TRUE(logs.contains(c.log));
+        EXPECT_EQ(playingURL(), urlOf("a2"));
+        EXPECT_FALSE(pc->shouldWaitForAd);
+    }
+    if (c.cooldown && !c.wallShift) {
+        vp.advance(kClip);  // 60 s after the ad: allowed again
+        EXPECT_EQ(events.take(), (Events{finished(2), {"OnNextVideoAdRequired", "2"}}));
+    }
 }
 
-TEST_F(Advancing, CooldownRefusesAnAdUntilItHasPassed) {
-    auto config = policy({});
-    config.globalConstraints.minSecondsBetweenAnyAds = 45;
-    playFirstVideoThroughItsAd(config);
+INSTANTIATE_TEST_SUITE_P(
+    Limits, AdLimits,
+    ::testing::Values(
+        AdLimit{"cap",
+                1,
+                std::nullopt,
+                0,
+                {finished(1), kPlay},
+                "🚫 Ad blocked: session cap reached (1/1)"},
+        // 30 s after the ad: refused, a2 follows at once.
+        AdLimit{"cooldown",
+                std::nullopt,
+                45,
+                0,
+                {finished(1), kPlay},
+                "🚫 Ad blocked: cooldown 30s / 45s"},
+        // The device clock jumps ahead while a1 plays: the cooldown follows it.
+        AdLimit{
+            "wallClock", std::nullopt, 45, 20, {finished(1), {"OnNextVideoAdRequired", "1"}}, ""}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-    vp.advance(kClip);  // 30 s after the ad: refused, a2 follows at once
-    EXPECT_EQ(events.take(), (Events{finished(1), kPlay}));
-    EXPECT_TRUE(logs.contains("🚫 Ad blocked: cooldown 30s / 45s"));
-
-    vp.advance(kClip);  // 60 s after the ad: allowed again
-    EXPECT_EQ(events.take(), (Events{finished(2), {"OnNextVideoAdRequired", "2"}}));
-}
-
-TEST_F(Advancing, CooldownFollowsTheWallClockNotPlayback) {
-    auto config = policy({});
-    config.globalConstraints.minSecondsBetweenAnyAds = 45;
-    playFirstVideoThroughItsAd(config);
-
-    vp.shiftWallClock(20);  // the device clock jumps ahead while a1 plays
-    vp.advance(kClip);
-    EXPECT_EQ(events.take(), (Events{finished(1), {"OnNextVideoAdRequired", "1"}}));
-}
-
-TEST_F(Advancing, AdCompletionWithNothingPendingJustPlays) {
+TEST_F(Advancing, AdCompletionWithNothingPendingLiftsTheBlockAndJustPlays) {
     startPlaylist("pl-1");
     events.clear();
     const int playsBefore = simPlayer()->playCalls;
@@ -233,9 +219,15 @@ TEST_F(Advancing, AdCompletionWithNothingPendingJustPlays) {
     EXPECT_EQ(simPlayer()->playCalls, playsBefore);
     EXPECT_EQ(playingURL(), urlOf("a0"));
 
+    pc->shouldWaitForAd = true;
     pc->pause();
     service->AdCompletedResumePlayback();
+    EXPECT_FALSE(pc->shouldWaitForAd.get());
+    EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 2);
+    EXPECT_EQ(logs.count("🎯 Ad completed, resuming playback"), 2u);
+    // play() ran after the block was lifted, so it was not refused.
     EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_FALSE(logs.contains(kBlocked));
     EXPECT_TRUE(pc->isPlaying);
     EXPECT_EQ(playingURL(), urlOf("a0"));
 }
@@ -249,17 +241,14 @@ TEST_F(Advancing, NextAndPreviousStopAtTheEdges) {
     pc->nextVideo();
     pc->nextVideo();
     EXPECT_EQ(playingURL(), urlOf("a2"));
-    EXPECT_TRUE(pc->disbleForwardButton);
-    EXPECT_FALSE(pc->disableBackButton);
+    EXPECT_TRUE(pc->disbleForwardButton && !pc->disableBackButton);
     events.clear();
     pc->nextVideo();
     EXPECT_EQ(playingURL(), urlOf("a2"));
     EXPECT_TRUE(events.events().empty());
     pc->prevVideo();
-    EXPECT_EQ(pc->currentIndex.get(), 1);
-    EXPECT_EQ(playingURL(), urlOf("a1"));
-    EXPECT_FALSE(pc->disableBackButton);
-    EXPECT_FALSE(pc->disbleForwardButton);
+    EXPECT_EQ(position(), at(1, "a1"));
+    EXPECT_FALSE(pc->disableBackButton || pc->disbleForwardButton);
 }
 
 TEST_F(Advancing, PlaylistSelectionResumesAtTheFirstUnwatchedVideo) {
@@ -269,8 +258,7 @@ TEST_F(Advancing, PlaylistSelectionResumesAtTheFirstUnwatchedVideo) {
     pc->dismissedCountdownRail = true;
     startPlaylist("pl-1");
     EXPECT_FALSE(pc->dismissedCountdownRail);
-    EXPECT_EQ(pc->currentIndex.get(), 2);
-    EXPECT_EQ(playingURL(), urlOf("a2"));
+    EXPECT_EQ(position(), at(2, "a2"));
     EXPECT_EQ(logs.count("playlist: pl-1"), 2u);
 }
 

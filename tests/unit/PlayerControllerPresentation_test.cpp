@@ -4,7 +4,6 @@
 namespace kavelin::testing {
 namespace {
 
-const HostEvent kPlay{"OnVideoPlay", "true"};
 constexpr double kAnimation = HeadlessPresenter::animationSeconds;
 
 using Presentation = PlayerControllerTest;
@@ -16,8 +15,7 @@ TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnce) {
     EXPECT_FALSE(pc->showPlaylist);  // the animation is still running
     vp.advance(kAnimation);
     EXPECT_EQ(vp.presenter->presented(), pc->hostingController);
-    EXPECT_TRUE(pc->showPlaylist);
-    EXPECT_TRUE(pc->hasShownInitialHalfScreen);
+    EXPECT_TRUE(pc->showPlaylist && pc->hasShownInitialHalfScreen);
     // The peek restarts the return task: the rail leaves five seconds later.
     vp.advance(5.0 - 0.01);
     EXPECT_TRUE(pc->showPlaylist);
@@ -26,16 +24,12 @@ TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnce) {
     // Later loads reuse the screen.
     pc->nextVideo();
     EXPECT_EQ(vp.presenter->presentCount(), 1);
-}
 
-TEST_F(Presentation, RailStaysWhilePausedOrScrubbing) {
-    startPlaylist("pl-1");
-    vp.advance(kAnimation);
-    ASSERT_TRUE(pc->showPlaylist);
+    // The rail stays while paused or scrubbing.
+    pc->showPlaylist = true;
     pc->pause();
     vp.advance(10);
     EXPECT_TRUE(pc->showPlaylist);
-
     pc->play();
     pc->isScrubbing = true;
     vp.advance(6);
@@ -60,8 +54,7 @@ TEST_F(Presentation, BackButtonClosesAndReopeningPeeksTheRailAgain) {
     EXPECT_EQ(pc->hostingController, nullptr);
     EXPECT_EQ(pc->player.get(), nullptr);
     EXPECT_EQ(pc->currentIndex.get(), 0);
-    EXPECT_FALSE(pc->hasShownInitialHalfScreen);
-    EXPECT_FALSE(pc->dismissedCountdownRail);
+    EXPECT_FALSE(pc->hasShownInitialHalfScreen || pc->dismissedCountdownRail);
     EXPECT_EQ(vp.players->liveTimeObservers(), 0u);
 
     // Reopening makes a fresh player and shows the rail once more.
@@ -134,9 +127,14 @@ TEST_F(Presentation, WithoutPlaylistControllerPlaysWithoutAScreen) {
     EXPECT_TRUE(pc->isPlaying);
 }
 
-TEST_F(Presentation, CountdownRailInTheLastFiveSeconds) {
+TEST_F(Presentation, WatchedAfterTenSecondsAndCountdownRailInTheLastFive) {
     startPlaylist("pl-1");
-    vp.advance(23.9);  // 6.1 s left: remaining 6
+    vp.advance(9.9);
+    EXPECT_FALSE(playlist->videos[0].isWatched);
+    vp.advance(0.2);
+    EXPECT_TRUE(playlist->videos[0].isWatched);
+    EXPECT_EQ(playlist->state(playlist->videos[0]), VideoState::watching);
+    vp.advance(23.9 - 10.1);  // 6.1 s left: remaining 6
     EXPECT_FALSE(pc->showPlaylist);
     EXPECT_EQ(playlist->countdownVideoID.get(), std::nullopt);
     vp.advance(0.2);  // 5.9 s left: remaining 5
@@ -159,15 +157,6 @@ TEST_F(Presentation, DismissedCountdownRailStaysAwayForThatVideo) {
     pc->clearCountdownRailDismissal();
     vp.advance(0.1);
     EXPECT_TRUE(pc->showPlaylist);
-}
-
-TEST_F(Presentation, WatchedAfterTenSeconds) {
-    startPlaylist("pl-1");
-    vp.advance(9.9);
-    EXPECT_FALSE(playlist->videos[0].isWatched);
-    vp.advance(0.2);
-    EXPECT_TRUE(playlist->videos[0].isWatched);
-    EXPECT_EQ(playlist->state(playlist->videos[0]), VideoState::watching);
 }
 
 TEST_F(Presentation, ControlsHideAfterFiveSecondsUnlessPausedOrScrubbing) {

@@ -1,9 +1,8 @@
 // The rail on its own: which cards it lists, how it scrolls to the video being
 // played, what drags report, and the layout rules of the cards and the screen.
-#include <imgui.h>
-
 #include "Kavelin/views/PlaylistBottomView.h"
 #include "Kavelin/views/VideoPlayerView.h"
+#include "support/HeadlessImGui.h"
 #include "support/PlayerControllerFixture.h"
 
 namespace kavelin::testing {
@@ -18,12 +17,7 @@ class RailTest : public PlayerControllerTest {
     }
     void SetUp() override {
         PlayerControllerTest::SetUp();
-        context = ImGui::CreateContext();
-        ImGuiIO& io = ImGui::GetIO();
-        io.IniFilename = nullptr;
-        io.DisplaySize = {390, 844};
-        Font::install(io);
-        io.Fonts->Build();
+        imgui.emplace(ImVec2{390, 844});
         orientation->updateOrientation(std::make_pair(390, 844));
         startPlaylist("pl-1");
         rail.emplace(
@@ -33,28 +27,25 @@ class RailTest : public PlayerControllerTest {
     }
     void TearDown() override {
         rail.reset();
-        ImGui::DestroyContext(context);
+        imgui.reset();
         PlayerControllerTest::TearDown();
     }
 
     void frame(ImVec2 mouse = {-1, -1}, bool down = false) {
-        ImGuiIO& io = ImGui::GetIO();
-        io.MousePos = mouse;
-        io.MouseDown[0] = down;
-        io.DeltaTime = 1.0f / 60;
-        ImGui::NewFrame();
-        trace.items.clear();
-        Frame f(ImGui::GetBackgroundDrawList(), vp.queue->now(), &trace);
-        rail->draw(f, area);
-        ImGui::Render();
+        imgui->frame(
+            vp.queue->now(), [&](Frame& f) { rail->draw(f, area); }, mouse, down);
+    }
+    void tap(float x) {
+        frame({x, 700}, true);
+        frame({x, 700}, false);
     }
     float offset() const { return rail->scrollOffset(vp.queue->now()); }
+    const DrawTrace& trace() const { return imgui->trace; }
 
-    ImGuiContext* context = nullptr;
+    std::optional<HeadlessImGui> imgui;
     std::shared_ptr<OrientationObserver> orientation = std::make_shared<OrientationObserver>();
     std::optional<PlaylistBottomView> rail;
     Rect area{0, 636, 390, 208};
-    DrawTrace trace;
     std::vector<std::string> selected, selectedPlaylists;
     int interactions = 0;
 };
@@ -64,26 +55,26 @@ TEST_F(RailTest, ListsTheVideosThenTheNextPlaylistAndDrawsOnlyWhatIsInView) {
     EXPECT_EQ(rail->cardCount(), 6u);
     EXPECT_TRUE(rail->hasNextPlaylistCard());
     // 180-wide cards 15 apart after a 16 padding: two fit in 390 points.
-    EXPECT_TRUE(trace.hasText("Title a0"));
-    EXPECT_TRUE(trace.hasText("Title a1"));
-    EXPECT_FALSE(trace.hasText("Title a3"));
+    EXPECT_TRUE(trace().hasText("Title a0"));
+    EXPECT_TRUE(trace().hasText("Title a1"));
+    EXPECT_FALSE(trace().hasText("Title a3"));
     EXPECT_FLOAT_EQ(rail->cardOffset(2), 16 + 2 * (180 + 15));
 }
 
 TEST_F(RailTest, ScrollsTheCurrentCardToTheLeadingEdgeAnimated) {
     frame();
-    EXPECT_FLOAT_EQ(offset(), 0);
+    EXPECT_FLOAT_EQ(offset(), 16);  // a0 itself at the edge, past the padding
     playlist->videoStarted("a3");
     frame();
-    EXPECT_FLOAT_EQ(offset(), 0);  // the 0.4 s animation starts here
+    EXPECT_FLOAT_EQ(offset(), 16);  // the 0.4 s animation starts here
     vp.advance(0.2);
-    EXPECT_GT(offset(), 0);
+    EXPECT_GT(offset(), 16);
     EXPECT_LT(offset(), 3 * 195);
     vp.advance(0.25);
-    EXPECT_FLOAT_EQ(offset(), 3 * 195);
+    EXPECT_FLOAT_EQ(offset(), rail->cardOffset(3));  // the card itself at the edge
     frame();
-    EXPECT_TRUE(trace.hasText("Title a3"));
-    EXPECT_FALSE(trace.hasText("Title a0"));
+    EXPECT_TRUE(trace().hasText("Title a3"));
+    EXPECT_FALSE(trace().hasText("Title a0"));
 
     // Without a playlist card the last video cannot go further than the content's end.
     playlist->nextPlaylist = std::nullopt;
@@ -101,23 +92,19 @@ TEST_F(RailTest, DragsScrollAndReportEveryChangeTapsSelect) {
     frame({60, 700}, true);
     frame({20, 702}, true);
     EXPECT_EQ(interactions, 3);
-    EXPECT_FLOAT_EQ(offset(), 80);
+    EXPECT_FLOAT_EQ(offset(), 16 + 80);
     frame({20, 702}, false);
     EXPECT_TRUE(selected.empty());  // a drag is not a tap
 
     // A tap on the card under the pointer plays it.
-    const float x = area.x + rail->cardOffset(1) - offset() + 30;
-    frame({x, 700}, true);
-    frame({x, 700}, false);
+    tap(area.x + rail->cardOffset(1) - offset() + 30);
     EXPECT_EQ(selected, std::vector<std::string>{"a1"});
 
     // Scrolled to the end, a tap on the playlist card selects the next playlist.
     playlist->videoStarted("a5");
     frame();
     vp.advance(0.5);
-    const float px = area.x + rail->cardOffset(6) - offset() + 30;
-    frame({px, 700}, true);
-    frame({px, 700}, false);
+    tap(area.x + rail->cardOffset(6) - offset() + 30);
     EXPECT_EQ(selectedPlaylists, std::vector<std::string>{"pl-2"});
 }
 
@@ -127,26 +114,21 @@ TEST_F(RailTest, EmptyPlaylistShowsOnlyTheNextPlaylistCard) {
     playlist->currentVideoID = std::nullopt;
     frame();
     EXPECT_EQ(rail->cardCount(), 0u);
-    EXPECT_TRUE(trace.hasText("Name pl-2"));
+    EXPECT_TRUE(trace().hasText("Name pl-2"));
     EXPECT_FLOAT_EQ(offset(), 0);
     playlist->nextPlaylist = std::nullopt;
     frame();
     EXPECT_FALSE(rail->hasNextPlaylistCard());
-    EXPECT_TRUE(trace.items.empty());
+    EXPECT_TRUE(trace().items.empty());
 }
 
 TEST(PlaylistCardGeometry, ThreeStackedCardsAndABottomRoundedBand) {
     auto g = PlaylistCardView::geometry({0, 0, 200, 100}, 30);
-    EXPECT_FLOAT_EQ(g.cornerRadius, 10);
-    EXPECT_FLOAT_EQ(g.back1.w, 176);
-    EXPECT_FLOAT_EQ(g.back1.h, 95);
-    EXPECT_FLOAT_EQ(g.back1.midY(), 50 - 20);  // up by twice the 10-point offset
-    EXPECT_FLOAT_EQ(g.back2.w, 188);
-    EXPECT_FLOAT_EQ(g.back2.midY(), 50 - 5);
-    EXPECT_FLOAT_EQ(g.front.w, 200);
-    EXPECT_FLOAT_EQ(g.front.h, 80);
+    // The back cards rise by twice and once the 10-point offset; the band sits at the bottom.
+    EXPECT_EQ(std::make_tuple(g.cornerRadius, g.back1.w, g.back1.h, g.back1.midY(), g.back2.w,
+                              g.back2.midY(), g.front.w, g.front.h, g.titleBand.h),
+              std::make_tuple(10.f, 176.f, 95.f, 30.f, 188.f, 45.f, 200.f, 80.f, 30.f));
     EXPECT_FLOAT_EQ(g.titleBand.bottom(), g.front.bottom());
-    EXPECT_FLOAT_EQ(g.titleBand.h, 30);
     EXPECT_EQ(cornerRadius(g.cornerRadius, bottomLeft | bottomRight).drawFlags(),
               ImDrawFlags_RoundCornersBottom);
 }

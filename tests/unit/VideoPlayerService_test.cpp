@@ -23,9 +23,9 @@ TEST_F(ServiceTest, PresentationFlagsLandAfterTheCurrentWorkOnWhicheverControlle
     service->setShowTimeDuration(false);
     EXPECT_TRUE(pc->showLogo.get()) << "flags are deferred, not applied inside the call";
     vp.runUntilIdle();
-    EXPECT_FALSE(pc->showLogo.get());
-    EXPECT_TRUE(pc->showForwardButton.get());
-    EXPECT_FALSE(pc->showTimeDration.get());
+    EXPECT_EQ(
+        std::make_tuple(pc->showLogo.get(), pc->showForwardButton.get(), pc->showTimeDration.get()),
+        std::make_tuple(false, true, false));
 
     // Set, then the controller is replaced before the block runs: the new one gets it.
     service->cleanup();
@@ -66,7 +66,7 @@ TEST_F(ServiceTest, CleanupDropsTheControllerUntilSetURLSMakesOneThatKnowsTheTra
     EXPECT_EQ(service->playerController->adSessionTracker.lock(), service->adSessionTracker);
 }
 
-TEST_F(ServiceTest, HostURLListSkipsNullEntriesAndKeepsOrder) {
+TEST(ServiceHostInput, URLListSkipsNullEntriesAndKeepsOrder) {
     const char* urls[] = {"a", nullptr, "b"};
     EXPECT_EQ(urlsFromHost(urls, 3), (std::vector<std::string>{"a", "b"}));
     EXPECT_TRUE(urlsFromHost(urls, 0).empty());
@@ -98,8 +98,7 @@ TEST_F(ServiceTest, PremiumResetsTheSessionAndCuePointsButTurningItOffResetsNoth
     EXPECT_TRUE(logs.contains("✅ Subscription updated:premium"));
     EXPECT_EQ(subscriptionStatus(), SubscriptionStatus::premium);
     EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 0);
-    EXPECT_FALSE(pc->midRollCuePointState.hasCuePoints());
-    EXPECT_FALSE(pc->midRollCuePointState.isShowingAd);
+    EXPECT_FALSE(pc->midRollCuePointState.hasCuePoints() || pc->midRollCuePointState.isShowingAd);
 }
 
 TEST_F(ServiceTest, UnknownAndEmptyPlaylistsAreErrorsAndStartNothing) {
@@ -137,14 +136,11 @@ TEST_F(ServiceTest, MergeKeepsHostOrderAndEverythingTheHostSent) {
     ASSERT_EQ(result.size(), 2u);
     EXPECT_EQ(result[0].id, "p2");
     EXPECT_TRUE(result[0].videos.empty());
-    EXPECT_EQ(result[1].id, "p1");
-    EXPECT_EQ(result[1].name, "One");
-    EXPECT_EQ(result[1].thumbnail, "t1");
-    EXPECT_FALSE(result[1].description.has_value());
+    EXPECT_EQ(std::tie(result[1].id, result[1].name, result[1].thumbnail, result[1].description),
+              std::make_tuple("p1", "One", "t1", std::nullopt));
     ASSERT_EQ(result[1].videos.size(), 3u) << "no sorting, filtering or de-duplication";
-    EXPECT_EQ(result[1].videos[0].id, "9");
-    EXPECT_EQ(result[1].videos[0].url, "u9");
-    EXPECT_EQ(result[1].videos[0].description, "p1");
+    const Video& first = result[1].videos[0];
+    EXPECT_EQ(std::tie(first.id, first.url, first.description), std::make_tuple("9", "u9", "p1"));
     EXPECT_TRUE(logs.contains("Mapped playlist: Two with 0 videos"));
     EXPECT_TRUE(logs.contains("Mapped playlist: One with 3 videos"));
 }
@@ -154,20 +150,6 @@ TEST_F(ServiceTest, EmptyPlaylistDocumentStillWaits) {
     service->setPlaylistsFromUnity("[]");
     EXPECT_EQ(logs.count("⏳ Waiting for playlists..."), 2u);
     EXPECT_EQ(playlists().size(), 2u) << "the catalogue keeps its previous content";
-}
-
-TEST_F(ServiceTest, AdCompletionWithNothingPendingClearsTheBlockThenPlays) {
-    startPlaylist("pl-1");
-    pc->shouldWaitForAd = true;
-    pc->pause();
-    events.clear();
-    service->AdCompletedResumePlayback();
-    EXPECT_FALSE(pc->shouldWaitForAd.get());
-    EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 1);
-    EXPECT_TRUE(logs.contains("🎯 Ad completed, resuming playback"));
-    EXPECT_EQ(events.take(), (Events{{"OnVideoPlay", "true"}}))
-        << "play() ran after the block was lifted, so it was not refused";
-    EXPECT_FALSE(logs.contains("⛔ Blocking playback until Ad finishes"));
 }
 
 }  // namespace

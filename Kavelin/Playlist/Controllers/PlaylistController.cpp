@@ -1,8 +1,6 @@
 #include "Kavelin/Playlist/Controllers/PlaylistController.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <iterator>
 
 #include "Kavelin/Platform/Immortal.h"
@@ -12,15 +10,13 @@
 namespace kavelin {
 namespace {
 
-// An empty catalogue here is a programming error of the embedding code: stop.
-const Playlist& firstPlaylistOrDie() {
-    auto& list = playlists();
-    if (list.empty()) {
-        std::fputs("Fatal error: Index out of range (the playlist catalogue is empty)\n", stderr);
-        std::fflush(stderr);
-        std::abort();
-    }
-    return list.front();
+// An empty catalogue is a mistake of the embedding code, but closing the game
+// over it would be worse: say so and go on with no playlist.
+Playlist firstPlaylistOrEmpty() {
+    const auto& list = playlists();
+    if (!list.empty()) return list.front();
+    VPLogger::error("❌ The playlist catalogue is empty; the playlist controller starts with none");
+    return Playlist();
 }
 
 const std::set<std::string>& emptySet() {
@@ -31,7 +27,7 @@ const std::set<std::string>& emptySet() {
 }  // namespace
 
 PlaylistController::PlaylistController(std::shared_ptr<UserDefaults> defaults)
-    : currentPlaylist(this, firstPlaylistOrDie()),
+    : currentPlaylist(this, firstPlaylistOrEmpty()),
       videos(currentPlaylist->videos),
       defaults_(defaults ? std::move(defaults) : Platform::current().defaults) {
     // Writing the loaded map straight back also replaces an unusable stored entry.
@@ -147,8 +143,12 @@ void PlaylistController::setNextPlaylist() {
     // The catalogue is a ring: after the last (or an unknown) playlist comes the first.
     if (current != list.end() && std::next(current) != list.end())
         nextPlaylist = *std::next(current);
-    else
-        nextPlaylist = firstPlaylistOrDie();
+    else if (!list.empty())
+        nextPlaylist = list.front();
+    else {
+        VPLogger::error("❌ The playlist catalogue is empty; there is no next playlist");
+        nextPlaylist = std::nullopt;
+    }
 }
 
 std::vector<Playlist> PlaylistController::loadAllplaylist() const {

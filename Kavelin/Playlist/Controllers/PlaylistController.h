@@ -24,8 +24,9 @@ class PlaylistController : public ObservableObject {
     static constexpr const char* kCompletedVideosKey =
         "zelkin.playlistSDK.completedVideosByPlaylist";
 
-    // Reads the process-wide catalogue (it must not be empty) and the watched map
-    // from `defaults` (the platform's store when null).
+    // Reads the process-wide catalogue (an empty one is logged as an error and leaves
+    // the controller without a playlist) and the watched map from `defaults` (the
+    // platform's store when null).
     explicit PlaylistController(std::shared_ptr<UserDefaults> defaults = nullptr);
     ~PlaylistController() override;
 

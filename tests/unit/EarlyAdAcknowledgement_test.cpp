@@ -1,0 +1,101 @@
+// A host with no ad to show acknowledges at once: inside the request's callback,
+// while the screen is still closing, or later. Playback must resume exactly once,
+// after "OnViewDismissed:ad_required", whatever the moment.
+#include <Kavelin/Kavelin.h>
+
+#include "support/PlayerControllerFixture.h"
+
+namespace kavelin::testing {
+namespace {
+
+enum class Kind { nextVideo, tile, midRoll };
+constexpr double kInsideCallback = -1;
+
+struct Case {
+    Kind kind;
+    double ackDelay;  // after the request, or kInsideCallback
+};
+
+std::string requestOf(Kind kind) {
+    switch (kind) {
+        case Kind::nextVideo:
+            return "OnNextVideoAdRequired";
+        case Kind::tile:
+            return "OnVideoTileClicked";
+        case Kind::midRoll:
+            return "OnMidRollAdRequired";
+    }
+    return "";
+}
+
+class EarlyAck : public PlayerControllerTest, public ::testing::WithParamInterface<Case> {
+  protected:
+    static inline std::string ackOn;  // request method acknowledged inside the callback
+
+    static void hostCallback(const char* text) {
+        if (!ackOn.empty() && std::string_view(text).starts_with(ackOn + ":")) {
+            AdCompletedResumePlayback();
+            AdCompletedResumePlayback();  // a second answer must not resume twice
+        }
+    }
+
+    void TearDown() override {
+        registerUnityCallback(nullptr);
+        ackOn.clear();
+        PlayerControllerTest::TearDown();
+    }
+};
+
+TEST_P(EarlyAck, ResumesOnceAfterTheDismissalWhateverTheMoment) {
+    const auto [kind, delay] = GetParam();
+    const std::string request = requestOf(kind);
+    if (kind == Kind::midRoll) pc->midRollConfig = policy({0.5});  // cue at 15 s
+    registerUnityCallback(hostCallback);
+    if (delay == kInsideCallback) ackOn = request;
+    startPlaylist("pl-1");
+    vp.advance(2);
+    events.clear();
+
+    if (kind == Kind::tile) pc->onVideoSelected(video("pl-1", 2));
+    for (int i = 0; i < 700 && events.count(request) == 0; ++i) vp.advance(0.05);
+    ASSERT_EQ(events.count(request), 1u);
+    if (delay != kInsideCallback) {
+        vp.advance(delay);
+        AdCompletedResumePlayback();
+    }
+    vp.advance(2);
+
+    const auto& all = events.events();
+    auto at = std::find_if(all.begin(), all.end(), [&](auto& e) { return e.method == request; });
+    ASSERT_GE(all.end() - at, 3) << ::testing::PrintToString(all);
+    EXPECT_EQ(at[1], (HostEvent{"OnViewDismissed", "ad_required"}));
+    EXPECT_EQ(at[2], (HostEvent{"OnVideoPlay", "true"}));
+    EXPECT_EQ(events.count("OnViewDismissed"), 1u);
+    EXPECT_EQ(vp.presenter->presentCount(), 2);  // reopened once
+    const char* expected = kind == Kind::nextVideo ? "a1" : kind == Kind::tile ? "a2" : "a0";
+    EXPECT_EQ(playingURL(), urlOf(expected));
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_FALSE(pc->shouldWaitForAd);
+    EXPECT_NE(pc->hostingController, nullptr);
+    EXPECT_GT(pc->currentTime.get(), 1.0);
+}
+
+std::string caseName(const ::testing::TestParamInfo<Case>& info) {
+    static const char* const kinds[] = {"NextVideo", "Tile", "MidRoll"};
+    const double d = info.param.ackDelay;
+    return std::string(kinds[static_cast<int>(info.param.kind)]) +
+           (d < 0 ? "InsideCallback" : "After" + std::to_string(static_cast<int>(d * 1000)) + "ms");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    KindsAndMoments, EarlyAck,
+    ::testing::Values(Case{Kind::nextVideo, kInsideCallback}, Case{Kind::nextVideo, 0.05},
+                      Case{Kind::nextVideo, 0.2}, Case{Kind::nextVideo, 1.0},
+                      Case{Kind::tile, kInsideCallback}, Case{Kind::tile, 0.05},
+                      Case{Kind::tile, 0.2}, Case{Kind::tile, 1.0},
+                      Case{Kind::midRoll, kInsideCallback}, Case{Kind::midRoll, 0.05},
+                      Case{Kind::midRoll, 0.2}, Case{Kind::midRoll, 1.0}),
+    caseName);
+
+}  // namespace
+}  // namespace kavelin::testing
