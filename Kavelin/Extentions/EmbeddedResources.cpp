@@ -7,7 +7,9 @@
 namespace kavelin {
 
 std::optional<std::string> resourceBytes(std::string_view name, const char* overrideVariable) {
-    if (const char* dir = overrideVariable ? std::getenv(overrideVariable) : nullptr; dir && *dir) {
+    const char* dir = overrideVariable ? std::getenv(overrideVariable) : nullptr;
+    // A host's "kavelin:" thumbnail address must not walk out of the folder.
+    if (dir && *dir && name.find("..") == std::string_view::npos) {
         // Artwork being edited is picked up without a rebuild.
         if (std::ifstream in(std::string(dir) + "/" + std::string(name), std::ios::binary); in) {
             std::stringstream buffer;
