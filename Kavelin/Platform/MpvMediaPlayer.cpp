@@ -248,8 +248,10 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     void setPaused(bool paused) {
         paused_ = paused;
         if (mpv_) {
+            // Not waited for: mpv's core may be busy decoding, and the host's call
+            // must not wait with it. Requests stay in order with later commands.
             int flag = paused ? 1 : 0;
-            mpv_set_property(mpv_, "pause", MPV_FORMAT_FLAG, &flag);
+            mpv_set_property_async(mpv_, 0, "pause", MPV_FORMAT_FLAG, &flag);
         }
         scheduleStatusUpdate();
     }

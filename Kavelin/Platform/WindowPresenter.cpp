@@ -7,9 +7,11 @@
 #include <backends/imgui_impl_sdl.h>
 #include <imgui.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -139,6 +141,62 @@ struct WindowPresenter::Inbox {
     }
     static int notOurs(void* self, SDL_Event* event) {
         return eventWindow(*event) != static_cast<Inbox*>(self)->window;
+    }
+};
+
+// Software GL rasterises a frame inside the swap: tens of milliseconds under Xvfb.
+// The swap runs here with the context handed over, so a host call waits at most for
+// the recording of a frame, never for its presentation.
+struct WindowPresenter::Swapper {
+    SDL_Window* window;
+    void* context;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::function<void()> presented;  // set while a frame is out
+    bool busy = false, stop = false;
+    std::thread thread;
+
+    Swapper(SDL_Window* w, void* c) : window(w), context(c), thread([this] { loop(); }) {}
+    ~Swapper() {
+        {
+            std::unique_lock lock(mutex);
+            changed.wait(lock, [this] { return !busy; });
+            stop = true;
+        }
+        changed.notify_all();
+        thread.join();
+    }
+    void present(std::function<void()> then) {
+        {
+            std::lock_guard lock(mutex);
+            presented = std::move(then);
+            busy = true;
+        }
+        changed.notify_all();
+    }
+    bool isBusy() {
+        std::lock_guard lock(mutex);
+        return busy;
+    }
+    void waitIdle() {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [this] { return !busy; });
+    }
+    void loop() {
+        std::unique_lock lock(mutex);
+        for (;;) {
+            changed.wait(lock, [this] { return busy || stop; });
+            if (!busy) return;
+            auto then = std::move(presented);
+            lock.unlock();
+            SDL_GL_MakeCurrent(window, context);
+            SDL_GL_SwapWindow(window);
+            SDL_GL_MakeCurrent(window, nullptr);
+            if (then) then();
+            lock.lock();
+            busy = false;
+            changed.notify_all();
+        }
     }
 };
 
@@ -283,12 +341,22 @@ void WindowPresenter::finishOpening() {
     inbox_->window = SDL_GetWindowID(window_);
     SDL_AddEventWatch(&Inbox::watch, inbox_.get());
     SDL_GL_MakeCurrent(window_, glContext_);
+    glCurrent_ = true;
     // Frames are paced by the queue, never by blocking in a swap.
     SDL_GL_SetSwapInterval(0);
+    swapper_ = std::make_unique<Swapper>(window_, glContext_);
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
     ImGui_ImplSDL2_InitForOpenGL(window_, glContext_);
     ImGui_ImplOpenGL3_Init("#version 150");
-    Textures::install(uploadTexture, releaseTexture);
+    Textures::install(
+        [this](const Image& image) {
+            acquireGl();
+            return uploadTexture(image);
+        },
+        [this](ImTextureID texture) {
+            acquireGl();
+            releaseTexture(texture);
+        });
 
     std::weak_ptr<WindowPresenter> weak = weak_from_this();
     auto invalidate = [weak] {
@@ -327,6 +395,20 @@ void WindowPresenter::waitForBackgroundWork() {
     // At exit: nothing may still be talking to the display while it is torn down.
     std::lock_guard lock(openerMutex_);
     if (opener_.joinable()) opener_.join();
+    if (swapper_) swapper_->waitIdle();
+}
+
+void WindowPresenter::acquireGl() {
+    if (swapper_) swapper_->waitIdle();
+    if (glCurrent_ || !window_) return;
+    SDL_GL_MakeCurrent(window_, glContext_);
+    glCurrent_ = true;
+}
+
+void WindowPresenter::swapFinished() {
+    if (!frameAfterSwap_) return;
+    frameAfterSwap_ = false;
+    if (window_ && dirty_ && shown_) scheduleFrame();
 }
 
 void WindowPresenter::releaseThreadResources() {
@@ -343,6 +425,8 @@ void WindowPresenter::releaseThreadResources() {
 
 void WindowPresenter::destroyWindow() {
     if (!window_) return;
+    swapper_.reset();
+    frameAfterSwap_ = false;
     SDL_GL_MakeCurrent(window_, glContext_);
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
     queue_->setIdleHook(nullptr, 0);
@@ -361,6 +445,7 @@ void WindowPresenter::destroyWindow() {
     imgui_ = nullptr;
     SDL_GL_DeleteContext(glContext_);
     glContext_ = nullptr;
+    glCurrent_ = false;
     SDL_DelEventWatch(&Inbox::watch, inbox_.get());
     SDL_DestroyWindow(window_);
     window_ = nullptr;
@@ -595,9 +680,13 @@ WindowPresenter::Capture WindowPresenter::capture() {
 }
 
 void WindowPresenter::renderFrame(Capture* capture) {
+    if (!capture && swapper_ && swapper_->isBusy()) {
+        frameAfterSwap_ = true;  // drawn when the frame before it is out
+        return;
+    }
     dirty_ = false;
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
-    SDL_GL_MakeCurrent(window_, glContext_);
+    acquireGl();
     if (renderer_) renderer_->collect();
 
     ImGui_ImplOpenGL3_NewFrame();
@@ -633,8 +722,22 @@ void WindowPresenter::renderFrame(Capture* capture) {
         for (int y = 0; y < fbh; ++y)
             std::memcpy(capture->rgba.data() + row * y, flipped.data() + row * (fbh - 1 - y), row);
     }
-    SDL_GL_SwapWindow(window_);
-    if (renderer_) renderer_->endFrame();
+    if (!exitHookRearmed_ || capture || !swapper_) {
+        // The first frame initialises more of the GL stack, whose exit handlers ours
+        // must follow: it is presented here.
+        SDL_GL_SwapWindow(window_);
+        if (renderer_) renderer_->endFrame();
+    } else {
+        SDL_GL_MakeCurrent(window_, nullptr);
+        glCurrent_ = false;
+        std::weak_ptr<WindowPresenter> weak = weak_from_this();
+        swapper_->present([renderer = renderer_, queue = queue_, weak] {
+            if (renderer) renderer->endFrame();
+            queue->async([weak] {
+                if (auto self = weak.lock()) self->swapFinished();
+            });
+        });
+    }
     if (!exitHookRearmed_) {
         exitHookRearmed_ = true;
         Platform::rearmExitHook();

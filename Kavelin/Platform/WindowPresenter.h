@@ -79,6 +79,9 @@ class WindowPresenter final : public ScreenPresenter,
     void finishOpening();
     void waitForOpening();
     void showWindow(bool animated);
+    // Makes the window's GL context current here, once a frame being presented is out.
+    void acquireGl();
+    void swapFinished();
     void destroyWindow();
     void pump();
     void handleEvent(const SDL_Event& event);
@@ -88,6 +91,7 @@ class WindowPresenter final : public ScreenPresenter,
     float fadeValue(double now) const;
 
     struct Inbox;
+    struct Swapper;
     std::shared_ptr<ThreadMainQueue> queue_;
     SDL_Window* window_ = nullptr;
     std::unique_ptr<Inbox> inbox_;
@@ -97,6 +101,9 @@ class WindowPresenter final : public ScreenPresenter,
     std::vector<std::weak_ptr<MediaPlayer>> pendingPlayers_;
     bool pendingShow_ = false;
     void* glContext_ = nullptr;
+    bool glCurrent_ = false;            // on the queue's thread
+    std::unique_ptr<Swapper> swapper_;  // presents frames on a thread of its own
+    bool frameAfterSwap_ = false;
     void* renderGlContext_ = nullptr;  // shares textures; mpv's render thread owns it
     void* imgui_ = nullptr;            // ImGuiContext
     bool windowFailed_ = false;

@@ -205,7 +205,7 @@ TEST(DocumentText, LargeAndDeepDocuments) {
     EXPECT_EQ(list.back().episodes.size(), 3000u);
     EXPECT_EQ(list.back().episodes.back().index, "2999");
     // The same document with one ill-formed byte near its end is rejected whole.
-    text.insert(text.size() - 40, "\xFF");
+    text.insert(text.size() - 40, 1, '\xFF');
     EXPECT_THAT(episodesError(text), HasSubstr("malformed JSON"));
 
     // 10 MB of brackets fail without exhausting the stack.
