@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -82,14 +84,27 @@ int runSdlHost(void* lib, const std::string& clip) {
 int grabScreen(void* lib, const std::string& clip, const std::string& out) {
     if (!startPlaying(lib, clip)) return 4;
     entry<void (*)()>(lib, "pause")();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // fade-in done
     const char* display = std::getenv("DISPLAY");
     const std::string command = "ffmpeg -v error -y -f x11grab -video_size 1280x200 -i '" +
                                 std::string(display ? display : ":0") +
                                 "+0,0' -frames:v 1 -f rawvideo -pix_fmt rgb24 '" + out + "'";
-    const int rc = std::system(command.c_str());
+    // The screen fades in and its controls settle at the pace of a loaded machine:
+    // the picture counts once two grabs half a second apart agree.
+    std::string previous;
+    int rc = 5;
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        if (std::system(command.c_str()) != 0) break;
+        std::ifstream in(out, std::ios::binary);
+        std::string grabbed{std::istreambuf_iterator<char>(in), {}};
+        if (!grabbed.empty() && grabbed == previous) {
+            rc = 0;
+            break;
+        }
+        previous = std::move(grabbed);
+    }
     entry<void (*)()>(lib, "cleanup")();
-    return rc == 0 ? 0 : 5;
+    return rc;
 }
 
 }  // namespace
