@@ -2,7 +2,7 @@
 MAKEFLAGS += --no-print-directory
 BUILD ?= build
 JOBS ?= $(shell nproc)
-CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
+CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKAVELIN_CHECK_MAIN_QUEUE=ON
 # The project's own builds fail on any warning; a game's build of the library does not.
 WERROR_FLAGS ?= -DKAVELIN_WERROR=ON
 PREFIX ?= /usr/local

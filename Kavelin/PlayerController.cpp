@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "Kavelin/Extentions/URLString.h"
+#include "Kavelin/Platform/MainQueueCheck.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/log/VPLogger.h"
 
@@ -24,6 +25,7 @@ constexpr double kSeekTolerance = 0.1;
 }  // namespace
 
 std::shared_ptr<PlayerController> PlayerController::make(const Platform& platform) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::shared_ptr<PlayerController> controller(new PlayerController(platform));
     if (platform.players) controller->player = platform.players->makePlayer();
     return controller;
@@ -37,10 +39,12 @@ PlayerController::~PlayerController() {
 }
 
 void PlayerController::setURLS(std::vector<std::string> newURLs) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     urls = std::move(newURLs);
 }
 
 void PlayerController::attachPlaylist(const std::shared_ptr<PlaylistController>& playlist) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     playlistController = playlist;
     if (!playlist) return;
     const int index = currentIndex;
@@ -54,6 +58,7 @@ void PlayerController::attachPlaylist(const std::shared_ptr<PlaylistController>&
 }
 
 std::string PlayerController::currentVideoID() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto playlist = playlistController.lock();
     if (!playlist) return "";
     const int index = currentIndex;
@@ -62,6 +67,7 @@ std::string PlayerController::currentVideoID() const {
 }
 
 void PlayerController::loadVideo(const std::string& urlString) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     VPLogger::log("current index: " + std::to_string(currentIndex.get()));
     showLoadingUI(true);
     const auto address = playerAddress(urlString);
@@ -119,24 +125,13 @@ void PlayerController::loadVideo(const std::string& urlString) {
 
     if (!hostingController) presentVideoPlayer();
     armNoProgressWatch();
-    // cleanup() above has already cleared the resume position, so in practice every
-    // load starts from the beginning; the seek branch is kept for a position set
-    // between the two.
-    if (midRollResumePosition) {
-        if (mediaPlayer) {
-            mediaPlayer->seek(*midRollResumePosition, 0, 0, [weak](bool) {
-                if (auto self = weak.lock()) self->play();
-            });
-        }
-        midRollResumePosition.reset();
-    } else {
-        play();
-    }
+    play();  // cleanup() above cleared any resume position: a load starts at 0
     autoHideControls();
     if (auto playlist = playlistController.lock()) playlist->videoStarted(currentVideoID());
 }
 
 void PlayerController::play() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto keepAlive = shared_from_this();  // the echo below reaches host code
     // Play on a failed item is the viewer's retry; the load plays (and echoes) itself.
     if (playbackFailed && loadDepth_ == 0 && !loadedURL_.empty()) {
@@ -160,12 +155,12 @@ void PlayerController::play() {
     showLoadingUI(false);
     autoHideControls();
     shouldBePlayingAfterResume = true;
-    autoPlayCurrentVideo = false;
     scheduleHalfScreenAutoReturn();
     if (auto p = player.get()) p->play();
 }
 
 void PlayerController::pause() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto mediaPlayer = player.get();
     // Without a player nothing reports paused, so the controls still come up.
     const bool playerPaused =
@@ -179,12 +174,31 @@ void PlayerController::pause() {
 }
 
 void PlayerController::stop() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     pause();
     autoHideControls();
     seekTo(0);
 }
 
+void PlayerController::beginScrub() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    isScrubbing = true;
+    wasPlayingBeforeScrub = isPlaying;
+    if (const auto& p = player.get()) p->pause();
+    cancelAutoHide();
+}
+
+void PlayerController::endScrub() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    isScrubbing = false;
+    seekTo(currentTime);
+    if (wasPlayingBeforeScrub) play();
+    scheduleHalfScreenAutoReturn();
+    autoHideControls();
+}
+
 void PlayerController::seekTo(double value) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (shouldWaitForAd) return;
     auto mediaPlayer = player.get();
     const double from = mediaPlayer ? mediaPlayer->currentTime() : 0;
@@ -199,6 +213,7 @@ void PlayerController::seekTo(double value) {
 }
 
 void PlayerController::seekForward(double seconds) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto mediaPlayer = player.get();
     const double target = (mediaPlayer ? mediaPlayer->currentTime() : 0) + seconds;
     autoHideControls();
@@ -206,6 +221,7 @@ void PlayerController::seekForward(double seconds) {
 }
 
 void PlayerController::seekBackward(double seconds) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto mediaPlayer = player.get();
     const double target = std::max((mediaPlayer ? mediaPlayer->currentTime() : 0) - seconds, 0.0);
     autoHideControls();
@@ -213,10 +229,12 @@ void PlayerController::seekBackward(double seconds) {
 }
 
 void PlayerController::showLoadingUI(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     showLoading = show;
 }
 
 void PlayerController::addPeriodicTimeObserver() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto mediaPlayer = player.get();
     if (!mediaPlayer) {
         timeObserverToken = 0;
@@ -230,6 +248,7 @@ void PlayerController::addPeriodicTimeObserver() {
 }
 
 void PlayerController::onClockTick(double t) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (!std::isfinite(t)) return;
     if (!isScrubbing && std::abs(currentTime - t) > kPublishThreshold) currentTime = t;
     if (duration <= 0) return;
@@ -253,6 +272,7 @@ void PlayerController::onClockTick(double t) {
 }
 
 void PlayerController::observeDuration() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto mediaPlayer = player.get();
     if (!mediaPlayer || !mediaPlayer->hasCurrentItem()) return;
     if (durationObservation) mediaPlayer->invalidateDurationObservation(durationObservation);
@@ -279,6 +299,7 @@ void PlayerController::observeDuration() {
 }
 
 void PlayerController::onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (newStatus == oldStatus) return;
     platform_.queue->async([weak = weak_from_this(), newStatus, generation = itemGeneration_] {
         auto self = weak.lock();
@@ -294,6 +315,7 @@ void PlayerController::onStatusChange(TimeControlStatus oldStatus, TimeControlSt
 }
 
 void PlayerController::armNoProgressWatch() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     // A stalled server or an item that never opens must not spin forever; a slow
     // one that keeps making progress goes back to playing and disarms this.
     if (noProgressWorkItem || playbackFailed) return;
@@ -314,11 +336,13 @@ void PlayerController::armNoProgressWatch() {
 }
 
 void PlayerController::cancelFailureTimers() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (noProgressWorkItem) std::exchange(noProgressWorkItem, nullptr)->cancel();
     if (leaveAfterFailureWorkItem) std::exchange(leaveAfterFailureWorkItem, nullptr)->cancel();
 }
 
 void PlayerController::playbackDidFail(const std::string& reason) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (playbackFailed) return;
     cancelFailureTimers();
     char delay[32];
@@ -343,6 +367,7 @@ void PlayerController::playbackDidFail(const std::string& reason) {
 }
 
 std::string PlayerController::formatTime(double seconds) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (!std::isfinite(seconds)) return "00:00";
     // Clamp before converting: huge values would not fit an integer.
     const double whole = std::trunc(std::clamp(seconds, 0.0, 9.0e15));
@@ -353,6 +378,7 @@ std::string PlayerController::formatTime(double seconds) {
 }
 
 void PlayerController::cleanup() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto mediaPlayer = player.get();
     if (timeObserverToken && mediaPlayer) mediaPlayer->removeTimeObserver(timeObserverToken);
     timeObserverToken = 0;
@@ -390,11 +416,13 @@ void PlayerController::cleanup() {
 }
 
 bool PlayerController::adAllowedByTracker() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto tracker = adSessionTracker.lock();
     return !tracker || tracker->canShowAd(midRollConfig);
 }
 
 bool PlayerController::loadURLAt(int index, std::string_view caller) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (index < 0 || index >= static_cast<int>(urls.size())) {
         VPLogger::warning("⚠️ " + std::string(caller) + ": index " + std::to_string(index) +
                           " is outside the " + std::to_string(urls.size()) +
@@ -405,6 +433,7 @@ bool PlayerController::loadURLAt(int index, std::string_view caller) {
 }
 
 bool PlayerController::moveAndLoad(int index, const std::string& urlString) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (!playerAddress(urlString)) {
         loadVideo(urlString);  // logs the refusal; the position stays
         return false;

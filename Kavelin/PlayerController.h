@@ -38,7 +38,6 @@ class PlayerController : public ObservableObject,
     Published<bool> isPlaying{this, false};
     Published<double> currentTime{this, 0};
     Published<double> duration{this, 0};
-    Published<double> buttonSize{this, 50.0};
     Published<bool> showForwardButton{this, false};
     Published<bool> showBackwordButton{this, false};
     Published<bool> showBack10Button{this, true};
@@ -55,7 +54,6 @@ class PlayerController : public ObservableObject,
     Published<WorkItemPtr> hideControlsWorkItem{this, nullptr};
     Published<bool> showPlaylist{this, false};
     Published<bool> shouldWaitForAd{this, false};
-    Published<bool> autoPlayCurrentVideo{this, false};
     Published<int> currentIndex{this, 0};
     Published<bool> isScrubbing{this, false};
     // The current item cannot play (it failed, or made no progress for
@@ -102,6 +100,10 @@ class PlayerController : public ObservableObject,
     void seekForward(double seconds);
     void seekBackward(double seconds);
     void seekTo(double value);
+    // The seek bar's drag: playback holds while the thumb moves and resumes, at the
+    // dropped position, only if it was playing before.
+    void beginScrub();
+    void endScrub();
     void showLoadingUI(bool show);
     void addPeriodicTimeObserver();
     void observeDuration();
@@ -138,6 +140,8 @@ class PlayerController : public ObservableObject,
     // may answer inside the request's callback, before the screen has closed; the
     // resume then waits for the close, or the late teardown would undo it.
     void adCompleted();
+    // The host's own override of the ad gate for the next advance.
+    void setAdRequired(bool required);
     bool isClosingForAd() const { return adClosingSteps_ > 0; }
     // Moves to `index` and loads `urlString`, unless loadVideo would refuse the
     // address: then only the refusal is logged and the position does not move.

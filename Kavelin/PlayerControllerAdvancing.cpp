@@ -2,6 +2,7 @@
 
 #include "Kavelin/Extentions/NumberFormatting.h"
 #include "Kavelin/Extentions/URLString.h"
+#include "Kavelin/Platform/MainQueueCheck.h"
 #include "Kavelin/PlayerController.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/log/VPLogger.h"
@@ -24,6 +25,7 @@ std::optional<int> indexOfVideo(const std::vector<Video>& videos, const std::str
 }  // namespace
 
 void PlayerController::playerDidFinishPlaying() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto keepAlive = shared_from_this();  // events reach host code
     auto playlist = playlistController.lock();
     if (!playlist || !playlist->currentVideoID.get()) return;
@@ -44,6 +46,7 @@ void PlayerController::playerDidFinishPlaying() {
 }
 
 void PlayerController::playNextVideo(int index) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto playlist = playlistController.lock();
     if (!playlist) return;
     showLoadingUI(true);
@@ -64,6 +67,7 @@ void PlayerController::playNextVideo(int index) {
 }
 
 void PlayerController::playNextPlaylist() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto playlist = playlistController.lock();
     if (!playlist) return;
     // The catalogue is a ring: after the last playlist comes the first.
@@ -92,6 +96,7 @@ void PlayerController::playNextPlaylist() {
 }
 
 void PlayerController::nextVideo() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (currentIndex < static_cast<int>(urls.size()) - 1) {
         autoHideControls();
         loadURLAt(currentIndex + 1, "nextVideo");
@@ -101,6 +106,7 @@ void PlayerController::nextVideo() {
 }
 
 void PlayerController::prevVideo() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (currentIndex < 1) {
         disableBackButton = true;
         return;
@@ -110,10 +116,12 @@ void PlayerController::prevVideo() {
 }
 
 void PlayerController::playApprovedVideo() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (currentIndex < static_cast<int>(urls.size())) loadURLAt(currentIndex, "playApprovedVideo");
 }
 
 void PlayerController::onVideoSelected(const Video& video) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto keepAlive = shared_from_this();  // events reach host code
     showPlaylist = false;
     if (isFree()) {
@@ -131,6 +139,7 @@ void PlayerController::onVideoSelected(const Video& video) {
 }
 
 void PlayerController::onPlaylistSelected(const Playlist& selected) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     showLoadingUI(true);
     dismissedCountdownRail = false;
     auto playlist = playlistController.lock();
@@ -168,6 +177,7 @@ void PlayerController::onPlaylistSelected(const Playlist& selected) {
 }
 
 void PlayerController::triggerMidRollAd(double cue) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto keepAlive = shared_from_this();  // events reach host code
     midRollCuePointState.markConsumed(cue);
     midRollCuePointState.isShowingAd = true;
@@ -193,7 +203,13 @@ void PlayerController::triggerMidRollAd(double cue) {
     platform_.queue->asyncAfter(midRollConfig.adTimeoutSeconds, midRollFallbackWorkItem);
 }
 
+void PlayerController::setAdRequired(bool required) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    shouldWaitForAd = required;
+}
+
 void PlayerController::adCompleted() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (isClosingForAd()) {
         if (!resumeWhenClosed_)
             VPLogger::log("⏳ Ad completed before the player screen closed; resuming once it has");
@@ -204,6 +220,7 @@ void PlayerController::adCompleted() {
 }
 
 void PlayerController::adClosingStepDone() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (adClosingSteps_ > 0) --adClosingSteps_;
     if (isClosingForAd() || !resumeWhenClosed_) return;
     resumeWhenClosed_ = false;
@@ -211,6 +228,7 @@ void PlayerController::adClosingStepDone() {
 }
 
 void PlayerController::resumeAfterAdCompleted() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto keepAlive = shared_from_this();  // loading reaches host code
     if (midRollCuePointState.isShowingAd) {
         resumeAfterMidRollAd();
@@ -233,6 +251,7 @@ void PlayerController::resumeAfterAdCompleted() {
 }
 
 void PlayerController::resumeAfterMidRollAd() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (midRollFallbackWorkItem) std::exchange(midRollFallbackWorkItem, nullptr)->cancel();
     midRollCuePointState.isShowingAd = false;
     shouldWaitForAd = false;

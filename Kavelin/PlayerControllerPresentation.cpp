@@ -1,3 +1,4 @@
+#include "Kavelin/Platform/MainQueueCheck.h"
 #include "Kavelin/PlayerController.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/log/VPLogger.h"
@@ -13,6 +14,7 @@ constexpr double kTeardownDelay = 0.1;
 }  // namespace
 
 void PlayerController::toggleControls() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     showControls = !showControls;
     if (!showControls)
         cancelAutoHide();
@@ -21,6 +23,7 @@ void PlayerController::toggleControls() {
 }
 
 void PlayerController::autoHideControls() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (hideControlsWorkItem.get()) hideControlsWorkItem.get()->cancel();
     auto item = makeWorkItem([weak = weak_from_this()] {
         auto self = weak.lock();
@@ -31,6 +34,7 @@ void PlayerController::autoHideControls() {
 }
 
 void PlayerController::cancelAutoHide() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (auto item = hideControlsWorkItem.get()) {
         item->cancel();
         hideControlsWorkItem = nullptr;
@@ -38,6 +42,7 @@ void PlayerController::cancelAutoHide() {
 }
 
 void PlayerController::startAutoHideTimer() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     showPlaylist = true;
     // Deliberately strong and not stored: this one always runs.
     platform_.queue->asyncAfter(kAutoHideSeconds, [self = shared_from_this()] {
@@ -46,6 +51,7 @@ void PlayerController::startAutoHideTimer() {
 }
 
 void PlayerController::scheduleHalfScreenAutoReturn() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (halfScreenAutoReturnWorkItem) halfScreenAutoReturnWorkItem->cancel();
     halfScreenAutoReturnWorkItem = makeWorkItem([weak = weak_from_this()] {
         auto self = weak.lock();
@@ -56,14 +62,17 @@ void PlayerController::scheduleHalfScreenAutoReturn() {
 }
 
 void PlayerController::markCountdownRailDismissed() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     dismissedCountdownRail = true;
 }
 
 void PlayerController::clearCountdownRailDismissal() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     dismissedCountdownRail = false;
 }
 
 void PlayerController::presentVideoPlayer() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto playlist = playlistController.lock();
     if (!playlist) {
         VPLogger::error("❌ playlistController not found");
@@ -83,6 +92,7 @@ void PlayerController::presentVideoPlayer() {
 }
 
 void PlayerController::switchScreenBack_and_forth() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::weak_ptr<PlayerController> weak = weak_from_this();
     ++adClosingSteps_;
     platform_.queue->asyncAfter(kTeardownDelay, [weak] {
@@ -108,6 +118,7 @@ void PlayerController::switchScreenBack_and_forth() {
 }
 
 void PlayerController::backToHome() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto keepAlive = shared_from_this();  // the event reaches host code
     sendUnityMessage("OnVideoClosed", "back");
     std::weak_ptr<PlayerController> weak = weak_from_this();

@@ -14,6 +14,7 @@
 
 #include "Kavelin/Extentions/NumberFormatting.h"
 #include "Kavelin/Platform/Immortal.h"
+#include "Kavelin/Platform/MainQueueCheck.h"
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/log/VPLogger.h"
 
@@ -55,10 +56,12 @@ void onMainQueue(const char* entryPoint, Body&& body) noexcept {
 }
 
 VideoPlayerService* existingService() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     return currentVideoPlayerService().get();
 }
 
 VideoPlayerService& serviceCreatingIfNeeded() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto& service = currentVideoPlayerService();
     if (!service) service = std::make_shared<VideoPlayerService>();
     return *service;
@@ -74,12 +77,14 @@ bool isNull(const char* text, const char* entryPoint) {
 }  // namespace
 
 std::shared_ptr<VideoPlayerService>& currentVideoPlayerService() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     // Never destroyed: the library thread may still use it while the process exits.
     static auto* service = new std::shared_ptr<VideoPlayerService>();
     return *service;
 }
 
 void sendUnityMessage(std::string_view methodName, std::string_view message) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::string combined;
     combined.reserve(methodName.size() + 1 + message.size());
     combined.append(methodName).append(":").append(message);
@@ -259,7 +264,7 @@ void SetPremium(bool isPremium) {
 void SetAdRequired(bool required) {
     onMainQueue("SetAdRequired", [&] {
         if (auto* s = existingService())
-            if (s->playerController) s->playerController->shouldWaitForAd = required;
+            if (s->playerController) s->playerController->setAdRequired(required);
     });
 }
 

@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "Kavelin/Extentions/UTF8Repair.h"
+#include "Kavelin/Platform/MainQueueCheck.h"
 #include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {
@@ -35,53 +36,65 @@ std::shared_ptr<PlayerController> VideoPlayerService::makePlayerController() con
 }
 
 int VideoPlayerService::currentIndex() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     return playerController ? playerController->currentIndex.get() : 0;
 }
 
 void VideoPlayerService::setCurrentIndex(int index) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (playerController) playerController->currentIndex = index;
 }
 
 void VideoPlayerService::loadVideo(const std::string& urlString) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (playerController) playerController->loadVideo(urlString);
 }
 
 void VideoPlayerService::play() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (playerController) playerController->play();
 }
 
 void VideoPlayerService::pause() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (playerController) playerController->pause();
 }
 
 void VideoPlayerService::stop() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (playerController) playerController->stop();
 }
 
 void VideoPlayerService::seekForward(double seconds) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (playerController) playerController->seekForward(seconds);
 }
 
 void VideoPlayerService::seekBackward(double seconds) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (playerController) playerController->seekBackward(seconds);
 }
 
 void VideoPlayerService::cleanup() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (!playerController) return;
     playerController->cleanup();
     playerController.reset();
 }
 
 void VideoPlayerService::seekTo(double value) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (playerController) playerController->seekTo(value);
 }
 
 void VideoPlayerService::setURLS(std::vector<std::string> urls) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (!playerController) playerController = makePlayerController();
     playerController->setURLS(std::move(urls));
 }
 
 void VideoPlayerService::setFlagLater(Published<bool> PlayerController::*flag, bool value) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     // Deferred on purpose: a flag set right after setURLS lands after the current work.
     // The service lives as long as the process, so `this` outlives the task.
     platform_.queue->async([this, flag, value] {
@@ -90,34 +103,44 @@ void VideoPlayerService::setFlagLater(Published<bool> PlayerController::*flag, b
 }
 
 void VideoPlayerService::setShowForwardButton(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     setFlagLater(&PlayerController::showForwardButton, show);
 }
 void VideoPlayerService::setShowBackwordButton(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     setFlagLater(&PlayerController::showBackwordButton, show);
 }
 void VideoPlayerService::setShowBack10Button(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     setFlagLater(&PlayerController::showBack10Button, show);
 }
 void VideoPlayerService::setShowFor10Button(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     setFlagLater(&PlayerController::showFor10Button, show);
 }
 void VideoPlayerService::setShowPlayPauseButton(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     setFlagLater(&PlayerController::showPlayPauseButton, show);
 }
 void VideoPlayerService::setShowBackButton(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     setFlagLater(&PlayerController::showBackButton, show);
 }
 void VideoPlayerService::setShowLogo(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     setFlagLater(&PlayerController::showLogo, show);
 }
 void VideoPlayerService::setShowSeekbar(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     setFlagLater(&PlayerController::showSeekbar, show);
 }
 void VideoPlayerService::setShowTimeDuration(bool show) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     setFlagLater(&PlayerController::showTimeDration, show);
 }
 
 void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     try {
         playlistsResponse_ =
             decodePlaylistResponses(repairedDocument(jsonString, "playlists JSON"));
@@ -130,6 +153,7 @@ void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
 }
 
 void VideoPlayerService::setEpisodesFromUnity(std::string_view jsonString) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     try {
         episodesResponse_ = decodeEpisodeResponses(repairedDocument(jsonString, "episodes JSON"));
     } catch (const DecodingError& e) {
@@ -141,6 +165,7 @@ void VideoPlayerService::setEpisodesFromUnity(std::string_view jsonString) {
 }
 
 void VideoPlayerService::mergeIfReady() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (episodesResponse_.empty()) {
         VPLogger::warning("⏳ Waiting for episodes...");
         return;
@@ -184,10 +209,12 @@ std::vector<Playlist> VideoPlayerService::mapToPlaylists(
 }
 
 std::vector<Playlist> VideoPlayerService::getAllPlaylists() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     return playlists();
 }
 
 void VideoPlayerService::playPlaylist(const std::string& playlistId) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto& all = playlists();
     auto found =
         std::find_if(all.begin(), all.end(), [&](const Playlist& p) { return p.id == playlistId; });
@@ -209,6 +236,7 @@ void VideoPlayerService::playPlaylist(const std::string& playlistId) {
 }
 
 void VideoPlayerService::setPremium(bool isPremium) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     subscriptionStatus() = isPremium ? SubscriptionStatus::premium : SubscriptionStatus::free;
     VPLogger::log("✅ Subscription updated:" + std::string(rawValue(subscriptionStatus())));
     if (!isPremium) return;
@@ -217,6 +245,7 @@ void VideoPlayerService::setPremium(bool isPremium) {
 }
 
 void VideoPlayerService::setMidRollAdConfig(std::string_view jsonString) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     MidRollAdConfig config;
     try {
         config = MidRollAdConfig::decode(repairedDocument(jsonString, "mid-roll config"));
@@ -231,6 +260,7 @@ void VideoPlayerService::setMidRollAdConfig(std::string_view jsonString) {
 }
 
 void VideoPlayerService::AdCompletedResumePlayback() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (!playerController) return;
     auto controller = playerController;  // the calls below may run host callbacks
     adSessionTracker->recordAdShown();

@@ -10,7 +10,7 @@ std::shared_ptr<HostingController> HeadlessPresenter::makeHostingController(
 void HeadlessPresenter::finish(bool animated, std::function<void()> step) {
     // Completions never run inside the call that asked for them.
     if (animated)
-        queue_->asyncAfter(animationSeconds, std::move(step));
+        queue_->asyncAfter(kPresentationFadeSeconds, std::move(step));
     else
         queue_->async(std::move(step));
 }

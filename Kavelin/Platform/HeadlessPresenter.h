@@ -13,8 +13,6 @@ namespace kavelin {
 class HeadlessPresenter final : public ScreenPresenter,
                                 public std::enable_shared_from_this<HeadlessPresenter> {
   public:
-    static constexpr double animationSeconds = 0.35;
-
     explicit HeadlessPresenter(std::shared_ptr<MainQueue> queue) : queue_(std::move(queue)) {}
 
     std::shared_ptr<HostingController> makeHostingController(

@@ -49,6 +49,11 @@ Platform& Platform::current() {
     return *gPlatform;
 }
 
+std::shared_ptr<MainQueue> Platform::installedQueue() {
+    std::lock_guard lock(gMutex);
+    return gPlatform ? gPlatform->queue : nullptr;
+}
+
 void Platform::install(Platform platform) {
     std::lock_guard lock(gMutex);
     if (gPlatform)

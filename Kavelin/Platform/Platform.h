@@ -22,6 +22,9 @@ struct Platform {
     std::function<std::chrono::system_clock::time_point()> wallClock;
 
     static Platform& current();
+    // The installed platform's queue, or null before anything made one; never
+    // creates the platform.
+    static std::shared_ptr<MainQueue> installedQueue();
     static void install(Platform platform);
     // Stops the library thread the real platform started; safe to call twice.
     static void shutdown();

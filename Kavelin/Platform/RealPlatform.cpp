@@ -1,3 +1,4 @@
+#include "Kavelin/Platform/Environment.h"
 #include "Kavelin/Platform/HeadlessPresenter.h"
 #include "Kavelin/Platform/MpvMediaPlayerFactory.h"
 #include "Kavelin/Platform/Platform.h"
@@ -11,7 +12,7 @@ Platform makeRealPlatform() {
     auto queue = std::make_shared<ThreadMainQueue>();
     p.queue = queue;
     auto players = std::make_shared<MpvMediaPlayerFactory>(p.queue);
-    if (WindowPresenter::displayAvailable()) {
+    if (displayAvailable()) {
         auto window = std::make_shared<WindowPresenter>(queue);
         p.presenter = window;
         p.players = window->wrapFactory(players);

@@ -8,6 +8,10 @@ namespace kavelin {
 class PlayerController;
 class PlaylistController;
 
+// Presenting and dismissing take this long with or without a display, so a host
+// hears its events at the same moments either way.
+inline constexpr double kPresentationFadeSeconds = 0.35;
+
 // The presented player screen, as the platform's hosting view controller: it owns
 // the view tree while shown.
 class HostingController {

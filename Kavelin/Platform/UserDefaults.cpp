@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "Kavelin/Platform/MainQueueCheck.h"
 #include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {
@@ -370,6 +371,7 @@ std::filesystem::path UserDefaults::defaultPath() {
 }
 
 std::optional<nlohmann::json> UserDefaults::object(const std::string& key) const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::lock_guard lock(state_->mutex);
     auto it = state_->values.find(key);
     if (it == state_->values.end()) return std::nullopt;
@@ -377,6 +379,7 @@ std::optional<nlohmann::json> UserDefaults::object(const std::string& key) const
 }
 
 void UserDefaults::setObject(const std::string& key, const nlohmann::json& value) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::lock_guard lock(state_->mutex);
     auto it = state_->values.find(key);
     if (it != state_->values.end()) {
@@ -389,6 +392,7 @@ void UserDefaults::setObject(const std::string& key, const nlohmann::json& value
 }
 
 void UserDefaults::setObject(const std::string& key, nlohmann::json&& value) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::lock_guard lock(state_->mutex);
     auto it = state_->values.find(key);
     if (it != state_->values.end()) {
@@ -401,6 +405,7 @@ void UserDefaults::setObject(const std::string& key, nlohmann::json&& value) {
 }
 
 void UserDefaults::removeObject(const std::string& key) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::lock_guard lock(state_->mutex);
     if (state_->values.erase(key) == 0) return;
     state_->markDirty(state_);

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "Kavelin/Extentions/Color+Ext.h"
+#include "Kavelin/Platform/Environment.h"
 #include "Kavelin/Platform/MpvMediaPlayer.h"
 #include "Kavelin/Platform/MpvVideoRenderer.h"
 #include "Kavelin/Platform/Platform.h"
@@ -41,11 +42,6 @@ class ScreenHostingController final : public HostingController {
 };
 
 namespace {
-
-bool envSet(const char* name) {
-    const char* v = std::getenv(name);
-    return v && *v;
-}
 
 bool windowSizeFromEnvironment(int& w, int& h) {
     const char* size = std::getenv("KAVELIN_WINDOW_SIZE");
@@ -221,12 +217,6 @@ struct WindowPresenter::Opened {
         error = std::move(reason);
     }
 };
-
-bool WindowPresenter::displayAvailable() {
-    const char* headless = std::getenv("KAVELIN_HEADLESS");
-    if (headless && std::strcmp(headless, "1") == 0) return false;
-    return envSet("DISPLAY") || envSet("WAYLAND_DISPLAY");
-}
 
 WindowPresenter::WindowPresenter(std::shared_ptr<ThreadMainQueue> queue)
     : queue_(std::move(queue)) {}
@@ -493,7 +483,7 @@ bool WindowPresenter::hasTopMostViewController() const {
 }
 
 float WindowPresenter::fadeValue(double now) const {
-    double t = (now - fadeStart_) / fadeSeconds;
+    double t = (now - fadeStart_) / kPresentationFadeSeconds;
     if (t >= 1) return fadeTo_;
     if (t <= 0) return fadeFrom_;
     return fadeFrom_ + (fadeTo_ - fadeFrom_) * easeInOut(static_cast<float>(t));
@@ -503,7 +493,7 @@ void WindowPresenter::present(const std::shared_ptr<HostingController>& screen, 
                               std::function<void()> completion) {
     ++presentations_;
     screen_ = std::dynamic_pointer_cast<ScreenHostingController>(screen);
-    double duration = animated ? fadeSeconds : 0;
+    double duration = animated ? kPresentationFadeSeconds : 0;
     if (ensureWindow())
         showWindow(animated);
     else
@@ -522,18 +512,18 @@ void WindowPresenter::showWindow(bool animated) {
     shown_ = true;
     fadeFrom_ = fadeValue(queue_->now());
     fadeTo_ = 1;
-    fadeStart_ = queue_->now() - (animated ? 0 : fadeSeconds);
+    fadeStart_ = queue_->now() - (animated ? 0 : kPresentationFadeSeconds);
     setNeedsDisplay();
     updatePolling();
 }
 
 void WindowPresenter::dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
                               std::function<void()> completion) {
-    double duration = animated ? fadeSeconds : 0;
+    double duration = animated ? kPresentationFadeSeconds : 0;
     if (window_ && shown_) {
         fadeFrom_ = fadeValue(queue_->now());
         fadeTo_ = 0;
-        fadeStart_ = queue_->now() - (animated ? 0 : fadeSeconds);
+        fadeStart_ = queue_->now() - (animated ? 0 : kPresentationFadeSeconds);
         setNeedsDisplay();
     }
     std::weak_ptr<WindowPresenter> weak = weak_from_this();
@@ -745,7 +735,7 @@ void WindowPresenter::renderFrame(Capture* capture) {
     ++frames_;
     lastFrame_ = now;
 
-    bool fading = now < fadeStart_ + fadeSeconds;
+    bool fading = now < fadeStart_ + kPresentationFadeSeconds;
     bool more = frame.needsAnotherFrame() || fading || extraFrames_ > 0;
     if (extraFrames_ > 0) --extraFrames_;
     if (more) {

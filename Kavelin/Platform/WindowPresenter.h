@@ -27,16 +27,12 @@ class ScreenHostingController;
 class WindowPresenter final : public ScreenPresenter,
                               public std::enable_shared_from_this<WindowPresenter> {
   public:
-    static constexpr double fadeSeconds = 0.35;
     static constexpr double activeFrameInterval = 1.0 / 60;
     // How often input is looked for while nothing changes on screen.
     static constexpr double idlePollInterval = 0.1;
 
     explicit WindowPresenter(std::shared_ptr<ThreadMainQueue> queue);
     ~WindowPresenter() override;
-
-    // A display is there and not switched off with KAVELIN_HEADLESS=1.
-    static bool displayAvailable();
 
     std::shared_ptr<HostingController> makeHostingController(
         const std::shared_ptr<PlayerController>& player,

@@ -33,8 +33,6 @@ void arc(Frame& frame, ImVec2 c, float radius, float from, float to, uint32_t co
     list->PathStroke(frame.color(color), 0, width);
 }
 
-const uint32_t kRainbow[] = {Color::red(),   Color::orange(), Color::yellow(),
-                             Color::green(), Color::blue(),   Color::purple()};
 }  // namespace
 
 float KidsRocketLoader::rotation(double t) {
@@ -91,70 +89,6 @@ void KidsJumpLoader::draw(Frame& frame, ImVec2 c) {
     float dy = offset(frame.now() - start_);
     frame.asset("tortoise.fill",
                 {c.x - UI::width / 2, c.y - UI::height / 2 + dy, UI::width, UI::height});
-    frame.requestAnimationFrame();
-}
-
-void KidsLoadingDots::draw(Frame& frame, ImVec2 c) {
-    if (!animate_) {
-        animate_ = true;
-        start_ = frame.now();
-        for (int i = 0; i < dotCount; ++i) colors_.push_back(Color::random());
-    }
-    const float dot = 16, gap = 10;
-    float width = dotCount * dot + (dotCount - 1) * gap;
-    for (int i = 0; i < dotCount; ++i) {
-        double t = frame.now() - start_ - 0.12 * i;
-        float lift = t < 0 ? 0 : pingPong(t, 0.4) * 14;
-        ImVec2 p{c.x - width / 2 + dot / 2 + static_cast<float>(i) * (dot + gap), c.y - lift};
-        frame.list()->AddCircleFilled(p, dot / 2, frame.color(colors_[static_cast<size_t>(i)]));
-    }
-    frame.requestAnimationFrame();
-}
-
-void RainbowLoader::draw(Frame& frame, ImVec2 c) {
-    if (!animating_) {
-        animating_ = true;
-        start_ = frame.now();
-    }
-    float breath = pingPong(frame.now() - start_, 0.8);
-    frame.list()->AddCircleFilled({c.x + 3, c.y + 4}, 48, frame.color(Color::black(0.2f)));
-    float r = 44;
-    for (uint32_t col : kRainbow) {
-        frame.list()->AddCircle(c, r * (0.85f + 0.15f * breath), frame.color(col), 48, 5);
-        r -= 6;
-    }
-    frame.requestAnimationFrame();
-}
-
-void RainbowSpinner::draw(Frame& frame, ImVec2 c) {
-    if (!animating_) {
-        animating_ = true;
-        start_ = frame.now();
-    }
-    float turn = static_cast<float>(std::fmod(frame.now() - start_, 1.0)) * 2 * kPi;
-    const int n = static_cast<int>(std::size(kRainbow));
-    for (int i = 0; i < n; ++i) {
-        float a0 = turn + 2 * kPi * static_cast<float>(i) / n;
-        arc(frame, c, size / 2 - 4, a0, a0 + 2 * kPi / n, kRainbow[i], 8);
-    }
-    frame.requestAnimationFrame();
-}
-
-SmallRainbowArcLoader::SmallRainbowArcLoader()
-    : colors{Color::red(), Color::orange(), Color::yellow(), Color::green(), Color::blue()} {}
-
-void SmallRainbowArcLoader::draw(Frame& frame, ImVec2 c) {
-    if (!animating_) {
-        animating_ = true;
-        start_ = frame.now();
-    }
-    double t = frame.now() - start_;
-    for (size_t i = 0; i < colors.size(); ++i) {
-        float a0 = static_cast<float>(std::fmod(t - 0.1 * static_cast<double>(i), 1.0)) * 2 * kPi;
-        float radius = height / 2 - 3 - static_cast<float>(i) * 3;
-        if (radius <= 2) break;
-        arc(frame, c, radius, a0, a0 + kPi * 0.75f, colors[i], 2.5f);
-    }
     frame.requestAnimationFrame();
 }
 

@@ -106,7 +106,7 @@ std::string VideoPlayerView::timeLabel(double currentTime, double duration) {
 
 bool VideoPlayerView::isCountdownPhase(double currentTime, double duration) {
     double remaining = duration - currentTime;
-    return std::isfinite(remaining) && remaining <= UI::countdownPhaseSeconds;
+    return std::isfinite(remaining) && remaining <= PlaylistController::kCountdownSeconds;
 }
 
 VideoPlayerView::Layout VideoPlayerView::layout(const State& s, const Rect& screen,
@@ -175,11 +175,10 @@ VideoPlayerView::Layout VideoPlayerView::layout(const State& s, const Rect& scre
 
 VideoPlayerView::VideoPlayerView(std::shared_ptr<PlayerController> playerController,
                                  std::shared_ptr<OrientationObserver> orientationObserver,
-                                 std::shared_ptr<PlaylistController> controller, bool isPlayingUI)
+                                 std::shared_ptr<PlaylistController> controller)
     : playerController_(std::move(playerController)),
       orientationObserver_(std::move(orientationObserver)),
       controller_(std::move(controller)),
-      isPlayingUI_(isPlayingUI),
       isPad_(deviceIsPad()) {}
 
 VideoPlayerView::State VideoPlayerView::state() const {
@@ -232,19 +231,10 @@ void VideoPlayerView::tapOnVideo() {
 }
 
 void VideoPlayerView::onEditingChanged(bool editing) {
-    auto& p = *playerController_;
-    if (editing) {
-        p.isScrubbing = true;
-        p.wasPlayingBeforeScrub = p.isPlaying;
-        if (const auto& player = p.player.get()) player->pause();
-        p.cancelAutoHide();
-        return;
-    }
-    p.isScrubbing = false;
-    p.seekTo(p.currentTime);
-    if (p.wasPlayingBeforeScrub) p.play();
-    p.scheduleHalfScreenAutoReturn();
-    p.autoHideControls();
+    if (editing)
+        playerController_->beginScrub();
+    else
+        playerController_->endScrub();
 }
 
 void VideoPlayerView::applicationDidBecomeActive() {
@@ -297,9 +287,9 @@ void VideoPlayerView::handleKey(Key key) {
 }
 
 void VideoPlayerView::drawControls(Frame& frame, const State& s, const Layout& l) {
-    const bool visible = s.showControls && !s.isRunningOnMac;
+    const bool visible = s.showControls;
     const bool reacts = visible && !s.showLoading;
-    Frame::Opacity layer(frame, s.isRunningOnMac ? 0 : controlsOpacity_.value(frame.now()));
+    Frame::Opacity layer(frame, controlsOpacity_.value(frame.now()));
 
     // A disabled control still sits in front of the video and takes the tap.
     auto tapped = [&](const Rect& r, bool enabled) {

@@ -49,7 +49,6 @@ class VideoPlayerView {
         static constexpr float compactTimeBackgroundHeight = 30;
         static constexpr float padLandscapeRailControlsShift = -80;
         static constexpr float landscapeRailBarInset = 180;
-        static constexpr float countdownPhaseSeconds = 5;
         // Shown instead of the spinner when the video cannot play.
         static constexpr const char* failedTitle = "This video can't play right now";
         static constexpr const char* failedHint = "Go back, or press play to try again";
@@ -63,7 +62,6 @@ class VideoPlayerView {
     struct State {
         bool isPad = false;
         bool isLandscape = false;
-        bool isRunningOnMac = false;
         bool showPlaylist = false;
         bool showControls = true;
         bool showLoading = false;
@@ -127,7 +125,7 @@ class VideoPlayerView {
 
     VideoPlayerView(std::shared_ptr<PlayerController> playerController,
                     std::shared_ptr<OrientationObserver> orientationObserver,
-                    std::shared_ptr<PlaylistController> controller, bool isPlayingUI = false);
+                    std::shared_ptr<PlaylistController> controller);
 
     // One frame: input front to back, then drawing back to front, then the user
     // actions the frame collected.
@@ -143,7 +141,6 @@ class VideoPlayerView {
     const Layout& lastLayout() const { return layout_; }
     bool isAnimating(double now) const;
     const PlaylistBottomView* rail() const { return rail_ ? &*rail_ : nullptr; }
-    bool isPlayingUI() const { return isPlayingUI_; }
 
   private:
     State state() const;
@@ -155,7 +152,6 @@ class VideoPlayerView {
     std::shared_ptr<PlayerController> playerController_;
     std::shared_ptr<OrientationObserver> orientationObserver_;
     std::shared_ptr<PlaylistController> controller_;
-    bool isPlayingUI_;
     bool isPad_;
     bool appeared_ = false;
 

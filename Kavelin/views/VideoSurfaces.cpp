@@ -53,19 +53,6 @@ void AspectFitVideoPlayer::draw(Frame& frame, const Rect& bounds) const {
     frame.popClip();
 }
 
-void FullScreenVideoPlayer::draw(Frame& frame, const Rect& bounds) const {
-    frame.fill(bounds, Color::black());
-    if (!player) return;
-    auto* renderer = VideoRenderer::current();
-    if (!renderer) return;
-    auto video = renderer->frameFor(player, pixels(bounds.w), pixels(bounds.h), true);
-    if (!video || !video->texture) return;
-    UVRect uv = aspectFillUV(static_cast<float>(video->width), static_cast<float>(video->height),
-                             bounds.w, bounds.h);
-    frame.list()->AddImage(video->texture, bounds.min(), bounds.max(), uv.uv0, uv.uv1,
-                           frame.color(IM_COL32_WHITE));
-}
-
 void ActivityIndicator::draw(Frame& frame, ImVec2 c) const {
     if (!isAnimating) return;
     const float size = style == Style::large ? largeSize : mediumSize;

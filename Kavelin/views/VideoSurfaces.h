@@ -39,12 +39,6 @@ struct AspectFitVideoPlayer {
     void draw(Frame& frame, const Rect& bounds) const;
 };
 
-// The player's picture filling the bounds, cropped; a nil player draws black.
-struct FullScreenVideoPlayer {
-    std::shared_ptr<MediaPlayer> player;
-    void draw(Frame& frame, const Rect& bounds) const;
-};
-
 // The platform's spinner, large style: twelve spokes, the brightest one turning.
 struct ActivityIndicator {
     enum class Style { medium, large };

@@ -1,30 +1,43 @@
 // One free viewer's session through the C entry points of the built library, with
-// real playback by libmpv (no display, offline lavfi sources): the between-videos
-// ad, a mid-roll ad at its cue point, then on to the next video.
+// real playback by libmpv (no display): the between-videos ad, a mid-roll ad at its
+// cue point, then on to the next video. The host has adopted a German locale (as
+// GTK and Qt launchers do), the second clip sits at a relative path with a space,
+// and the host, with no mid-roll to show, acknowledges it inside the callback.
 #include <gtest/gtest.h>
 
+#include <clocale>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 
 #include "support/HostLibrary.h"
 #include "support/ScratchDir.h"
+#include "support/TestMedia.h"
 
 namespace {
 
 // After a mid-roll ad the video starts over and its cue point is armed again;
 // only the tracker keeps it from asking twice. A cap of two ads lets the
 // between-videos ad and one mid-roll through, then nothing more.
-const char* kPlaylists = R"([{"id":"pl-e2e","name":"Shapes","thumbnail":"img/pl.png"}])";
+const char* kPlaylists = R"([{"id":"pl-e2e","name":"Formen","thumbnail":"img/pl.png"}])";
 const char* kEpisodes =
     R"([{"id":"pl-e2e","episodes":[)"
     R"({"index":"v1","url":"edl://file=av://lavfi:smptebars=size=320x180:rate=25,length=2",)"
     R"("thumbnail":"img/v1.png","title":"Bars","isActive":1,"length":2},)"
-    R"({"index":"v2","url":"edl://file=av://lavfi:testsrc2=size=320x180:rate=25,length=3",)"
-    R"("thumbnail":"img/v2.png","title":"Colours","isActive":1,"length":3}]}])";
+    R"({"index":"v2","url":"clips/second clip.mp4",)"
+    R"("thumbnail":"img/v2.png","title":"Größen","isActive":1,"length":3}]}])";
 const char* kPolicy = R"({"version":1,"adTimeoutSeconds":30,
     "globalConstraints":{"minGapSeconds":0,"noAdZoneStartSeconds":0.5,
                          "noAdZoneEndSeconds":0.5,"maxAdsPerSession":2},
     "durationBuckets":[],
-    "videoOverrides":{"v2":{"cuePointSeconds":[1.0]}}})";
+    "videoOverrides":{"v2":{"cuePointSeconds":[1.5]}}})";
+
+HostLibrary* gLib = nullptr;
+
+void onEvent(const char* message) {
+    HostEvents::record(message);
+    if (std::string(message).starts_with("OnMidRollAdRequired:")) gLib->AdCompletedResumePlayback();
+}
 
 // Index of `event` once it has come at or after `from`; fails the test otherwise.
 size_t expectEvent(const std::string& event, size_t from) {
@@ -34,12 +47,24 @@ size_t expectEvent(const std::string& event, size_t from) {
 }
 
 TEST(EndToEndTest, FreeViewerSessionWithBetweenVideosAndMidRollAdsOnRealPlayback) {
-    ScratchDir config("kavelin-e2e");
-    config.asConfigHome();
+    ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr)
+        << "the de_DE.UTF-8 locale is missing: run scripts/setup.sh";
+    char probe[16];
+    std::snprintf(probe, sizeof probe, "%.1f", 1.5);
+    ASSERT_STREQ(probe, "1,5");  // the locale really is in force
+
+    ScratchDir dir("kavelin-e2e");
+    dir.asConfigHome();
     setenv("KAVELIN_HEADLESS", "1", 1);
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path);
+    std::filesystem::create_directory("clips");
+    kavelin::test::TestMedia::makeVideoClip("clips/second clip.mp4",
+                                            "testsrc2=size=320x180:rate=25:duration=3");
     HostLibrary lib(KAVELIN_LIB_PATH);
     ASSERT_TRUE(lib.ok()) << lib.missing;
-    lib.registerUnityCallback(HostEvents::record);
+    gLib = &lib;
+    lib.registerUnityCallback(onEvent);
     try {
         lib.SetPlaylists(kPlaylists);
         lib.SetEpisodes(kEpisodes);
@@ -53,11 +78,12 @@ TEST(EndToEndTest, FreeViewerSessionWithBetweenVideosAndMidRollAdsOnRealPlayback
         at = expectEvent("OnViewDismissed:ad_required", at);
         lib.AdCompletedResumePlayback();
 
-        // The second video starts, then its clock reaches the cue point in real playback.
+        // The second video starts, then its clock reaches the cue point in real
+        // playback; the payload keeps its decimal point.
         const size_t playing = expectEvent("OnVideoPlay:true", at);
-        at = expectEvent("OnMidRollAdRequired:1.0", playing);
+        at = expectEvent("OnMidRollAdRequired:1.5", playing);
         const size_t dismissed = expectEvent("OnViewDismissed:ad_required", at);
-        lib.AdCompletedResumePlayback();
+        expectEvent("OnVideoPlay:true", dismissed);
 
         // It starts over and, with the cap reached, runs to its end without another
         // ad; the ring of playlists brings the first video back.
@@ -72,6 +98,8 @@ TEST(EndToEndTest, FreeViewerSessionWithBetweenVideosAndMidRollAdsOnRealPlayback
         ADD_FAILURE() << e.what() << "\n" << HostEvents::dump();
     }
     lib.cleanup();
+    std::filesystem::current_path(previous);
+    std::setlocale(LC_ALL, "C");
 }
 
 }  // namespace

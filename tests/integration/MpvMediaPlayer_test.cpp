@@ -1,11 +1,7 @@
 #include "Kavelin/Platform/MpvMediaPlayer.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <mpv/client.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
@@ -18,6 +14,7 @@
 #include "Kavelin/Platform/ThreadMainQueue.h"
 #include "Kavelin/log/VPLogger.h"
 #include "support/LocalHttpServer.h"
+#include "support/ScopedEnv.h"
 #include "support/ScratchDir.h"
 #include "support/TestMedia.h"
 
@@ -370,21 +367,11 @@ TEST_F(MpvMediaPlayerTest, HlsStreamPlaysFromASeekRequestedBeforeItLoaded) {
 }
 
 TEST_F(MpvMediaPlayerTest, FailingAddressesLogOneWarningAndKeepWaiting) {
-    // A port nobody listens on: bound, then released.
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    ::close(fd);
     server->setResponse("/garbage.mp4", {.status = 200, .body = std::string(4096, 'x')});
 
     const std::pair<std::string, std::string> cases[] = {
         {server->url("/missing.mp4"), "404"},
-        {"http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/clip.mp4",
-         "Connection refused"},
+        {LocalHttpServer::refusedURL("/clip.mp4"), "Connection refused"},
         {server->url("/garbage.mp4"), "format"}};
     for (const auto& [url, reason] : cases) {
         SCOPED_TRACE(url);
@@ -477,36 +464,22 @@ TEST(MpvMediaPlayerFactoryTest, HandsOutHookedPlayersOnTheGivenQueue) {
 }
 
 TEST(MpvMediaPlayerOptionsTest, VideoAndAudioOutputsFollowTheEnvironment) {
-    // Puts back every variable it touches, whatever the outcome.
-    struct Environment {
-        std::map<std::string, std::optional<std::string>> saved;
-        void set(const char* name, const char* value) {
-            if (!saved.count(name))
-                saved[name] = std::getenv(name) ? std::optional<std::string>(std::getenv(name))
-                                                : std::nullopt;
-            value ? ::setenv(name, value, 1) : ::unsetenv(name);
-        }
-        ~Environment() {
-            for (auto& [name, value] : saved)
-                value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
-        }
-    } env;
     auto options = [] { return MpvMediaPlayer::Options::fromEnvironment(); };
-
-    env.set("KAVELIN_HEADLESS", "1");
-    env.set("DISPLAY", ":0");
-    EXPECT_EQ(options().videoOutput, "null");
-    env.set("KAVELIN_HEADLESS", nullptr);
+    {
+        ScopedEnv headless("KAVELIN_HEADLESS", "1"), display("DISPLAY", ":0");
+        EXPECT_EQ(options().videoOutput, "null");
+    }
+    ScopedEnv headless("KAVELIN_HEADLESS", nullptr), display("DISPLAY", ":0");
     EXPECT_EQ(options().videoOutput, "libmpv");
-    env.set("DISPLAY", nullptr);
-    env.set("WAYLAND_DISPLAY", nullptr);
-    EXPECT_EQ(options().videoOutput, "null");
+    {
+        ScopedEnv x("DISPLAY", nullptr), wayland("WAYLAND_DISPLAY", nullptr);
+        EXPECT_EQ(options().videoOutput, "null");
+    }
 
     // Audio goes only to sound servers that exist, then to silence.
     ScratchDir runtime("kavelin-runtime");
     std::filesystem::create_directories(runtime.path / "pulse");
-    env.set("XDG_RUNTIME_DIR", runtime.path.c_str());
-    env.set("PULSE_SERVER", nullptr);
+    ScopedEnv runtimeDir("XDG_RUNTIME_DIR", runtime.path.c_str()), pulse("PULSE_SERVER", nullptr);
     const auto withoutServer = options().audioOutput;
     EXPECT_EQ(withoutServer.find("pulse"), std::string::npos);
     EXPECT_EQ(withoutServer.find("pipewire"), std::string::npos);

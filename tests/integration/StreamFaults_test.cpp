@@ -2,59 +2,34 @@
 // loopback: whatever the fault, no call blocks, a video that cannot play takes
 // the viewer out as if they had pressed back, one that recovers plays on, and the
 // next playlist plays.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <vector>
 
 #include "Kavelin/Kavelin.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/VideoPlayerService.h"
+#include "support/HostLibrary.h"
 #include "support/LocalHttpServer.h"
+#include "support/ScratchDir.h"
 #include "support/TestMedia.h"
 #include "support/VirtualPlatform.h"
 
 namespace kavelin {
 namespace {
 
-using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using test::LocalHttpServer;
 using test::TestMedia;
 
-std::mutex gMutex;
-std::condition_variable gChanged;
-std::vector<std::string> gEvents;
-
-void recordEvent(const char* message) {
-    {
-        std::lock_guard lock(gMutex);
-        gEvents.emplace_back(message);
-    }
-    gChanged.notify_all();
-}
-
-// An address on loopback where nobody listens.
-std::string refusedAddress() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    ::close(fd);
-    return "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/clip.mp4";
+long occurrences(const std::string& text) {
+    const auto all = HostEvents::texts();
+    return std::count(all.begin(), all.end(), text);
 }
 
 struct StreamFault {
@@ -73,14 +48,11 @@ class StreamFaults : public ::testing::TestWithParam<StreamFault> {
     static constexpr double kLeaveDelay = 1;
 
     void SetUp() override {
-        std::filesystem::create_directories(config_);
-        setenv("XDG_CONFIG_HOME", config_.c_str(), 1);
-        std::lock_guard lock(gMutex);
-        gEvents.clear();
+        config.asConfigHome();
+        HostEvents::clear();
     }
     void TearDown() override {
         timed("cleanup", [] { ::cleanup(); });
-        std::filesystem::remove_all(config_);
     }
 
     // Runs one exported call and keeps how long it took.
@@ -95,13 +67,12 @@ class StreamFaults : public ::testing::TestWithParam<StreamFault> {
     // as a host's game loop would; false on time-out.
     bool waitForEvent(const std::string& event, double seconds, long occurrence = 1) {
         const auto until = Clock::now() + std::chrono::duration<double>(seconds);
-        while (Clock::now() < until) {
-            {
-                std::unique_lock lock(gMutex);
-                if (gChanged.wait_for(lock, 200ms, [&] {
-                        return std::count(gEvents.begin(), gEvents.end(), event) >= occurrence;
-                    }))
-                    return true;
+        size_t from = 0;
+        for (long seen = 0; Clock::now() < until;) {
+            if (auto at = HostEvents::waitFor(event, from, 0.2)) {
+                from = *at + 1;
+                if (++seen == occurrence) return true;
+                continue;
             }
             timed("setShowLogo", [] { ::setShowLogo(true); });
             timed("SetPremium", [&] { ::SetPremium(GetParam().premium); });
@@ -117,16 +88,8 @@ class StreamFaults : public ::testing::TestWithParam<StreamFault> {
         return out;
     }
 
-    static std::string eventDump() {
-        std::lock_guard lock(gMutex);
-        std::string out;
-        for (auto& e : gEvents) out += "  " + e + "\n";
-        return out;
-    }
-
+    ScratchDir config{"kavelin-stream-faults"};
     testing::LogCapture logs;
-    std::filesystem::path config_ = std::filesystem::temp_directory_path() /
-                                    ("kavelin-stream-faults-" + std::to_string(::getpid()));
 };
 
 TEST_P(StreamFaults, ViewerIsTakenBackOnceAndTheNextPlaylistPlays) {
@@ -142,7 +105,7 @@ TEST_P(StreamFaults, ViewerIsTakenBackOnceAndTheNextPlaylistPlays) {
                                  good +
                                  R"(","thumbnail":"","title":"G","isActive":1,"length":2}]}])";
 
-    timed("registerUnityCallback", [] { ::registerUnityCallback(recordEvent); });
+    timed("registerUnityCallback", [] { ::registerUnityCallback(HostEvents::record); });
     // A fresh player controller, as after any cleanup.
     timed("setURLS", [] { ::setURLS(nullptr, 0); });
     timed("SetPlaylists", [&] { ::SetPlaylists(playlists.c_str()); });
@@ -157,18 +120,10 @@ TEST_P(StreamFaults, ViewerIsTakenBackOnceAndTheNextPlaylistPlays) {
     timed("PlayPlaylist", [] { ::PlayPlaylist("bad"); });
 
     const char* outcome = fault.playsThrough ? "OnVideoFinished:0" : "OnViewDismissed:user_exit";
-    ASSERT_TRUE(waitForEvent(outcome, 30)) << eventDump() << logDump();
-    long closed = 0, finishedBefore = 0;
-    {
-        std::lock_guard lock(gMutex);
-        for (const auto& e : gEvents) {
-            closed += e == "OnVideoClosed:back";
-            finishedBefore += e.starts_with("OnVideoFinished");
-        }
-    }
-    EXPECT_EQ(closed, fault.playsThrough ? 0 : 1) << eventDump();
+    ASSERT_TRUE(waitForEvent(outcome, 30)) << HostEvents::dump() << logDump();
+    EXPECT_EQ(occurrences("OnVideoClosed:back"), fault.playsThrough ? 0 : 1) << HostEvents::dump();
     if (!fault.playsThrough) {
-        EXPECT_EQ(finishedBefore, 0) << eventDump();
+        EXPECT_EQ(HostEvents::dump().find("OnVideoFinished"), std::string::npos);
     }
     size_t failureLines = 0, warnings = 0;
     mainQueue().sync([&] {
@@ -178,13 +133,9 @@ TEST_P(StreamFaults, ViewerIsTakenBackOnceAndTheNextPlaylistPlays) {
     EXPECT_EQ(failureLines, fault.playsThrough ? 0u : 1u) << logDump();
     EXPECT_LE(warnings, 1u) << "the cause, if the player names one, once";
 
-    long finished = 0;
-    {
-        std::lock_guard lock(gMutex);
-        finished = std::count(gEvents.begin(), gEvents.end(), "OnVideoFinished:0");
-    }
+    const long finished = occurrences("OnVideoFinished:0");
     timed("PlayPlaylist", [] { ::PlayPlaylist("ok"); });
-    EXPECT_TRUE(waitForEvent("OnVideoFinished:0", 30, finished + 1)) << eventDump();
+    EXPECT_TRUE(waitForEvent("OnVideoFinished:0", 30, finished + 1)) << HostEvents::dump();
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -193,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(
         StreamFault{"NotFound", false, false,
                     [](LocalHttpServer& s) { return s.url("/missing.mp4"); }},
         StreamFault{"ConnectionRefused", true, false,
-                    [](LocalHttpServer&) { return refusedAddress(); }},
+                    [](LocalHttpServer&) { return LocalHttpServer::refusedURL("/clip.mp4"); }},
         StreamFault{"StallsAfterTheFirstSegment", false, false,
                     [](LocalHttpServer& s) {
                         s.setResponse("/hls/seg01.ts", {.delaySeconds = 600});

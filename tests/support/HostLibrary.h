@@ -90,6 +90,10 @@ class HostEvents {
         for (size_t i = from; i < events_.size() && i < to; ++i) out.push_back(events_[i].text);
         return out;
     }
+    static void clear() {
+        std::lock_guard lock(mutex_);
+        events_.clear();
+    }
     static std::string dump() {
         std::string out;
         for (const auto& e : texts()) out += "  " + e + "\n";

@@ -74,6 +74,18 @@ std::string LocalHttpServer::url(const std::string& path) const {
     return "http://127.0.0.1:" + std::to_string(port_) + path;
 }
 
+std::string LocalHttpServer::refusedURL(const std::string& path) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);  // bound for a free port, then released
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    ::close(fd);
+    return "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + path;
+}
+
 void LocalHttpServer::setResponse(const std::string& path, Response response) {
     std::lock_guard lock(mutex_);
     responses_[path] = std::move(response);

@@ -35,6 +35,8 @@ class LocalHttpServer {
 
     // "http://127.0.0.1:<port>" followed by `path`.
     std::string url(const std::string& path) const;
+    // A loopback address for `path` on a port nobody listens on.
+    static std::string refusedURL(const std::string& path);
     // Answers requests for `path` (query string ignored) with `response` from now on.
     void setResponse(const std::string& path, Response response);
     // Requests received so far for `path`, and in total.

@@ -205,17 +205,6 @@ void SimulatedMediaPlayer::stall(double seconds) {
     queue_->asyncAfter(seconds, stallTask_);
 }
 
-MediaPlayer::ObserverId SimulatedMediaPlayer::addStatusObserver(
-    std::function<void(TimeControlStatus, TimeControlStatus)> observer) {
-    const auto id = nextId_++;
-    statusObservers_[id] = std::move(observer);
-    return id;
-}
-
-void SimulatedMediaPlayer::removeStatusObserver(ObserverId id) {
-    statusObservers_.erase(id);
-}
-
 MediaPlayer::ObserverId SimulatedMediaPlayer::addPeriodicTimeObserver(
     double interval, std::function<void(double)> observer) {
     const auto id = nextId_++;
@@ -237,10 +226,6 @@ MediaPlayer::ObserverId SimulatedMediaPlayer::observeDuration(
     durationObservers_[id] = {generation_, observer};
     observer(itemDuration());
     return id;
-}
-
-void SimulatedMediaPlayer::invalidateDurationObservation(ObserverId id) {
-    durationObservers_.erase(id);
 }
 
 void SimulatedMediaPlayer::seek(double seconds, double toleranceBefore, double toleranceAfter,
@@ -270,16 +255,6 @@ void SimulatedMediaPlayer::seek(double seconds, double toleranceBefore, double t
     queue_->asyncAfter(seekLatency, seekTask_);
 }
 
-MediaPlayer::ObserverId SimulatedMediaPlayer::addEndOfItemObserver(std::function<void()> observer) {
-    const auto id = nextId_++;
-    endObservers_[id] = {generation_, std::move(observer)};
-    return id;
-}
-
-void SimulatedMediaPlayer::removeEndOfItemObserver(ObserverId id) {
-    endObservers_.erase(id);
-}
-
 MediaPlayer::ObserverId SimulatedMediaPlayer::addFailureObserver(
     std::function<void(const std::string&)> observer) {
     const auto id = nextId_++;
@@ -292,10 +267,6 @@ MediaPlayer::ObserverId SimulatedMediaPlayer::addFailureObserver(
         });
     }
     return id;
-}
-
-void SimulatedMediaPlayer::removeFailureObserver(ObserverId id) {
-    failureObservers_.erase(id);
 }
 
 void SimulatedMediaPlayer::fail(const std::string& reason) {
@@ -321,6 +292,16 @@ std::shared_ptr<SimulatedMediaPlayer> SimulatedMediaPlayerFactory::lastPlayer() 
     for (auto it = players_.rbegin(); it != players_.rend(); ++it)
         if (auto p = it->lock()) return p;
     return nullptr;
+}
+
+SimulatedMediaPlayer::ObserverCounts SimulatedMediaPlayerFactory::liveObservers() const {
+    size_t time = 0, status = 0, duration = 0, end = 0;
+    for (const auto& weak : players_)
+        if (auto p = weak.lock()) {
+            const auto [t, s, d, e] = p->observerCounts();
+            time += t, status += s, duration += d, end += e;
+        }
+    return {time, status, duration, end};
 }
 
 }  // namespace kavelin::testing

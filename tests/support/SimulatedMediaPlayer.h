@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Kavelin/Platform/MediaPlayer.h"
@@ -70,19 +71,25 @@ class SimulatedMediaPlayer final : public MediaPlayer,
     double currentTime() const override;
     TimeControlStatus timeControlStatus() const override { return status_; }
     ObserverId addStatusObserver(
-        std::function<void(TimeControlStatus, TimeControlStatus)> observer) override;
-    void removeStatusObserver(ObserverId id) override;
+        std::function<void(TimeControlStatus, TimeControlStatus)> observer) override {
+        statusObservers_[nextId_] = std::move(observer);
+        return nextId_++;
+    }
+    void removeStatusObserver(ObserverId id) override { statusObservers_.erase(id); }
     ObserverId addPeriodicTimeObserver(double interval,
                                        std::function<void(double)> observer) override;
     void removeTimeObserver(ObserverId id) override;
     ObserverId observeDuration(std::function<void(double)> observer) override;
-    void invalidateDurationObservation(ObserverId id) override;
+    void invalidateDurationObservation(ObserverId id) override { durationObservers_.erase(id); }
     void seek(double seconds, double toleranceBefore, double toleranceAfter,
               std::function<void(bool)> completion = {}) override;
-    ObserverId addEndOfItemObserver(std::function<void()> observer) override;
-    void removeEndOfItemObserver(ObserverId id) override;
+    ObserverId addEndOfItemObserver(std::function<void()> observer) override {
+        endObservers_[nextId_] = {generation_, std::move(observer)};
+        return nextId_++;
+    }
+    void removeEndOfItemObserver(ObserverId id) override { endObservers_.erase(id); }
     ObserverId addFailureObserver(std::function<void(const std::string&)> observer) override;
-    void removeFailureObserver(ObserverId id) override;
+    void removeFailureObserver(ObserverId id) override { failureObservers_.erase(id); }
 
     // Test controls.
     // The current item breaks off for good: it freezes waiting, and failure
@@ -92,10 +99,12 @@ class SimulatedMediaPlayer final : public MediaPlayer,
     void stall(double seconds);
 
     // What the tests read.
-    size_t statusObserverCount() const { return statusObservers_.size(); }
-    size_t timeObserverCount() const { return timeObservers_.size(); }
-    size_t durationObservationCount() const { return durationObservers_.size(); }
-    size_t endOfItemObserverCount() const { return endObservers_.size(); }
+    // Time, status, duration and end-of-item observers still registered.
+    using ObserverCounts = std::tuple<size_t, size_t, size_t, size_t>;
+    ObserverCounts observerCounts() const {
+        return {timeObservers_.size(), statusObservers_.size(), durationObservers_.size(),
+                endObservers_.size()};
+    }
     std::optional<std::string> currentURL() const;
     double itemDuration() const;  // not-a-number until ready
     bool wantsToPlay() const { return wantsToPlay_; }
@@ -177,27 +186,13 @@ class SimulatedMediaPlayerFactory final : public MediaPlayerFactory {
     int playersMade() const { return static_cast<int>(players_.size()); }
     // The most recent player still alive, if any.
     std::shared_ptr<SimulatedMediaPlayer> lastPlayer() const;
-    // Sums over every player still alive.
-    size_t liveStatusObservers() const { return sum(&SimulatedMediaPlayer::statusObserverCount); }
-    size_t liveTimeObservers() const { return sum(&SimulatedMediaPlayer::timeObserverCount); }
-    size_t liveDurationObservations() const {
-        return sum(&SimulatedMediaPlayer::durationObservationCount);
-    }
-    size_t liveEndOfItemObservers() const {
-        return sum(&SimulatedMediaPlayer::endOfItemObserverCount);
-    }
+    // Summed over every player still alive.
+    SimulatedMediaPlayer::ObserverCounts liveObservers() const;
 
   private:
     std::shared_ptr<VirtualMainQueue> queue_;
     std::shared_ptr<SimulatedMediaLibrary> library_;
     std::vector<std::weak_ptr<SimulatedMediaPlayer>> players_;
-
-    size_t sum(size_t (SimulatedMediaPlayer::*count)() const) const {
-        size_t n = 0;
-        for (const auto& weak : players_)
-            if (auto p = weak.lock()) n += ((*p).*count)();
-        return n;
-    }
 };
 
 }  // namespace kavelin::testing

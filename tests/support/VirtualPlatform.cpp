@@ -1,13 +1,8 @@
 #include "VirtualPlatform.h"
 
-#include <unistd.h>
-
-#include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
 
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/log/VPLogger.h"
@@ -15,17 +10,11 @@
 namespace kavelin::testing {
 
 VirtualPlatform::VirtualPlatform() {
-    static std::atomic<int> counter{0};
-    directory = std::filesystem::temp_directory_path() /
-                ("kavelin-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    std::filesystem::remove_all(directory);
-    std::filesystem::create_directories(directory);
-
     queue = std::make_shared<VirtualMainQueue>();
     media = std::make_shared<SimulatedMediaLibrary>();
     players = std::make_shared<SimulatedMediaPlayerFactory>(queue, media);
     presenter = std::make_shared<HeadlessPresenter>(queue);
-    defaults = std::make_shared<UserDefaults>(directory / "UserDefaults.json", queue);
+    defaults = std::make_shared<UserDefaults>(directory_.path / "UserDefaults.json", queue);
     // A fixed, readable starting point keeps wall-clock log lines reproducible.
     wallStart_ = std::chrono::system_clock::time_point(std::chrono::seconds(1'750'000'000));
 
@@ -50,8 +39,6 @@ VirtualPlatform::~VirtualPlatform() {
     defaults.reset();
     presenter.reset();
     players.reset();
-    std::error_code ignored;
-    std::filesystem::remove_all(directory, ignored);
 }
 
 void VirtualPlatform::shiftWallClock(double seconds) {
@@ -60,17 +47,6 @@ void VirtualPlatform::shiftWallClock(double seconds) {
 
 std::chrono::system_clock::time_point VirtualPlatform::wallNow() const {
     return platform_.wallClock();
-}
-
-TempDir::TempDir() {
-    std::string name = (std::filesystem::temp_directory_path() / "kavelin-test-XXXXXX").string();
-    if (!::mkdtemp(name.data())) throw std::runtime_error("no temporary directory");
-    path = name;
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
 }
 
 std::string readFile(const std::filesystem::path& path) {

@@ -12,6 +12,7 @@
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/UserDefaults.h"
 #include "Kavelin/Platform/VirtualMainQueue.h"
+#include "ScratchDir.h"
 #include "SimulatedMediaPlayer.h"
 
 namespace kavelin::testing {
@@ -27,12 +28,15 @@ class VirtualPlatform {
     VirtualPlatform(const VirtualPlatform&) = delete;
     VirtualPlatform& operator=(const VirtualPlatform&) = delete;
 
+  private:
+    ScratchDir directory_;  // first: goes last, after the store's final write
+
+  public:
     std::shared_ptr<VirtualMainQueue> queue;
     std::shared_ptr<SimulatedMediaLibrary> media;
     std::shared_ptr<SimulatedMediaPlayerFactory> players;
     std::shared_ptr<HeadlessPresenter> presenter;
     std::shared_ptr<UserDefaults> defaults;
-    std::filesystem::path directory;
 
     // The platform as installed (hand it to objects that take one explicitly).
     const Platform& platform() const { return platform_; }
@@ -48,15 +52,6 @@ class VirtualPlatform {
     Platform platform_;
     std::chrono::system_clock::time_point wallStart_;
     std::shared_ptr<double> wallOffset_ = std::make_shared<double>(0);
-};
-
-// A fresh directory under the system's temporary one, removed with its content.
-struct TempDir {
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    std::filesystem::path path;
 };
 
 std::string readFile(const std::filesystem::path& path);

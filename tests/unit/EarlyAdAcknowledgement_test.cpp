@@ -11,10 +11,8 @@ namespace {
 enum class Kind { nextVideo, tile, midRoll };
 constexpr double kInsideCallback = -1;
 
-struct Case {
-    Kind kind;
-    double ackDelay;  // after the request, or kInsideCallback
-};
+// The kind of request, and the acknowledgement's delay after it (or kInsideCallback).
+using Case = std::tuple<Kind, double>;
 
 std::string requestOf(Kind kind) {
     switch (kind) {
@@ -82,20 +80,16 @@ TEST_P(EarlyAck, ResumesOnceAfterTheDismissalWhateverTheMoment) {
 
 std::string caseName(const ::testing::TestParamInfo<Case>& info) {
     static const char* const kinds[] = {"NextVideo", "Tile", "MidRoll"};
-    const double d = info.param.ackDelay;
-    return std::string(kinds[static_cast<int>(info.param.kind)]) +
+    const auto [kind, d] = info.param;
+    return std::string(kinds[static_cast<int>(kind)]) +
            (d < 0 ? "InsideCallback" : "After" + std::to_string(static_cast<int>(d * 1000)) + "ms");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    KindsAndMoments, EarlyAck,
-    ::testing::Values(Case{Kind::nextVideo, kInsideCallback}, Case{Kind::nextVideo, 0.05},
-                      Case{Kind::nextVideo, 0.2}, Case{Kind::nextVideo, 1.0},
-                      Case{Kind::tile, kInsideCallback}, Case{Kind::tile, 0.05},
-                      Case{Kind::tile, 0.2}, Case{Kind::tile, 1.0},
-                      Case{Kind::midRoll, kInsideCallback}, Case{Kind::midRoll, 0.05},
-                      Case{Kind::midRoll, 0.2}, Case{Kind::midRoll, 1.0}),
-    caseName);
+INSTANTIATE_TEST_SUITE_P(KindsAndMoments, EarlyAck,
+                         ::testing::Combine(::testing::Values(Kind::nextVideo, Kind::tile,
+                                                              Kind::midRoll),
+                                            ::testing::Values(kInsideCallback, 0.05, 0.2, 1.0)),
+                         caseName);
 
 }  // namespace
 }  // namespace kavelin::testing

@@ -16,7 +16,7 @@ TEST(HeadlessPresenter, CompletesAfterTheAnimationNeverInlineAndEvenWhenGone) {
 
     int presented = 0, dismissed = 0;
     presenter->present(screen, true, [&] { ++presented; });
-    queue->advance(HeadlessPresenter::animationSeconds - 0.01);
+    queue->advance(kPresentationFadeSeconds - 0.01);
     EXPECT_EQ(presented, 0);
     EXPECT_EQ(presenter->presented(), nullptr);
     queue->advance(0.01);

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -22,11 +23,12 @@ namespace kavelin {
 namespace {
 
 using test::LocalHttpServer;
+using Response = LocalHttpServer::Response;
 
 std::string pngBytes(int w, int h) {
     SDL_Surface* s = SDL_CreateRGBSurfaceWithFormat(0, w, h, 32, SDL_PIXELFORMAT_ABGR8888);
     SDL_FillRect(s, nullptr, SDL_MapRGB(s->format, 200, 30, 30));
-    std::string buffer(64 * 1024, '\0');
+    std::string buffer(4 * 1024 * 1024, '\0');
     SDL_RWops* rw = SDL_RWFromMem(buffer.data(), static_cast<int>(buffer.size()));
     IMG_SavePNG_RW(s, rw, 0);
     buffer.resize(static_cast<size_t>(SDL_RWtell(rw)));
@@ -163,8 +165,9 @@ TEST_F(ImageCacheTest, MalformedAddressesFailAtOnceWithoutARequest) {
 
 TEST_F(ImageCacheTest, TwoViewsAppearingTogetherShareOneFetch) {
     // The cache is filled from the fetching worker, so a fetch that completed between
-    // the two appearances would spare the second view the in-flight request it should share. Holding every worker
-    // until both views have started keeps them "together" whatever the scheduling.
+    // the two appearances would spare the second view the in-flight request it should share.
+    // Holding every worker until both views have started keeps them "together" whatever the
+    // scheduling.
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
     for (int i = 0; i < 8; ++i)
@@ -198,6 +201,88 @@ TEST_F(ImageCacheTest, SampleThumbnailsLoadFromFileAddresses) {
     auto& missing = show(std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/none.svg");
     EXPECT_TRUE(missing.hasError());
 }
+
+// Hostile thumbnail addresses: anything too big in bytes or pixels, broken, silent
+// or unfetchable ends in the placeholder without being decoded, and one address is
+// fetched once however many cards ask at once.
+struct Thumbnail {
+    const char* name;
+    // What /t serves, made when the case runs; none: no request is expected.
+    std::function<std::optional<Response>()> response;
+    int expectedWidth;      // 0: the placeholder
+    std::string address{};  // when not the server's /t
+};
+
+class ThumbnailFaults : public ImageCacheTest, public ::testing::WithParamInterface<Thumbnail> {
+  protected:
+    void SetUp() override {
+        ImageCacheTest::SetUp();
+        ImageLoader::setTimeoutForTesting(1.0);
+    }
+};
+
+TEST_P(ThumbnailFaults, FourCardsShareOneBoundedFetch) {
+    const Thumbnail& t = GetParam();
+    const auto response = t.response();
+    if (response) server.setResponse("/t", *response);
+    const std::string url = t.address.empty() ? server.url("/t") : t.address;
+    queue->sync([&] {
+        for (int i = 0; i < 4; ++i) {
+            views.push_back(std::make_unique<CachedAsyncImage>(url));
+            views.back()->loadImage();
+        }
+    });
+    for (auto& v : views) waitUntilLoaded(*v);
+    EXPECT_EQ(server.requestCount("/t"), response ? 1u : 0u);
+    queue->sync([&] {
+        for (auto& v : views) {
+            if (t.expectedWidth == 0) {
+                EXPECT_TRUE(v->hasError());
+                EXPECT_EQ(v->image(), nullptr);
+            } else {
+                ASSERT_NE(v->image(), nullptr);
+                EXPECT_EQ(v->image()->width, t.expectedWidth);
+                EXPECT_EQ(v->image(), views.front()->image()) << "one decode for all";
+            }
+        }
+    });
+}
+
+std::function<std::optional<Response>()> serves(int status, std::function<std::string()> body,
+                                                std::string type = "image/png", double delay = 0) {
+    return [=] { return Response{status, body(), type, delay}; };
+}
+std::function<std::string()> png(int w, int h) {
+    return [=] { return pngBytes(w, h); };
+}
+std::string svg(int w, int h) {
+    return "<svg xmlns='http://www.w3.org/2000/svg' width='" + std::to_string(w) + "' height='" +
+           std::to_string(h) + "'><rect width='100%' height='100%' fill='red'/></svg>";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Loopback, ThumbnailFaults,
+    ::testing::Values(
+        Thumbnail{"Fits", serves(200, png(64, 48)), 64},
+        Thumbnail{"NotFound",
+                  serves(
+                      404, [] { return "no"; }, "text/plain"),
+                  0},
+        Thumbnail{"Garbage", serves(200, [] { return std::string(9000, '#'); }), 0},
+        // A valid picture trailed by 50 MB: decoders would ignore the tail.
+        Thumbnail{"FiftyMegabytes",
+                  serves(200, [] { return pngBytes(64, 48) + std::string(50 << 20, '\0'); }), 0},
+        // Kilobytes on the wire, beyond the pixel bound once decoded.
+        Thumbnail{"TooManyPixels", serves(200, png(2100, 2100)), 0},
+        Thumbnail{"TooWide", serves(200, png(4097, 1)), 0},
+        Thumbnail{"HugeSvgIsDrawnSmall",
+                  serves(
+                      200, [] { return svg(100000, 50000); }, "image/svg+xml"),
+                  ImageLoader::svgSide},
+        Thumbnail{"NeverAnswers", serves(200, png(8, 8), "image/png", 600), 0},
+        Thumbnail{"UnknownScheme", [] { return std::optional<Response>(); }, 0,
+                  "gopher://127.0.0.1/t.png"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // Workers write while the main queue reads: every read sees a whole entry.
 TEST(ImageCacheThreads, ConcurrentWritersAndReadersSeeWholeEntries) {

@@ -8,6 +8,8 @@
 #include <limits>
 #include <string>
 
+#include "support/ScopedEnv.h"
+
 namespace kavelin {
 namespace {
 
@@ -54,17 +56,13 @@ TEST(FormatDouble, PrintfRoundingAndLongOutput) {
 
 TEST(UtcDescription, FormatsInUtcWhateverTheLocalZone) {
     using namespace std::chrono;
-    const char* saved = std::getenv("TZ");
-    std::string savedTz = saved ? saved : "";
-    setenv("TZ", "Asia/Tokyo", 1);
+    ScopedEnv tz("TZ", "Asia/Tokyo");
     tzset();
     system_clock::time_point t{seconds{1738346645}};  // 2025-01-31 18:04:05 UTC
     EXPECT_EQ(utcDescription(t), "2025-01-31 18:04:05 +0000");
     EXPECT_EQ(utcDescription(t + milliseconds{999}), "2025-01-31 18:04:05 +0000");
     EXPECT_EQ(utcDescription(system_clock::time_point{} - milliseconds{500}),
               "1969-12-31 23:59:59 +0000");
-    saved ? setenv("TZ", savedTz.c_str(), 1) : unsetenv("TZ");
-    tzset();
 }
 
 }  // namespace

@@ -1,17 +1,12 @@
 // A video that cannot play, on virtual time: whether it broke off or simply made
 // no progress, the viewer sees it, can go back or retry, and is taken back to the
 // game on their behalf if they do neither.
-#include <imgui.h>
-
 #include <functional>
 
-#include "Kavelin/views/VideoPlayerView.h"
 #include "support/PlayerControllerFixture.h"
 
 namespace kavelin::testing {
 namespace {
-
-using UI = VideoPlayerView::UI;
 
 struct Fault {
     const char* name;
@@ -106,41 +101,6 @@ TEST_F(PlaybackFailureWayOut, SlowProgressRetryAndBackEachEndTheFailureOnce) {
     EXPECT_EQ(events.count("OnVideoClosed"), 1u);
     EXPECT_EQ(events.count("OnViewDismissed"), 1u);
     EXPECT_EQ(logs.countPrefix("❌ Video can't be played ("), 2u);
-}
-
-TEST_F(PlaybackFailureWayOut, ScreenShowsTheMessageInsteadOfTheSpinnerAndBackReacts) {
-    ImGuiContext* context = ImGui::CreateContext();
-    ImGui::GetIO().IniFilename = nullptr;
-    ImGui::GetIO().DisplaySize = {390, 844};
-    Font::install(ImGui::GetIO());
-    ImGui::GetIO().Fonts->Build();
-    auto orientation = std::make_shared<OrientationObserver>();
-    orientation->updateOrientation(std::make_pair(390, 844));
-    startPlaylist("pl-1");
-    VideoPlayerView view(pc, orientation, playlist);
-    DrawTrace trace;
-    auto frame = [&](bool down) {
-        ImGui::GetIO().MousePos = {view.lastLayout().back.midX(), view.lastLayout().back.midY()};
-        ImGui::GetIO().MouseDown[0] = down;
-        ImGui::NewFrame();
-        trace.items.clear();
-        Frame f(ImGui::GetBackgroundDrawList(), vp.queue->now(), &trace);
-        view.draw(f, {0, 0, 390, 844});
-        ImGui::Render();
-        vp.runUntilIdle();
-    };
-    frame(false);
-    EXPECT_FALSE(trace.hasText(UI::failedTitle));
-    simPlayer()->fail("404");
-    vp.runUntilIdle();
-    frame(false);
-    EXPECT_TRUE(trace.hasText(UI::failedTitle));
-    EXPECT_TRUE(trace.hasText(UI::failedHint));
-    events.clear();
-    frame(true);
-    frame(false);
-    EXPECT_EQ(events.count("OnVideoClosed"), 1u) << "the back button reacts at once";
-    ImGui::DestroyContext(context);
 }
 
 }  // namespace

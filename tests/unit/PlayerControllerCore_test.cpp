@@ -12,10 +12,8 @@ namespace {
 class Core : public PlayerControllerTest {
   protected:
     // Live time, status, duration and end-of-item observers.
-    std::tuple<size_t, size_t, size_t, size_t> observers() const {
-        return {vp.players->liveTimeObservers(), vp.players->liveStatusObservers(),
-                vp.players->liveDurationObservations(), vp.players->liveEndOfItemObservers()};
-    }
+    using Counts = SimulatedMediaPlayer::ObserverCounts;
+    Counts observers() const { return vp.players->liveObservers(); }
     // Whether previous and next are disabled.
     std::pair<bool, bool> edges() const { return {pc->disableBackButton, pc->disbleForwardButton}; }
 };
@@ -28,7 +26,7 @@ TEST_F(Core, ObserversNeverAccumulateOverAThousandLoads) {
     }
     vp.runUntilIdle();
     EXPECT_EQ(vp.players->playersMade(), 1);
-    EXPECT_EQ(observers(), std::make_tuple(1u, 1u, 1u, 1u));
+    EXPECT_EQ(observers(), Counts(1, 1, 1, 1));
     EXPECT_TRUE(pc->isObservingTimeControlStatus);
     // Cancelled delayed tasks do not pile up either: auto-hide, rail return and
     // the player's own clock are all that wait.
@@ -38,7 +36,7 @@ TEST_F(Core, ObserversNeverAccumulateOverAThousandLoads) {
     EXPECT_EQ(pc->duration.get(), kClip);
 
     pc->cleanup();
-    EXPECT_EQ(observers(), std::make_tuple(0u, 0u, 0u, 0u));
+    EXPECT_EQ(observers(), Counts());
     EXPECT_FALSE(pc->isObservingTimeControlStatus);
 }
 
@@ -116,11 +114,9 @@ TEST_F(Core, PauseAndPlayAreIdempotentAndEchoOnlyRealStarts) {
     EXPECT_EQ(simPlayer()->pauseCalls, pauses);
     EXPECT_FALSE(pc->shouldBePlayingAfterResume);
     EXPECT_TRUE(events.events().empty());
-    pc->autoPlayCurrentVideo = true;
     pc->play();
     EXPECT_EQ(events.take(), (Events{kPlay}));
     EXPECT_TRUE(pc->shouldBePlayingAfterResume);
-    EXPECT_FALSE(pc->autoPlayCurrentVideo);
 }
 
 TEST_F(Core, SkipsAndStop) {
@@ -176,7 +172,7 @@ TEST_F(Core, InvalidURLKeepsTheSpinnerAndThePreviousItem) {
     EXPECT_TRUE(pc->showLoading);
     EXPECT_EQ(playingURL(), urlOf("a0"));
     EXPECT_TRUE(pc->isPlaying);
-    EXPECT_EQ(vp.players->liveTimeObservers(), 1u);
+    EXPECT_EQ(std::get<0>(observers()), 1u);
     EXPECT_TRUE(events.events().empty());
     vp.advance(1);
     EXPECT_GT(pc->currentTime.get(), 2.5);
@@ -322,6 +318,79 @@ TEST_F(Core, MakeWithoutPlayersSkipsEveryPlayerStep) {
     EXPECT_FALSE(controller->midRollResumePosition.has_value());
     EXPECT_EQ(controller->timeObserverToken, 0u);
     EXPECT_EQ(events.count("OnMidRollAdRequired"), 1u);
+}
+
+// Which host addresses load, what the media player is handed for them, and that a
+// refused one never moves the playlist position.
+struct AddressCase {
+    const char* given;
+    std::optional<std::string> handed;
+};
+
+TEST(PlayerAddress, AnyURIReferenceLoadsOnlyEmptyOrControlCharactersAreRefused) {
+    const AddressCase cases[] = {
+        {"media/e1.m3u8", "media/e1.m3u8"},                // relative: the player resolves it
+        {"/srv/my videos/é.mp4", "/srv/my videos/é.mp4"},  // a path, as written
+        {"not a url", "not a url"},
+        {"http://cdn.example.com/a b/é.mp4?q=1 2#t=1#2",
+         "http://cdn.example.com/a%20b/%C3%A9.mp4?q=1%202#t=1%232"},
+        {"https://h/%20kept%zz%4", "https://h/%20kept%25zz%254"},
+        {"http://[::1]:8080/a[1].mp4", "http://[::1]:8080/a%5B1%5D.mp4"},
+        {"http://h/\"q\"<x>\\{|}^`", "http://h/%22q%22%3Cx%3E%5C%7B%7C%7D%5E%60"},
+        {"edl://file=av://lavfi:testsrc2=size=640x360:rate=25,length=30",
+         "edl://file=av://lavfi:testsrc2=size=640x360:rate=25,length=30"},
+        {"", std::nullopt},
+        {"http://h/a\tb", std::nullopt},
+        {"clip\n.mp4", std::nullopt},
+        {"clip\x7f.mp4", std::nullopt},
+        {"clip\xC2\x85.mp4", std::nullopt},  // NEL, a C1 control
+    };
+    for (const auto& c : cases) EXPECT_EQ(playerAddress(c.given), c.handed) << c.given;
+    for (const auto& playlist : Playlist::allPlaylists())
+        for (const auto& v : playlist.videos) EXPECT_EQ(playerAddress(v.url), v.url);
+}
+
+// pl-1 is a0, a broken address, a2.
+class RefusedLoad : public PlayerControllerTest {
+  protected:
+    std::vector<Playlist> catalogue() const override {
+        auto list = PlayerControllerTest::catalogue();
+        list[0].videos[1].url = "http://h/\x01";
+        return list;
+    }
+};
+
+TEST_F(RefusedLoad, PositionStaysWhereItWas) {
+    const std::vector<std::pair<const char*, std::function<void()>>> moves = {
+        {"end of a0", [this] { vp.advance(kClip + 1); }},
+        {"next button", [this] { pc->nextVideo(); }},
+        {"rail tap", [this] { pc->onVideoSelected(video("pl-1", 1)); }},
+    };
+    subscriptionStatus() = SubscriptionStatus::premium;
+    startPlaylist("pl-1");
+    for (const auto& [name, move] : moves) {
+        logs.clear();
+        move();
+        EXPECT_EQ(pc->currentIndex.get(), 0) << name;
+        EXPECT_EQ(playlist->currentVideoID.get(), "a0") << name;
+        EXPECT_TRUE(logs.contains("⚠️ Not a valid URL, nothing loaded: http://h/\x01")) << name;
+    }
+
+    // A free viewer's tile ad: the ad is over, the chosen video cannot load.
+    subscriptionStatus() = SubscriptionStatus::free;
+    pc->onVideoSelected(video("pl-1", 1));
+    vp.advance(1);
+    service->AdCompletedResumePlayback();
+    EXPECT_EQ(pc->currentIndex.get(), 0);
+    EXPECT_FALSE(pc->pendingVideo.has_value());
+}
+
+TEST_F(RefusedLoad, TheMediaPlayerGetsTheEncodedAddressOrThePathAsWritten) {
+    startPlaylist("pl-1");
+    pc->loadVideo("clips/first clip.mp4");
+    EXPECT_EQ(playingURL(), "clips/first clip.mp4");
+    pc->loadVideo("http://cdn/a b.mp4");
+    EXPECT_EQ(playingURL(), "http://cdn/a%20b.mp4");
 }
 
 }  // namespace

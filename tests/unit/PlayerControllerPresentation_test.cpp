@@ -4,7 +4,7 @@
 namespace kavelin::testing {
 namespace {
 
-constexpr double kAnimation = HeadlessPresenter::animationSeconds;
+constexpr double kAnimation = kPresentationFadeSeconds;
 
 using Presentation = PlayerControllerTest;
 
@@ -55,7 +55,7 @@ TEST_F(Presentation, BackButtonClosesAndReopeningPeeksTheRailAgain) {
     EXPECT_EQ(pc->player.get(), nullptr);
     EXPECT_EQ(pc->currentIndex.get(), 0);
     EXPECT_FALSE(pc->hasShownInitialHalfScreen || pc->dismissedCountdownRail);
-    EXPECT_EQ(vp.players->liveTimeObservers(), 0u);
+    EXPECT_EQ(std::get<0>(vp.players->liveObservers()), 0u);
 
     // Reopening makes a fresh player and shows the rail once more.
     pc->showPlaylist = false;

@@ -133,6 +133,29 @@ TEST(PlaylistCardGeometry, ThreeStackedCardsAndABottomRoundedBand) {
               ImDrawFlags_RoundCornersBottom);
 }
 
+// The next-playlist card's stack carries the default padding above it, so it sits
+// 16 points lower in the rail than the video cards beside it.
+TEST(PlaylistCardGeometry, NextPlaylistCardTakesTapsOnePaddingBelowItsOrigin) {
+    HeadlessImGui h({400, 400});
+    PlaylistCardView card("Name pl-2", "", {180, 130}, false);
+    auto tap = [&](float y, bool down) {
+        bool tapped = false;
+        h.frame(
+            0,
+            [&](Frame& f) {
+                tapped = card.draw(f, {0, 0});
+            },
+            {90, y}, down);
+        return tapped;
+    };
+    // The card covers y 16 to 146.
+    for (auto [y, hits] :
+         {std::pair{5.0f, false}, {20.0f, true}, {140.0f, true}, {150.0f, false}}) {
+        tap(y, true);
+        EXPECT_EQ(tap(y, false), hits) << "tap at y " << y;
+    }
+}
+
 TEST(VideoCardDecisions, OverlayTextDimmingAndBadge) {
     EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::nextVideo, 5), "Playing in 5s");
     EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::completed, 0), "Watched");

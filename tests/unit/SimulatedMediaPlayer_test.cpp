@@ -112,16 +112,13 @@ TEST_F(SimulatedPlayer, CountsLiveObserversPerKind) {
     auto b = player->addStatusObserver([](auto, auto) {});
     auto c = player->observeDuration([](double) {});
     auto d = player->addEndOfItemObserver([] {});
-    EXPECT_EQ(factory.liveTimeObservers() + factory.liveStatusObservers() +
-                  factory.liveDurationObservations() + factory.liveEndOfItemObservers(),
-              4u);
+    using Counts = SimulatedMediaPlayer::ObserverCounts;
+    EXPECT_EQ(factory.liveObservers(), Counts(1, 1, 1, 1));
     player->removeTimeObserver(a);
     player->removeStatusObserver(b);
     player->invalidateDurationObservation(c);
     player->removeEndOfItemObserver(d);
-    EXPECT_EQ(player->timeObserverCount() + player->statusObserverCount() +
-                  player->durationObservationCount() + player->endOfItemObserverCount(),
-              0u);
+    EXPECT_EQ(player->observerCounts(), Counts());
     player.reset();
     EXPECT_EQ(factory.lastPlayer(), nullptr);
     EXPECT_EQ(factory.playersMade(), 1);

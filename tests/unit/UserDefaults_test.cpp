@@ -1,17 +1,25 @@
 #include "Kavelin/Platform/UserDefaults.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/log/VPLogger.h"
+#include "support/ScopedEnv.h"
 #include "support/VirtualPlatform.h"
 
 namespace kavelin {
@@ -24,20 +32,6 @@ using testing::readFile;
 void writeFile(const fs::path& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
-
-// Sets an environment variable for the lifetime of the object.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        value ? ::setenv(name, value, 1) : ::unsetenv(name);
-    }
-    ~ScopedEnv() { old_ ? ::setenv(name_, old_->c_str(), 1) : ::unsetenv(name_); }
-
-  private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
 
 class UserDefaultsTest : public ::testing::Test {
   protected:
@@ -52,7 +46,7 @@ class UserDefaultsTest : public ::testing::Test {
         return out;
     }
 
-    testing::TempDir dir;
+    ScratchDir dir;
     fs::path file = dir.path / "Kavelin" / "UserDefaults.json";
     std::shared_ptr<VirtualMainQueue> queue = std::make_shared<VirtualMainQueue>();
     testing::LogCapture logs;
@@ -230,6 +224,160 @@ TEST_F(UserDefaultsTest, UnwritableDirectoryWarnsOnceAndKeepsWorkingFromMemory) 
     EXPECT_NE(warnings()[0].find("] ⚠️ "), std::string::npos) << warnings()[0];
     store.reset();
     EXPECT_EQ(warnings().size(), 1u);
+}
+
+// A crash, a full disk or a curious user can leave anything at the state file's
+// path. Whatever is there, the library starts, keeps every entry it can read,
+// says so once, and keeps the damaged file aside instead of overwriting it.
+std::string nested(size_t depth) {
+    return std::string(depth, '[') + std::string(depth, ']');
+}
+
+struct Damage {
+    const char* name;
+    std::string bytes;  // empty with `directory`: a directory stands at the path
+    json kept;
+    bool directory = false;
+};
+
+class DamagedStateFileTest : public UserDefaultsTest, public ::testing::WithParamInterface<Damage> {
+  protected:
+    std::vector<fs::path> asideFiles() const {
+        std::vector<fs::path> out;
+        for (const auto& entry : fs::directory_iterator(file.parent_path()))
+            if (entry.path().filename().string().starts_with("UserDefaults.json.corrupt-"))
+                out.push_back(entry.path());
+        return out;
+    }
+};
+
+TEST_P(DamagedStateFileTest, KeepsReadableEntriesLogsOnceAndMovesTheFileAside) {
+    const auto& damage = GetParam();
+    fs::create_directories(file.parent_path());
+    if (damage.directory)
+        fs::create_directories(file / "inside");
+    else
+        writeFile(file, damage.bytes);
+    auto store = makeStore();
+    for (const auto& [key, value] : damage.kept.items()) EXPECT_EQ(store->object(key), value);
+    EXPECT_FALSE(store->object("bad").has_value());
+    EXPECT_EQ(logs.lines().size(), 1u);
+    EXPECT_EQ(logs.levelOf(logs.messages().at(0)), "ERROR");
+
+    // Nothing is lost before the next write replaces the file ...
+    EXPECT_TRUE(asideFiles().empty());
+    store->setObject("new", 1);
+    store->flush();
+    auto expected = damage.kept;
+    expected["new"] = 1;
+    EXPECT_EQ(onDisk(), expected);
+    // ... which first moves the damaged one aside, byte for byte.
+    const auto aside = asideFiles();
+    ASSERT_EQ(aside.size(), 1u);
+    if (damage.directory)
+        EXPECT_TRUE(fs::is_directory(aside[0] / "inside"));
+    else
+        EXPECT_EQ(readFile(aside[0]), damage.bytes);
+    store.reset();
+    EXPECT_EQ(logs.lines().size(), 1u);
+
+    // The rewritten file is sound: the next start says nothing.
+    logs.clear();
+    EXPECT_EQ(makeStore()->object("new"), json(1));
+    EXPECT_TRUE(logs.lines().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, DamagedStateFileTest,
+    ::testing::Values(
+        Damage{"empty", "", json::object()},
+        Damage{"truncated", R"({"k":"complete","l":["a","b)", {{"k", "complete"}}},
+        Damage{"tornInKey", R"({"k":1,"bad)", {{"k", 1}}},
+        Damage{
+            "brokenMember", R"({"a":1,"bad":tru,"c":{"d":[1]}})", {{"a", 1}, {"c", {{"d", {1}}}}}},
+        Damage{"invalidUtf8Member", "{\"bad\":\"\xc3\x28\",\"k\":true}", {{"k", true}}},
+        Damage{"trailingJunk", R"({"k":"v"} trailing)", {{"k", "v"}}},
+        Damage{"topLevelArray", R"([{"k":"v"}])", json::object()},
+        Damage{"binary", std::string("\x00\xff\xfe{\x89PNG\r\n\x1a\n", 12), json::object()},
+        Damage{"deepMember", R"({"k":2,"bad":)" + nested(100000) + "}", {{"k", 2}}},
+        Damage{"deepUnclosed", "{\"bad\":" + std::string(200000, '{'), json::object()},
+        Damage{"tenMegabytesOfJunk", "{\"k\":\"" + std::string(10 << 20, 'x') + "\"}",
+               json::object()},
+        Damage{"directory", "", json::object(), true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A game can be killed at any moment. A process recording watched marks as fast as
+// a player would is killed with SIGKILL at random times: the file must always
+// parse and hold every mark older than the save window.
+using Clock = std::chrono::steady_clock;
+constexpr const char* kKey = "zelkin.playlistSDK.completedVideosByPlaylist";
+
+// The child: the real thread queue and store, one new mark every 20 ms, each
+// reported on `out` once the store holds it.
+[[noreturn]] void recordMarks(const fs::path& file, int out) {
+    VPLogger::setEnabled(false);
+    auto queue = std::make_shared<ThreadMainQueue>();
+    auto store = std::make_shared<UserDefaults>(file, queue);
+    nlohmann::json marks = nlohmann::json::array();
+    for (int mark = 0;; ++mark) {
+        queue->sync([&] {
+            marks.push_back(std::to_string(mark));
+            store->setObject(kKey, nlohmann::json{{"pl", marks}});
+        });
+        if (::write(out, &mark, sizeof mark) != sizeof mark) ::_exit(1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+TEST(MarksSurviveKill, FileAlwaysParsesAndLosesAtMostTheLastSecond) {
+    ScratchDir dir;
+    const fs::path file = dir.path / "UserDefaults.json";
+    std::mt19937 random(std::random_device{}());
+    // The save window is one second; fsync and scheduling get a little slack.
+    const auto lossWindow = std::chrono::milliseconds(1250);
+
+    for (int run = 0; run < 20; ++run) {
+        SCOPED_TRACE("run " + std::to_string(run));
+        int fds[2];
+        ASSERT_EQ(::pipe(fds), 0);
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            ::close(fds[0]);
+            recordMarks(file, fds[1]);
+        }
+        ::close(fds[1]);
+        std::map<int, Clock::time_point> seen;
+        const auto killAt = Clock::now() + std::chrono::milliseconds(
+                                               std::uniform_int_distribution(300, 2500)(random));
+        while (Clock::now() < killAt) {
+            pollfd p{fds[0], POLLIN, 0};
+            if (::poll(&p, 1, 10) <= 0) continue;
+            int mark = 0;
+            if (::read(fds[0], &mark, sizeof mark) == sizeof mark) seen[mark] = Clock::now();
+        }
+        ::kill(child, SIGKILL);
+        const auto killed = Clock::now();
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ::close(fds[0]);
+
+        size_t saved = 0;
+        if (fs::exists(file)) {  // whenever there is a file, it is whole
+            std::ifstream in(file, std::ios::binary);
+            const auto parsed = nlohmann::json::parse(in, nullptr, false);
+            ASSERT_TRUE(parsed.is_object());
+            saved = parsed.value(kKey, nlohmann::json::object())
+                        .value("pl", nlohmann::json::array())
+                        .size();
+        }
+        // Marks are appended in order: every one reported before the window is saved.
+        for (const auto& [mark, when] : seen)
+            if (killed - when >= lossWindow) {
+                EXPECT_GT(saved, static_cast<size_t>(mark));
+            }
+        fs::remove(file);
+    }
 }
 
 }  // namespace

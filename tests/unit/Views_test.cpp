@@ -334,6 +334,19 @@ TEST_F(ScreenTest, ReturningToTheForegroundResumesOnlyWhenPlaybackWasWanted) {
     EXPECT_TRUE(pc->isPlaying);
 }
 
+TEST_F(ScreenTest, FailedPlaybackShowsTheMessageInsteadOfTheSpinnerAndBackReacts) {
+    frame();
+    EXPECT_FALSE(trace().hasText(VideoPlayerView::UI::failedTitle));
+    simPlayer()->fail("404");
+    vp.runUntilIdle();
+    frame();
+    EXPECT_TRUE(trace().hasText(VideoPlayerView::UI::failedTitle));
+    EXPECT_TRUE(trace().hasText(VideoPlayerView::UI::failedHint));
+    events.clear();
+    click(centre(layout().back));
+    EXPECT_EQ(events.count("OnVideoClosed"), 1u) << "the back button reacts at once";
+}
+
 TEST(ScreenDecisions, CountdownPhaseTimeLabelAndSizesPerDeviceAndOrientation) {
     EXPECT_FALSE(VideoPlayerView::isCountdownPhase(3, std::numeric_limits<double>::quiet_NaN()));
     EXPECT_TRUE(VideoPlayerView::isCountdownPhase(25, 30));

@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "Kavelin/Platform/Immortal.h"
+#include "Kavelin/Platform/MainQueueCheck.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/log/VPLogger.h"
 
@@ -40,12 +41,14 @@ PlaylistController::~PlaylistController() {
 }
 
 const std::set<std::string>& PlaylistController::completedVideoIDs() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto& map = completedVideosByPlaylist.get();
     auto it = map.find(currentPlaylist->id);
     return it == map.end() ? emptySet() : it->second;
 }
 
 VideoState PlaylistController::state(const Video& video) const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     // A watched video playing again shows as playing, one up next as up next.
     if (currentVideoID.get() == video.id) return VideoState::watching;
     if (countdownVideoID.get() == video.id) return VideoState::nextVideo;
@@ -54,20 +57,24 @@ VideoState PlaylistController::state(const Video& video) const {
 }
 
 int PlaylistController::remainingTimeFor(const Video& video) const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     return countdownVideoID.get() == video.id ? remainingTime.get() : 0;
 }
 
 void PlaylistController::videoStarted(const std::string& id) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     cancelCountdown();
     currentVideoID = id;
     countdownTriggeredForVideoID_.reset();
 }
 
 void PlaylistController::userSelectedVideo(const std::string& id) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     videoStarted(id);
 }
 
 void PlaylistController::videoCompleted(const std::string& id, double time) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     // Watched once the playhead reaches 10 s, not at the end of the video.
     if (time < 10.0) return;
 
@@ -91,7 +98,8 @@ void PlaylistController::videoCompleted(const std::string& id, double time) {
 
 void PlaylistController::triggerCountdownIfNeeded(const std::string& currentID,
                                                   int remainingSeconds) {
-    if (remainingSeconds < 0 || remainingSeconds > 5) return;
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    if (remainingSeconds < 0 || remainingSeconds > kCountdownSeconds) return;
     auto current = std::find_if(videos.begin(), videos.end(),
                                 [&](const Video& v) { return v.id == currentID; });
     // No countdown into the next playlist.
@@ -102,6 +110,7 @@ void PlaylistController::triggerCountdownIfNeeded(const std::string& currentID,
 }
 
 void PlaylistController::cancelCountdown() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (timer_) timer_->cancel();
     timer_.reset();
     countdownVideoID = std::nullopt;
@@ -109,6 +118,7 @@ void PlaylistController::cancelCountdown() {
 }
 
 std::optional<size_t> PlaylistController::firstUnwatchedVideoID() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto& watched = completedVideoIDs();
     for (size_t i = 0; i < videos.size(); ++i)
         if (!watched.contains(videos[i].id)) return i;
@@ -116,6 +126,7 @@ std::optional<size_t> PlaylistController::firstUnwatchedVideoID() const {
 }
 
 std::optional<std::string> PlaylistController::nextVideoToPlayOnReturn() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (videos.empty()) return std::nullopt;
     if (auto index = firstUnwatchedVideoID()) return videos[*index].id;
     // Everything watched: the playlist starts over.
@@ -123,11 +134,13 @@ std::optional<std::string> PlaylistController::nextVideoToPlayOnReturn() const {
 }
 
 bool PlaylistController::allVideosWatched() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     // Counts only: ids of videos no longer in the playlist still count.
     return completedVideoIDs().size() == videos.size();
 }
 
 void PlaylistController::userSelectedPlaylist(const std::optional<Playlist>& playlist) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     cancelCountdown();
     if (!playlist) return;
     currentPlaylist = *playlist;
@@ -137,6 +150,7 @@ void PlaylistController::userSelectedPlaylist(const std::optional<Playlist>& pla
 }
 
 void PlaylistController::setNextPlaylist() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto& list = playlists();
     auto current = std::find_if(list.begin(), list.end(),
                                 [&](const Playlist& p) { return p.id == currentPlaylist->id; });
@@ -152,17 +166,20 @@ void PlaylistController::setNextPlaylist() {
 }
 
 std::vector<Playlist> PlaylistController::loadAllplaylist() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     return playlists();
 }
 
 void PlaylistController::setCompletedVideosByPlaylist(
     std::map<std::string, std::set<std::string>> map) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     completedVideosByPlaylist = std::move(map);
     encodedCompletedVideos_.reset();
     persistCompletedVideos();
 }
 
 void PlaylistController::persistCompletedVideos() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (!defaults_) return;
     if (!encodedCompletedVideos_) {
         nlohmann::json encoded = nlohmann::json::object();
@@ -178,6 +195,7 @@ void PlaylistController::persistCompletedVideos() {
 }
 
 std::map<std::string, std::set<std::string>> PlaylistController::loadCompletedVideos() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::map<std::string, std::set<std::string>> result;
     if (!defaults_) return result;
     auto stored = defaults_->object(kCompletedVideosKey);

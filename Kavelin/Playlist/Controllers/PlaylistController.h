@@ -21,6 +21,8 @@ enum class VideoState { watching, nextVideo, completed, none };
 // of every playlist (kept across launches).
 class PlaylistController : public ObservableObject {
   public:
+    // The next video's countdown covers the last this-many seconds of the current one.
+    static constexpr double kCountdownSeconds = 5;
     static constexpr const char* kCompletedVideosKey =
         "zelkin.playlistSDK.completedVideosByPlaylist";
 
