@@ -67,14 +67,15 @@ TEST_F(PackagedLibrary, CopiedAloneShowsTheSameArtworkAsInTheTree) {
                              game);
     ASSERT_EQ(inTree.size(), 1280u * 200 * 3);
     ASSERT_EQ(copied.size(), inTree.size());
+    // Where artwork is drawn, not how bright: the controls' own fade may be at
+    // another step in each run.
     size_t drawn = 0, differing = 0;
+    auto lit = [](const std::vector<uint8_t>& p, size_t i) {
+        return p[i] + p[i + 1] + p[i + 2] > 96;
+    };
     for (size_t i = 0; i < inTree.size(); i += 3) {
-        drawn += inTree[i] + inTree[i + 1] + inTree[i + 2] > 96;
-        for (size_t c = 0; c < 3; ++c)
-            if (std::abs(inTree[i + c] - copied[i + c]) > 24) {
-                ++differing;
-                break;
-            }
+        drawn += lit(inTree, i);
+        differing += lit(inTree, i) != lit(copied, i);
     }
     EXPECT_GT(drawn, 500u) << "no back button or logo on the black picture";
     EXPECT_LT(differing, inTree.size() / 3 / 100) << "the copied library draws other artwork";

@@ -89,7 +89,7 @@ int grabScreen(void* lib, const std::string& clip, const std::string& out) {
                                 std::string(display ? display : ":0") +
                                 "+0,0' -frames:v 1 -f rawvideo -pix_fmt rgb24 '" + out + "'";
     // The screen fades in and its controls settle at the pace of a loaded machine:
-    // the picture counts once two grabs half a second apart agree.
+    // the picture counts once something is drawn and two grabs half a second apart agree.
     std::string previous;
     int rc = 5;
     for (int attempt = 0; attempt < 20; ++attempt) {
@@ -97,7 +97,10 @@ int grabScreen(void* lib, const std::string& clip, const std::string& out) {
         if (std::system(command.c_str()) != 0) break;
         std::ifstream in(out, std::ios::binary);
         std::string grabbed{std::istreambuf_iterator<char>(in), {}};
-        if (!grabbed.empty() && grabbed == previous) {
+        size_t lit = 0;  // before the first frame the window is black, and stays so
+        for (size_t i = 0; i + 2 < grabbed.size(); i += 3)
+            lit += uint8_t(grabbed[i]) + uint8_t(grabbed[i + 1]) + uint8_t(grabbed[i + 2]) > 96;
+        if (lit > 500 && grabbed == previous) {
             rc = 0;
             break;
         }
