@@ -3,8 +3,11 @@ MAKEFLAGS += --no-print-directory
 BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKAVELIN_CHECK_MAIN_QUEUE=ON
+# The project's own builds fail on any warning; a game's build of the library does not.
+WERROR_FLAGS ?= -DKAVELIN_WERROR=ON
+PREFIX ?= /usr/local
 
-.PHONY: all setup configure build demo demo-cs test bench clean format asan tsan fuzz
+.PHONY: all setup configure build demo demo-cs test bench clean format asan tsan fuzz install
 
 all: build
 
@@ -12,7 +15,7 @@ setup:
 	@bash scripts/setup.sh
 
 configure: setup
-	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) $(WERROR_FLAGS) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
@@ -26,8 +29,11 @@ demo-cs: build
 	@mcs -nologo -warnaserror+ -out:$(BUILD)/examples/KavelinExample.exe bindings/csharp/*.cs examples/csharp/KavelinExample.cs
 	KAVELIN_HEADLESS=1 LD_LIBRARY_PATH=$(BUILD) mono $(BUILD)/examples/KavelinExample.exe $(DEMO_CS_ARGS)
 
+install: build
+	@cmake --install $(BUILD) --prefix $(PREFIX)
+
 test: build
-	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
+	cd $(BUILD) && ctest --output-on-failure --no-tests=error -j $(JOBS) $(CTEST_ARGS)
 
 bench: build
 	@for b in $(BUILD)/bench/kavelin-bench-*; do echo "== $$(basename $$b)"; $$b || exit 1; done
@@ -45,7 +51,7 @@ SAN_ENV = ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:detect_stack_use_after_re
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	TSAN_OPTIONS=suppressions=$(CURDIR)/tests/sanitizers/tsan.supp:halt_on_error=1:second_deadlock_stack=1
 asan tsan: setup
-	@cmake -S . -B build-$@ -DCMAKE_BUILD_TYPE=Debug -DKAVELIN_SANITIZE=$(if $(filter asan,$@),address,thread) >/dev/null
+	@cmake -S . -B build-$@ -DCMAKE_BUILD_TYPE=Debug -DKAVELIN_SANITIZE=$(if $(filter asan,$@),address,thread) $(WERROR_FLAGS) >/dev/null
 	@mkdir -p build-$@/fonts && cp -n build/fonts/*.ttf build-$@/fonts/ 2>/dev/null || true
 	@cmake --build build-$@ -j $(JOBS)
 	cd build-$@ && $(SAN_ENV) ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
@@ -54,7 +60,7 @@ asan tsan: setup
 # a crash leaves its reproducer in build-fuzz/crashes/<target>.
 FUZZ_SECONDS ?= 60
 fuzz: setup
-	@CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKAVELIN_FUZZ=ON >/dev/null
+	@CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKAVELIN_FUZZ=ON $(WERROR_FLAGS) >/dev/null
 	@cmake --build build-fuzz -j $(JOBS) --target fuzzers
 	@for t in playlists:Playlists episodes:Episodes mid_roll_policy:MidRollPolicy state_file:StateFile call_program:CallProgram; do \
 	  dir=$${t%%:*}; name=$${t##*:}; mkdir -p build-fuzz/corpus/$$dir build-fuzz/crashes/$$dir; \

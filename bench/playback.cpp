@@ -178,10 +178,11 @@ int main() {
     kavelin::Platform::install(platform);
 
     std::string advance;
-    for (int i = 0; i < 6; ++i)
-        advance += (i ? "," : "") +
-                   episode("a" + std::to_string(i),
+    for (int i = 0; i < 6; ++i) {
+        if (i) advance += ',';
+        advance += episode(std::string("a") + std::to_string(i),
                            server.url(i % 2 ? TestMedia::kClip2sOther : TestMedia::kClip2s));
+    }
     const std::string playlists = R"([{"id":"ttff","name":"HLS","thumbnail":"t.png"},)"
                                   R"({"id":"advance","name":"Clips","thumbnail":"a.png"}])";
     const std::string episodes = R"([{"id":"ttff","episodes":[)" + episode("h0", hls) +

@@ -71,8 +71,8 @@ int main() {
         window = std::dynamic_pointer_cast<WindowPresenter>(Platform::current().presenter);
         std::vector<Video> videos;
         for (int i = 1; i <= 8; ++i)
-            videos.emplace_back("v" + std::to_string(i), "file://" + clip,
-                                "Test card " + std::to_string(i), "pl",
+            videos.emplace_back(std::string("v") + std::to_string(i), "file://" + clip,
+                                std::string("Test card ") + std::to_string(i), "pl",
                                 thumbs + "sample-1-0" + std::to_string(i) + ".svg");
         playlists() = {Playlist("pl", "Bench", thumbs + "playlist-1.svg", std::nullopt, videos),
                        Playlist("pl-2", "Next", thumbs + "playlist-2.svg", std::nullopt, videos)};

@@ -1,9 +1,12 @@
 #include "Kavelin/Extentions/Fonts.h"
 
-#include <cstdlib>
+#include <atomic>
+#include <cstring>
 #include <filesystem>
 
+#include "Kavelin/Extentions/EmbeddedResources.h"
 #include "Kavelin/Platform/Immortal.h"
+#include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {
 
@@ -26,6 +29,15 @@ Installed& installed() {
     return fonts.get();
 }
 
+ImFont* addPoppins(ImGuiIO& io, const char* file) {
+    auto bytes = resourceBytes(file, "KAVELIN_FONTS_DIR");
+    if (!bytes || bytes->empty()) return nullptr;
+    // The atlas frees what it owns, so it gets a copy of its own.
+    void* data = IM_ALLOC(bytes->size());
+    std::memcpy(data, bytes->data(), bytes->size());
+    return io.Fonts->AddFontFromMemoryTTF(data, static_cast<int>(bytes->size()), kAtlasSize);
+}
+
 ImFont* addIfPresent(ImGuiIO& io, const std::string& path) {
     std::error_code ec;
     if (!std::filesystem::exists(path, ec)) return nullptr;
@@ -41,26 +53,25 @@ Font pick(ImFont* wanted, float size) {
 
 }  // namespace
 
-std::string Font::fontsDirectory() {
-    if (const char* dir = std::getenv("KAVELIN_FONTS_DIR"); dir && *dir) return dir;
-    return std::string(KAVELIN_BUILD_DIR) + "/fonts";
-}
-
 void Font::install(ImGuiIO& io) {
     auto& f = installed();
     f = Installed{};
     f.context = ImGui::GetCurrentContext();
     // The first font added is ImGui's default; keep ours explicit.
     f.fallback = io.Fonts->AddFontDefault();
-    const std::string dir = fontsDirectory();
-    f.medium = addIfPresent(io, dir + "/Poppins-Medium.ttf");
-    f.semiBold = addIfPresent(io, dir + "/Poppins-SemiBold.ttf");
+    f.medium = addPoppins(io, "Poppins-Medium.ttf");
+    f.semiBold = addPoppins(io, "Poppins-SemiBold.ttf");
     f.poppins = f.medium && f.semiBold;
+    static std::atomic<bool> warned{false};
+    if (!f.poppins && !warned.exchange(true))
+        VPLogger::warning(
+            "⚠️ Poppins is not built into this library; the screen uses the default font");
+    ImFont* imguiDefault = f.fallback;
     f.mono = addIfPresent(io, "/usr/share/fonts/truetype/dejavu/DejaVuSansMono-Bold.ttf");
     ImFont* system = addIfPresent(io, "/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf");
     if (system) f.fallback = system;
-    if (!f.medium) f.medium = f.fallback;
-    if (!f.semiBold) f.semiBold = f.fallback;
+    if (!f.medium) f.medium = imguiDefault;
+    if (!f.semiBold) f.semiBold = imguiDefault;
     if (!f.mono) f.mono = f.fallback;
 }
 

@@ -19,11 +19,10 @@ struct Font {
     static Font system(float size);
 
     // Adds the typefaces to the current ImGui context's atlas (before it is built).
-    // Missing files fall back to ImGui's default font.
+    // Poppins comes from $KAVELIN_FONTS_DIR when set, else from the copy built into
+    // the library; without either, ImGui's default font stands in.
     static void install(ImGuiIO& io);
-    // Where Poppins-*.ttf are looked for: $KAVELIN_FONTS_DIR, else <build>/fonts.
-    static std::string fontsDirectory();
-    // Whether the Poppins files were found by the last install.
+    // Whether both Poppins faces were installed by the last install.
     static bool hasPoppins();
 };
 

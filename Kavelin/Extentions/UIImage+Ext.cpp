@@ -9,6 +9,7 @@
 #include <sstream>
 #include <tuple>
 
+#include "Kavelin/Extentions/EmbeddedResources.h"
 #include "Kavelin/Extentions/UIImage+Ext.h"
 #include "Kavelin/Platform/Immortal.h"
 
@@ -191,11 +192,6 @@ std::optional<Image> decodeBoundedImage(std::string_view bytes, int64_t maxPixel
     return decodeImage(bytes);
 }
 
-std::string resourcesDirectory() {
-    if (const char* dir = std::getenv("KAVELIN_RESOURCES_DIR"); dir && *dir) return dir;
-    return std::string(KAVELIN_SOURCE_DIR) + "/Resources";
-}
-
 std::shared_ptr<const Image> assetImage(const std::string& name, int pixelWidth, int pixelHeight) {
     using Cache = std::map<std::tuple<std::string, int, int>, std::shared_ptr<const Image>>;
     static Immortal<std::mutex> mutex;
@@ -205,13 +201,9 @@ std::shared_ptr<const Image> assetImage(const std::string& name, int pixelWidth,
     auto key = std::make_tuple(name, pixelWidth, pixelHeight);
     if (auto it = cache.find(key); it != cache.end()) return it->second;
     std::shared_ptr<const Image> result;
-    std::ifstream in(resourcesDirectory() + "/" + name + ".svg", std::ios::binary);
-    if (in) {
-        std::stringstream buffer;
-        buffer << in.rdbuf();
-        if (auto image = decodeImage(buffer.str(), pixelWidth, pixelHeight))
+    if (auto bytes = resourceBytes(name + ".svg", "KAVELIN_RESOURCES_DIR"))
+        if (auto image = decodeImage(*bytes, pixelWidth, pixelHeight))
             result = std::make_shared<const Image>(std::move(*image));
-    }
     cache[key] = result;
     return result;
 }

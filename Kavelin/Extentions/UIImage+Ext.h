@@ -48,7 +48,4 @@ std::optional<Image> decodeBoundedImage(std::string_view bytes, int64_t maxPixel
 // the given pixel size and kept for reuse. Null when the file is missing.
 std::shared_ptr<const Image> assetImage(const std::string& name, int pixelWidth, int pixelHeight);
 
-// Where the artwork lives: $KAVELIN_RESOURCES_DIR, else the source tree's Resources/.
-std::string resourcesDirectory();
-
 }  // namespace kavelin

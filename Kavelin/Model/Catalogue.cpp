@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "Kavelin/Extentions/EmbeddedResources.h"
 #include "Kavelin/Model/JsonDecoding.h"
 #include "Kavelin/Platform/Immortal.h"
 
@@ -106,7 +107,7 @@ std::string sampleAddress(std::string_view graph, int seconds) {
 }
 
 std::string thumbnail(std::string_view name) {
-    return "file://" KAVELIN_SOURCE_DIR "/Resources/Thumbnails/" + std::string(name) + ".svg";
+    return std::string(resourceScheme) + "Thumbnails/" + std::string(name) + ".svg";
 }
 
 Playlist makePlaylist1() {

@@ -43,7 +43,10 @@ std::string bucketList(const std::vector<double>& timestamps) {
     std::string out = "[";
     for (size_t i = 0; i < timestamps.size(); ++i) {
         if (i) out += ", ";
-        out += "\"" + formatDouble("%.1f", timestamps[i]) + "\"";
+        // Appended piece by piece: prepending to a temporary reallocates for nothing.
+        out += '"';
+        out += formatDouble("%.1f", timestamps[i]);
+        out += '"';
     }
     return out + "]";
 }

@@ -108,8 +108,10 @@ void MpvMediaPlayer::Core::replaceCurrentItem(std::optional<std::string> url) {
 void MpvMediaPlayer::Core::setPaused(bool paused) {
     paused_ = paused;
     if (mpv_) {
+        // Not waited for: mpv's core may be busy decoding, and the host's call must
+        // not wait with it. Property requests stay in order with later commands.
         int flag = paused ? 1 : 0;
-        mpv_set_property(mpv_, "pause", MPV_FORMAT_FLAG, &flag);
+        mpv_set_property_async(mpv_, 0, "pause", MPV_FORMAT_FLAG, &flag);
     }
     scheduleStatusUpdate();
 }

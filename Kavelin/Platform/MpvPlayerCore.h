@@ -71,10 +71,10 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         if (mpv_) mpv_set_property_string(mpv_, "vo", vo.c_str());
     }
 
-    // Every request goes to mpv synchronously, so they take effect in call order:
-    // an asynchronous "stop" could land after the "loadfile" that follows it and
-    // stop the new item before it started. mpv answers these at once, even while
-    // an item is still opening.
+    // Item changes go to mpv synchronously, so they take effect in call order: an
+    // asynchronous "stop" could land after the "loadfile" that follows it and stop
+    // the new item before it started. mpv answers these at once, even while an item
+    // is still opening. Only the pause flag is set without waiting.
     void replaceCurrentItem(std::optional<std::string> url);
 
     bool hasCurrentItem() const { return hasItem_; }

@@ -7,9 +7,14 @@
 #include <backends/imgui_impl_sdl.h>
 #include <imgui.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
 
 #include "Kavelin/Extentions/Color+Ext.h"
 #include "Kavelin/Platform/Environment.h"
@@ -78,6 +83,40 @@ void releaseTexture(ImTextureID texture) {
     glDeleteTextures(1, &id);
 }
 
+// The window an event belongs to; 0 for those SDL cannot attribute (quit, devices,
+// clipboard), which belong to the host.
+Uint32 eventWindow(const SDL_Event& e) {
+    switch (e.type) {
+        case SDL_WINDOWEVENT:
+            return e.window.windowID;
+        case SDL_KEYDOWN:
+        case SDL_KEYUP:
+            return e.key.windowID;
+        case SDL_TEXTEDITING:
+            return e.edit.windowID;
+        case SDL_TEXTINPUT:
+            return e.text.windowID;
+        case SDL_MOUSEMOTION:
+            return e.motion.windowID;
+        case SDL_MOUSEBUTTONDOWN:
+        case SDL_MOUSEBUTTONUP:
+            return e.button.windowID;
+        case SDL_MOUSEWHEEL:
+            return e.wheel.windowID;
+        case SDL_FINGERDOWN:
+        case SDL_FINGERUP:
+        case SDL_FINGERMOTION:
+            return e.tfinger.windowID;
+        case SDL_DROPFILE:
+        case SDL_DROPTEXT:
+        case SDL_DROPBEGIN:
+        case SDL_DROPCOMPLETE:
+            return e.drop.windowID;
+        default:
+            return 0;
+    }
+}
+
 class RenderingPlayerFactory final : public MediaPlayerFactory {
   public:
     RenderingPlayerFactory(std::shared_ptr<MediaPlayerFactory> inner,
@@ -96,10 +135,110 @@ class RenderingPlayerFactory final : public MediaPlayerFactory {
 
 }  // namespace
 
+// SDL's event queue is the process's: a host with its own SDL loop may drain it
+// first. A watch sees every event as it is queued, on whichever thread pumps, and
+// keeps a copy of ours; the queue itself then only loses our window's events.
+struct WindowPresenter::Inbox {
+    Uint32 window = 0;
+    std::mutex mutex;
+    std::vector<SDL_Event> events;
+
+    static int watch(void* self, SDL_Event* event) {
+        auto* inbox = static_cast<Inbox*>(self);
+        if (eventWindow(*event) == inbox->window) {
+            std::lock_guard lock(inbox->mutex);
+            inbox->events.push_back(*event);
+        }
+        return 1;
+    }
+    static int notOurs(void* self, SDL_Event* event) {
+        return eventWindow(*event) != static_cast<Inbox*>(self)->window;
+    }
+};
+
+// Software GL rasterises a frame inside the swap: tens of milliseconds under Xvfb.
+// The swap runs here with the context handed over, so a host call waits at most for
+// the recording of a frame, never for its presentation.
+struct WindowPresenter::Swapper {
+    SDL_Window* window;
+    void* context;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::function<void()> presented;  // set while a frame is out
+    bool busy = false, stop = false;
+    std::thread thread;
+
+    Swapper(SDL_Window* w, void* c) : window(w), context(c), thread([this] { loop(); }) {}
+    ~Swapper() {
+        {
+            std::unique_lock lock(mutex);
+            changed.wait(lock, [this] { return !busy; });
+            stop = true;
+        }
+        changed.notify_all();
+        thread.join();
+    }
+    void present(std::function<void()> then) {
+        {
+            std::lock_guard lock(mutex);
+            presented = std::move(then);
+            busy = true;
+        }
+        changed.notify_all();
+    }
+    bool isBusy() {
+        std::lock_guard lock(mutex);
+        return busy;
+    }
+    void waitIdle() {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [this] { return !busy; });
+    }
+    void loop() {
+        std::unique_lock lock(mutex);
+        for (;;) {
+            changed.wait(lock, [this] { return busy || stop; });
+            if (!busy) return;
+            auto then = std::move(presented);
+            lock.unlock();
+            SDL_GL_MakeCurrent(window, context);
+            SDL_GL_SwapWindow(window);
+            SDL_GL_MakeCurrent(window, nullptr);
+            if (then) then();
+            lock.lock();
+            busy = false;
+            changed.notify_all();
+        }
+    }
+};
+
+// What the opening thread made: the window and both GL contexts, current nowhere,
+// and the ImGui context with its font atlas built.
+struct WindowPresenter::Opened {
+    SDL_Window* window = nullptr;
+    void* glContext = nullptr;
+    void* renderGlContext = nullptr;
+    ImGuiContext* imgui = nullptr;
+    std::string error;
+    bool videoInitialised = false;
+
+    void destroy() {
+        if (imgui) ImGui::DestroyContext(imgui);
+        if (renderGlContext) SDL_GL_DeleteContext(renderGlContext);
+        if (glContext) SDL_GL_DeleteContext(glContext);
+        if (window) SDL_DestroyWindow(window);
+        if (videoInitialised) SDL_QuitSubSystem(SDL_INIT_VIDEO);
+        std::string reason = std::move(error);
+        *this = Opened{};
+        error = std::move(reason);
+    }
+};
+
 WindowPresenter::WindowPresenter(std::shared_ptr<ThreadMainQueue> queue)
     : queue_(std::move(queue)) {}
 
 WindowPresenter::~WindowPresenter() {
+    waitForOpening();
     if (!window_) return;
     if (queue_->isCurrent())
         destroyWindow();
@@ -107,16 +246,19 @@ WindowPresenter::~WindowPresenter() {
         queue_->sync([this] { destroyWindow(); });
 }
 
-bool WindowPresenter::ensureWindow() {
-    if (window_) return true;
-    if (windowFailed_) return false;
-    windowFailed_ = true;                           // until it worked
+namespace {
+
+// Connecting to the display, making GL contexts and rasterising the fonts take a
+// few hundred milliseconds under software GL: that happens here, on a thread of its
+// own, so neither the host's call nor the library's queue waits for it.
+void openNativeWindow(WindowPresenter::Opened& o) {
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");  // the host owns the signals
     SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
     if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) {
-        VPLogger::warning(std::string("⚠️ No window for the player: ") + SDL_GetError());
-        return false;
+        o.error = std::string("⚠️ No window for the player: ") + SDL_GetError();
+        return;
     }
+    o.videoInitialised = true;
     int w = 0, h = 0;
     if (!windowSizeFromEnvironment(w, h)) {
         SDL_DisplayMode mode;
@@ -132,69 +274,161 @@ bool WindowPresenter::ensureWindow() {
     SDL_GL_SetAttribute(SDL_GL_CONTEXT_MINOR_VERSION, 2);
     SDL_GL_SetAttribute(SDL_GL_CONTEXT_PROFILE_MASK, SDL_GL_CONTEXT_PROFILE_CORE);
     SDL_GL_SetAttribute(SDL_GL_DOUBLEBUFFER, 1);
-    window_ = SDL_CreateWindow(
+    o.window = SDL_CreateWindow(
         "Kavelin", 0, 0, w, h,
         SDL_WINDOW_OPENGL | SDL_WINDOW_BORDERLESS | SDL_WINDOW_HIDDEN | SDL_WINDOW_ALLOW_HIGHDPI);
-    if (!window_) {
-        VPLogger::warning(std::string("⚠️ No window for the player: ") + SDL_GetError());
-        SDL_QuitSubSystem(SDL_INIT_VIDEO);
-        return false;
+    if (!o.window) {
+        o.error = std::string("⚠️ No window for the player: ") + SDL_GetError();
+        o.destroy();
+        return;
     }
-    glContext_ = SDL_GL_CreateContext(window_);
-    if (!glContext_) {
-        VPLogger::warning(std::string("⚠️ No OpenGL context for the player: ") +
-                          SDL_GetError());
-        SDL_DestroyWindow(window_);
-        window_ = nullptr;
-        SDL_QuitSubSystem(SDL_INIT_VIDEO);
-        return false;
+    o.glContext = SDL_GL_CreateContext(o.window);
+    if (!o.glContext) {
+        o.error = std::string("⚠️ No OpenGL context for the player: ") + SDL_GetError();
+        o.destroy();
+        return;
     }
-    windowFailed_ = false;
-    SDL_GL_MakeCurrent(window_, glContext_);
-    // Frames are paced by the queue, never by blocking in a swap.
-    SDL_GL_SetSwapInterval(0);
+    // mpv draws on its own thread with a context that shares our textures.
+    SDL_GL_SetAttribute(SDL_GL_SHARE_WITH_CURRENT_CONTEXT, 1);
+    o.renderGlContext = SDL_GL_CreateContext(o.window);
+    SDL_GL_SetAttribute(SDL_GL_SHARE_WITH_CURRENT_CONTEXT, 0);
+    if (!o.renderGlContext)
+        o.error = std::string("⚠️ No OpenGL context for video: ") + SDL_GetError();
+    SDL_GL_MakeCurrent(o.window, nullptr);
 
-    ImGuiContext* context = ImGui::CreateContext();
-    imgui_ = context;
-    ImGui::SetCurrentContext(context);
+    ImGuiContext* previous = ImGui::GetCurrentContext();
+    o.imgui = ImGui::CreateContext();
+    ImGui::SetCurrentContext(o.imgui);
     ImGuiIO& io = ImGui::GetIO();
     io.IniFilename = nullptr;
     io.LogFilename = nullptr;
     Font::install(io);
+    io.Fonts->Build();
+    ImGui::SetCurrentContext(previous);
+}
+
+}  // namespace
+
+bool WindowPresenter::ensureWindow() {
+    if (window_) return true;
+    std::lock_guard lock(openerMutex_);
+    if (windowFailed_ || opener_.joinable()) return false;
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    auto queue = queue_;
+    opened_ = std::make_unique<Opened>();
+    opener_ = std::thread([this, weak, queue] {
+        openNativeWindow(*opened_);
+        queue->async([weak] {
+            if (auto self = weak.lock()) self->finishOpening();
+        });
+    });
+    return false;
+}
+
+void WindowPresenter::finishOpening() {
+    {
+        std::lock_guard lock(openerMutex_);
+        if (!opener_.joinable()) return;  // let go of by a cleanup meanwhile
+        opener_.join();
+    }
+    Opened o = std::exchange(*opened_, Opened{});
+    if (!o.window) {
+        VPLogger::warning(o.error);
+        windowFailed_ = true;
+        pendingPlayers_.clear();
+        return;
+    }
+    if (!o.renderGlContext) VPLogger::warning(o.error);
+    window_ = o.window;
+    glContext_ = o.glContext;
+    renderGlContext_ = o.renderGlContext;
+    imgui_ = o.imgui;
+    inbox_ = std::make_unique<Inbox>();
+    inbox_->window = SDL_GetWindowID(window_);
+    SDL_AddEventWatch(&Inbox::watch, inbox_.get());
+    SDL_GL_MakeCurrent(window_, glContext_);
+    glCurrent_ = true;
+    // Frames are paced by the queue, never by blocking in a swap.
+    SDL_GL_SetSwapInterval(0);
+    swapper_ = std::make_unique<Swapper>(window_, glContext_);
+    ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
     ImGui_ImplSDL2_InitForOpenGL(window_, glContext_);
     ImGui_ImplOpenGL3_Init("#version 150");
-    Textures::install(uploadTexture, releaseTexture);
+    Textures::install(
+        [this](const Image& image) {
+            acquireGl();
+            return uploadTexture(image);
+        },
+        [this](ImTextureID texture) {
+            acquireGl();
+            releaseTexture(texture);
+        });
 
     std::weak_ptr<WindowPresenter> weak = weak_from_this();
     auto invalidate = [weak] {
         if (auto self = weak.lock()) self->setNeedsDisplay();
     };
-    // mpv draws on its own thread with a context that shares our textures.
-    SDL_GL_SetAttribute(SDL_GL_SHARE_WITH_CURRENT_CONTEXT, 1);
-    renderGlContext_ = SDL_GL_CreateContext(window_);
-    SDL_GL_SetAttribute(SDL_GL_SHARE_WITH_CURRENT_CONTEXT, 0);
-    SDL_GL_MakeCurrent(window_, glContext_);
     if (renderGlContext_) {
         renderer_ =
             std::make_shared<MpvVideoRenderer>(queue_, window_, renderGlContext_, invalidate);
         stopDrawingAtThreadExit(weak_from_this());
-    } else
-        VPLogger::warning(std::string("⚠️ No OpenGL context for video: ") + SDL_GetError());
+    }
     VideoRenderer::install(renderer_);
     Display::install(invalidate);
     updatePolling();
     Platform::rearmExitHook();
     exitHookRearmed_ = false;  // the first frame initialises more of the GL stack
-    return true;
+
+    // Players made while the window was opening decode without a picture until now;
+    // switching their output back brings the picture of the item already playing.
+    for (auto& weakPlayer : std::exchange(pendingPlayers_, {})) {
+        auto player = weakPlayer.lock();
+        auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get());
+        if (mpv && renderer_ && renderer_->attach(player)) mpv->setVideoOutput("libmpv");
+    }
+    if (pendingShow_) {
+        pendingShow_ = false;
+        showWindow(true);
+    }
+}
+
+void WindowPresenter::waitForOpening() {
+    std::lock_guard lock(openerMutex_);
+    if (!opener_.joinable()) return;
+    opener_.join();
+    if (opened_) opened_->destroy();
+}
+
+
+void WindowPresenter::acquireGl() {
+    if (swapper_) swapper_->waitIdle();
+    if (glCurrent_ || !window_) return;
+    SDL_GL_MakeCurrent(window_, glContext_);
+    glCurrent_ = true;
+}
+
+void WindowPresenter::swapFinished() {
+    if (!frameAfterSwap_) return;
+    frameAfterSwap_ = false;
+    if (window_ && dirty_ && shown_) scheduleFrame();
 }
 
 void WindowPresenter::stopBackgroundWork() {
+    // Nothing may still be talking to the display while exit tears it down.
+    {
+        std::lock_guard lock(openerMutex_);
+        if (opener_.joinable()) opener_.join();
+    }
+    if (swapper_) swapper_->waitIdle();
     if (renderer_) renderer_->stopRendering();
 }
 
 void WindowPresenter::releaseThreadResources() {
     // The GL contexts are current on the ending thread; a closed window is all the
     // next thread needs to open its own.
+    waitForOpening();
+    pendingPlayers_.clear();
+    pendingShow_ = false;
     destroyWindow();
     shown_ = false;
     pollInterval_ = 0;
@@ -203,6 +437,8 @@ void WindowPresenter::releaseThreadResources() {
 
 void WindowPresenter::destroyWindow() {
     if (!window_) return;
+    swapper_.reset();
+    frameAfterSwap_ = false;
     SDL_GL_MakeCurrent(window_, glContext_);
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
     queue_->setIdleHook(nullptr, 0);
@@ -221,8 +457,12 @@ void WindowPresenter::destroyWindow() {
     imgui_ = nullptr;
     SDL_GL_DeleteContext(glContext_);
     glContext_ = nullptr;
+    glCurrent_ = false;
+    SDL_DelEventWatch(&Inbox::watch, inbox_.get());
     SDL_DestroyWindow(window_);
     window_ = nullptr;
+    SDL_FilterEvents(&Inbox::notOurs, inbox_.get());
+    inbox_.reset();
     SDL_QuitSubSystem(SDL_INIT_VIDEO);
 }
 
@@ -234,9 +474,12 @@ std::shared_ptr<MediaPlayerFactory> WindowPresenter::wrapFactory(
             auto self = weak.lock();
             if (self && self->ensureWindow() && self->renderer_ && self->renderer_->attach(player))
                 return;
-            // No picture can be shown: let mpv decode without a video output.
+            // No picture can be shown yet (or ever): let mpv decode without a video
+            // output; a window that finishes opening attaches the player then.
             if (auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get()))
                 mpv->setVideoOutput("null");
+            if (self && !self->window_ && !self->windowFailed_)
+                self->pendingPlayers_.push_back(player);
         });
 }
 
@@ -255,8 +498,8 @@ std::shared_ptr<HostingController> WindowPresenter::makeHostingController(
 }
 
 bool WindowPresenter::hasTopMostViewController() const {
-    // Without a window (the display went away) presenting still completes after
-    // the fade, so the host hears the same events as with one.
+    // Without a window (still opening, or the display went away) presenting still
+    // completes after the fade, so the host hears the same events as with one.
     const_cast<WindowPresenter*>(this)->ensureWindow();
     return true;
 }
@@ -273,22 +516,27 @@ void WindowPresenter::present(const std::shared_ptr<HostingController>& screen, 
     ++presentations_;
     screen_ = std::dynamic_pointer_cast<ScreenHostingController>(screen);
     double duration = animated ? kPresentationFadeSeconds : 0;
-    if (ensureWindow()) {
-        int w = 0, h = 0;
-        SDL_GetWindowSize(window_, &w, &h);
-        if (screen_) screen_->orientation->updateOrientation(std::make_pair(w, h));
-        SDL_ShowWindow(window_);
-        SDL_RaiseWindow(window_);
-        shown_ = true;
-        fadeFrom_ = fadeValue(queue_->now());
-        fadeTo_ = 1;
-        fadeStart_ = queue_->now() - (animated ? 0 : kPresentationFadeSeconds);
-        setNeedsDisplay();
-        updatePolling();
-    }
+    if (ensureWindow())
+        showWindow(animated);
+    else
+        pendingShow_ = !windowFailed_;
     queue_->asyncAfter(duration, [completion = std::move(completion)] {
         if (completion) completion();
     });
+}
+
+void WindowPresenter::showWindow(bool animated) {
+    int w = 0, h = 0;
+    SDL_GetWindowSize(window_, &w, &h);
+    if (screen_) screen_->orientation->updateOrientation(std::make_pair(w, h));
+    SDL_ShowWindow(window_);
+    SDL_RaiseWindow(window_);
+    shown_ = true;
+    fadeFrom_ = fadeValue(queue_->now());
+    fadeTo_ = 1;
+    fadeStart_ = queue_->now() - (animated ? 0 : kPresentationFadeSeconds);
+    setNeedsDisplay();
+    updatePolling();
 }
 
 void WindowPresenter::dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
@@ -306,6 +554,7 @@ void WindowPresenter::dismiss(const std::shared_ptr<HostingController>& screen, 
         if (auto self = weak.lock()) {
             // A presentation that came in meanwhile keeps the window up.
             if (self->presentations_ == presentation) {
+                self->pendingShow_ = false;
                 if (self->window_) SDL_HideWindow(self->window_);
                 self->shown_ = false;
                 if (self->screen_ == screen) self->screen_.reset();
@@ -352,8 +601,19 @@ void WindowPresenter::updatePolling() {
 void WindowPresenter::pump() {
     if (!window_) return;
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
-    SDL_Event event;
-    while (SDL_PollEvent(&event)) handleEvent(event);
+    // Pumping reads the display for every window; what belongs to the host stays
+    // queued for its own loop, its quit included.
+    SDL_PumpEvents();
+    SDL_FilterEvents(&Inbox::notOurs, inbox_.get());
+    std::vector<SDL_Event> events;
+    {
+        std::lock_guard lock(inbox_->mutex);
+        events.swap(inbox_->events);
+    }
+    for (const auto& event : events) {
+        if (!window_) break;  // an action closed it
+        handleEvent(event);
+    }
 }
 
 void WindowPresenter::handleEvent(const SDL_Event& e) {
@@ -415,12 +675,6 @@ void WindowPresenter::handleEvent(const SDL_Event& e) {
             }
             setNeedsDisplay();
             break;
-        case SDL_QUIT:
-            if (screen_ && shown_) {
-                auto screen = screen_;
-                screen->player->backToHome();
-            }
-            break;
         default:
             break;
     }
@@ -438,9 +692,13 @@ WindowPresenter::Capture WindowPresenter::capture() {
 }
 
 void WindowPresenter::renderFrame(Capture* capture) {
+    if (!capture && swapper_ && swapper_->isBusy()) {
+        frameAfterSwap_ = true;  // drawn when the frame before it is out
+        return;
+    }
     dirty_ = false;
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
-    SDL_GL_MakeCurrent(window_, glContext_);
+    acquireGl();
     if (renderer_) renderer_->collect();
 
     ImGui_ImplOpenGL3_NewFrame();
@@ -476,8 +734,22 @@ void WindowPresenter::renderFrame(Capture* capture) {
         for (int y = 0; y < fbh; ++y)
             std::memcpy(capture->rgba.data() + row * y, flipped.data() + row * (fbh - 1 - y), row);
     }
-    SDL_GL_SwapWindow(window_);
-    if (renderer_) renderer_->endFrame();
+    if (!exitHookRearmed_ || capture || !swapper_) {
+        // The first frame initialises more of the GL stack, whose exit handlers ours
+        // must follow: it is presented here.
+        SDL_GL_SwapWindow(window_);
+        if (renderer_) renderer_->endFrame();
+    } else {
+        SDL_GL_MakeCurrent(window_, nullptr);
+        glCurrent_ = false;
+        std::weak_ptr<WindowPresenter> weak = weak_from_this();
+        swapper_->present([renderer = renderer_, queue = queue_, weak] {
+            if (renderer) renderer->endFrame();
+            queue->async([weak] {
+                if (auto self = weak.lock()) self->swapFinished();
+            });
+        });
+    }
     if (!exitHookRearmed_) {
         exitHookRearmed_ = true;
         Platform::rearmExitHook();

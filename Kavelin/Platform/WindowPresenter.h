@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "Kavelin/Platform/MediaPlayer.h"
@@ -64,8 +66,17 @@ class WindowPresenter final : public ScreenPresenter,
     // Anything that changes what is on screen asks for a frame here.
     void setNeedsDisplay();
 
+    struct Opened;
+
   private:
+    // True once the window is there; otherwise starts opening it in the background.
     bool ensureWindow();
+    void finishOpening();
+    void waitForOpening();
+    void showWindow(bool animated);
+    // Makes the window's GL context current here, once a frame being presented is out.
+    void acquireGl();
+    void swapFinished();
     void destroyWindow();
     void pump();
     void handleEvent(const SDL_Event& event);
@@ -74,9 +85,20 @@ class WindowPresenter final : public ScreenPresenter,
     void updatePolling();
     float fadeValue(double now) const;
 
+    struct Inbox;
+    struct Swapper;
     std::shared_ptr<ThreadMainQueue> queue_;
     SDL_Window* window_ = nullptr;
+    std::unique_ptr<Inbox> inbox_;
+    std::mutex openerMutex_;  // the opening thread, also joined at exit
+    std::thread opener_;
+    std::unique_ptr<Opened> opened_;
+    std::vector<std::weak_ptr<MediaPlayer>> pendingPlayers_;
+    bool pendingShow_ = false;
     void* glContext_ = nullptr;
+    bool glCurrent_ = false;            // on the queue's thread
+    std::unique_ptr<Swapper> swapper_;  // presents frames on a thread of its own
+    bool frameAfterSwap_ = false;
     void* renderGlContext_ = nullptr;  // shares textures; mpv's render thread owns it
     void* imgui_ = nullptr;            // ImGuiContext
     bool windowFailed_ = false;

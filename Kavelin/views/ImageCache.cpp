@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "Kavelin/Extentions/EmbeddedResources.h"
+
 namespace kavelin {
 
 ImageCache& ImageCache::shared() {
@@ -119,6 +121,12 @@ std::shared_ptr<const Image> fetchFile(const std::string& urlString) {
     return decodeShared(buffer.str());
 }
 
+std::shared_ptr<const Image> fetchResource(const std::string& urlString) {
+    auto bytes = resourceBytes(std::string_view(urlString).substr(resourceScheme.size()),
+                               "KAVELIN_RESOURCES_DIR");
+    return bytes ? decodeShared(*bytes) : nullptr;
+}
+
 std::shared_ptr<const Image> fetchHttp(const std::string& urlString) {
     CURL* curl = curl_easy_init();
     if (!curl) return nullptr;
@@ -145,6 +153,7 @@ std::shared_ptr<const Image> fetchHttp(const std::string& urlString) {
 bool ImageLoader::isValidURL(const std::string& urlString) {
     if (urlString.empty()) return false;
     if (startsWith(urlString, "file://")) return urlString.size() > 7;
+    if (startsWith(urlString, resourceScheme)) return urlString.size() > resourceScheme.size();
     if (!startsWith(urlString, "http://") && !startsWith(urlString, "https://")) return false;
     for (unsigned char c : urlString)
         if (c <= ' ' || c == 0x7F) return false;
@@ -168,7 +177,9 @@ void ImageLoader::fetch(const std::string& urlString,
         if (waiting.size() > 1) return;
     }
     WorkerPool::shared().post([urlString] {
-        auto image = startsWith(urlString, "file://") ? fetchFile(urlString) : fetchHttp(urlString);
+        auto image = startsWith(urlString, "file://")        ? fetchFile(urlString)
+                     : startsWith(urlString, resourceScheme) ? fetchResource(urlString)
+                                                             : fetchHttp(urlString);
         std::vector<Completion> waiting;
         {
             std::lock_guard lock(gInFlightMutex);

@@ -77,13 +77,16 @@ void sendCatalogue(const std::string& prefix, int playlists, int perPlaylist) {
     std::string lists = "[", episodes = "[";
     for (int p = 0; p < playlists; ++p) {
         const std::string id = prefix + std::to_string(p);
-        lists += (p ? "," : "") + std::string(R"({"id":")") + id + R"(","name":")" + id +
-                 R"(","thumbnail":""})";
-        episodes += (p ? "," : "") + std::string(R"({"id":")") + id + R"(","episodes":[)";
+        if (p) {
+            lists += ',';
+            episodes += ',';
+        }
+        lists += std::string(R"({"id":")") + id + R"(","name":")" + id + R"(","thumbnail":""})";
+        episodes += std::string(R"({"id":")") + id + R"(","episodes":[)";
         for (int v = 0; v < perPlaylist; ++v) {
             const int n = p * perPlaylist + v;
-            episodes += (v ? "," : "") + std::string(R"({"index":")") + prefix + "v" +
-                        std::to_string(n) +
+            if (v) episodes += ',';
+            episodes += std::string(R"({"index":")") + prefix + "v" + std::to_string(n) +
                         R"(","url":"edl://file=av://lavfi:testsrc2=size=320x180:rate=)" +
                         std::to_string(2400 + n) + "/100" +
                         R"(,length=1","thumbnail":"","title":"T",)"
@@ -157,7 +160,7 @@ int main(int argc, char** argv) {
     std::string overrides;
     for (int n = 0; n < 100; ++n)
         if (n % 3 != 2)
-            overrides += (overrides.empty() ? "" : ",") + std::string("\"fv") + std::to_string(n) +
+            overrides += std::string(overrides.empty() ? "" : ",") + "\"fv" + std::to_string(n) +
                          R"(":{"cuePointSeconds":[0.8]})";
     const std::string policy =
         R"({"version":1,"adTimeoutSeconds":30,"globalConstraints":{"minGapSeconds":0,)"

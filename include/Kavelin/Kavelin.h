@@ -6,13 +6,25 @@
  *
  * Threading: every function may be called from any host thread; the call hops onto
  * the library's own main thread and runs there synchronously, so events raised by a
- * call are delivered before it returns. Events raised later (clock, end of video,
- * screen dismissals) are delivered on the library's main thread. A host callback may
- * call back into the library from inside the callback.
+ * call are delivered before it returns. Events always arrive on the library's main
+ * thread, even the echo of a call made on another thread. A host callback may call
+ * back into the library from inside the callback (the call runs inline).
+ *
+ * Blocking: a call from a host thread waits while a callback runs. A callback that
+ * waits for the game's thread while that thread is inside a Kavelin call therefore
+ * deadlocks: a callback should queue the event and return. The window and its GL
+ * contexts are opened on a thread of the library's own: no call waits for them.
  *
  * Strings are NUL-terminated UTF-8, copied before the call returns; the host keeps
  * ownership. A null string is treated as invalid input: it is logged and ignored.
+ * The text handed to the callback is valid only during the callback.
  * No function reports failure: bad input is logged on standard output.
+ *
+ * Loading: open the library with dlopen(..., RTLD_NOW | RTLD_LOCAL). The exported
+ * pause, play and stop would interpose libc's pause (and any other play/stop) for
+ * the whole process under RTLD_GLOBAL or when linked directly into an executable
+ * that also calls those names. Never dlclose it: the library stays mapped until
+ * the process ends (it is built with -z nodelete); call cleanup() when leaving.
  */
 #ifndef KAVELIN_KAVELIN_H
 #define KAVELIN_KAVELIN_H

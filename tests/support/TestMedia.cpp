@@ -21,7 +21,10 @@ void run(const std::string& command) {
 }
 
 std::string quoted(const std::filesystem::path& p) {
-    return "'" + p.string() + "'";
+    std::string out = "'";
+    out += p.string();
+    out += '\'';
+    return out;
 }
 
 // Key frames every 0.5 s keep exact seeks cheap; ultrafast keeps generation short.

@@ -205,7 +205,7 @@ TEST(DocumentText, LargeAndDeepDocuments) {
     EXPECT_EQ(list.back().episodes.size(), 3000u);
     EXPECT_EQ(list.back().episodes.back().index, "2999");
     // The same document with one ill-formed byte near its end is rejected whole.
-    text.insert(text.size() - 40, "\xFF");
+    text.insert(text.size() - 40, 1, '\xFF');
     EXPECT_THAT(episodesError(text), HasSubstr("malformed JSON"));
 
     // 10 MB of brackets fail without exhausting the stack.
@@ -273,7 +273,7 @@ TEST(SampleCatalogue, HasTheStatedShape) {
                                  &SampleVideos::Playlist3()};
     const size_t sizes[] = {10, 3, 4};
     std::set<std::string> playlistIds, videoIds, thumbnails, urls;
-    const std::string thumbnailRoot = "file://" KAVELIN_SOURCE_DIR "/Resources/Thumbnails/";
+    const std::string thumbnailRoot = "kavelin:Thumbnails/";
     const std::regex urlShape(R"(edl://file=av://lavfi:[^,; \[\]\t\n]*,length=(\d+)[^ \[\]\t\n]*)");
     for (int i = 0; i < 3; ++i) {
         const Playlist& p = *samples[i];

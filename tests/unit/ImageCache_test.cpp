@@ -147,7 +147,7 @@ TEST_F(ImageCacheTest, EveryFailureEndsInThePlaceholderWithoutRetryOrLog) {
 TEST_F(ImageCacheTest, MalformedAddressesFailAtOnceWithoutARequest) {
     for (std::string url :
          {std::string(""), std::string("not a url"), std::string("http://"),
-          std::string("ftp://127.0.0.1/x.png"), server.url("/thumb.png").replace(7, 0, " ")}) {
+          std::string("ftp://127.0.0.1/x.png"), server.url("/thumb.png").insert(7, 1, ' ')}) {
         SCOPED_TRACE(url);
         bool error = false, loading = true;
         queue->sync([&] {

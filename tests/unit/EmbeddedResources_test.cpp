@@ -1,0 +1,75 @@
+// What the screen reads at run time comes from inside the library; a development
+// folder may shadow single files but never lets an address climb out of it.
+#include "Kavelin/Extentions/EmbeddedResources.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "Kavelin/Extentions/UIImage+Ext.h"
+#include "Kavelin/Model/Catalogue.h"
+#include "support/ScratchDir.h"
+
+using namespace kavelin;
+
+namespace {
+
+std::string fileBytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    return buffer.str();
+}
+
+TEST(EmbeddedResources, SampleThumbnailsAndFontsAreBuiltIn) {
+    unsetenv("KAVELIN_RESOURCES_DIR");
+    for (const Playlist* p :
+         {&SampleVideos::Playlist1(), &SampleVideos::Playlist2(), &SampleVideos::Playlist3()}) {
+        std::vector<std::string> addresses{*p->thumbnail};
+        for (const Video& v : p->videos) addresses.push_back(v.thumbnail);
+        for (const auto& address : addresses) {
+            auto bytes = resourceBytes(address.substr(resourceScheme.size()), nullptr);
+            ASSERT_TRUE(bytes) << address;
+            EXPECT_TRUE(decodeImage(*bytes).has_value()) << address;
+        }
+    }
+    // The faces set-up fetched are the ones inside, byte for byte.
+    for (const char* face : {"Poppins-Medium.ttf", "Poppins-SemiBold.ttf"}) {
+        const std::string fetched =
+            fileBytes(KAVELIN_SOURCE_DIR "/build/fonts/" + std::string(face));
+        if (fetched.empty()) continue;
+        auto inside = embeddedResource(face);
+        ASSERT_TRUE(inside) << face;
+        EXPECT_EQ(*inside, fetched) << face;
+    }
+}
+
+TEST(EmbeddedResources, DevelopmentFolderShadowsOnlyWhatItHolds) {
+    ScratchDir dir;
+    std::ofstream(dir.path / "Play.svg") << "edited";
+    const std::string outside = dir.path.filename().string() + "-outside.svg";
+    std::ofstream(dir.path.parent_path() / outside) << "secret";
+    setenv("KAVELIN_TEST_RESOURCES", dir.path.c_str(), 1);
+    const auto builtInPause = embeddedResource("Pause.svg");
+    ASSERT_TRUE(builtInPause && embeddedResource("Play.svg"));
+    struct Case {
+        std::string name;
+        const char* variable;
+        std::optional<std::string> expected;
+    } cases[] = {
+        {"Play.svg", "KAVELIN_TEST_RESOURCES", "edited"},
+        {"Play.svg", nullptr, std::string(*embeddedResource("Play.svg"))},
+        {"Pause.svg", "KAVELIN_TEST_RESOURCES", std::string(*builtInPause)},
+        {"../" + outside, "KAVELIN_TEST_RESOURCES", std::nullopt},
+        {"no-such.svg", "KAVELIN_TEST_RESOURCES", std::nullopt},
+        {"no-such.svg", nullptr, std::nullopt},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(resourceBytes(c.name, c.variable), c.expected)
+            << c.name << " via " << (c.variable ? c.variable : "-");
+    std::filesystem::remove(dir.path.parent_path() / outside);
+    unsetenv("KAVELIN_TEST_RESOURCES");
+}
+
+}  // namespace
