@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/views/CachedAsyncImage.h"
 #include "support/HeadlessImGui.h"
 #include "support/LocalHttpServer.h"

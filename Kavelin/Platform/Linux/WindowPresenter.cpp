@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/WindowPresenter.h"
+#include "Kavelin/Platform/Linux/WindowPresenter.h"
 
 #define GL_GLEXT_PROTOTYPES 1
 #include <GL/gl.h>
@@ -17,9 +17,9 @@
 #include <utility>
 
 #include "Kavelin/Extentions/Color+Ext.h"
-#include "Kavelin/Platform/Environment.h"
-#include "Kavelin/Platform/MpvMediaPlayer.h"
-#include "Kavelin/Platform/MpvVideoRenderer.h"
+#include "Kavelin/Platform/Linux/Environment.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
+#include "Kavelin/Platform/Linux/MpvVideoRenderer.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/PlayerController.h"
 #include "Kavelin/log/VPLogger.h"

@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/MpvVideoRenderer.h"
+#include "Kavelin/Platform/Linux/MpvVideoRenderer.h"
 
 #define GL_GLEXT_PROTOTYPES 1
 #include <GL/gl.h>
@@ -9,7 +9,7 @@
 
 #include <future>
 
-#include "Kavelin/Platform/MpvMediaPlayer.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 
 namespace kavelin {
 

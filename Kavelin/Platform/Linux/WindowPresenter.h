@@ -9,7 +9,7 @@
 
 #include "Kavelin/Platform/MediaPlayer.h"
 #include "Kavelin/Platform/ScreenPresenter.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 
 struct SDL_Window;
 union SDL_Event;

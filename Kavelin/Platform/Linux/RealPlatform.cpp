@@ -1,9 +1,9 @@
-#include "Kavelin/Platform/Environment.h"
-#include "Kavelin/Platform/HeadlessPresenter.h"
-#include "Kavelin/Platform/MpvMediaPlayerFactory.h"
+#include "Kavelin/Platform/Linux/Environment.h"
+#include "Kavelin/Platform/Linux/HeadlessPresenter.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayerFactory.h"
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
-#include "Kavelin/Platform/WindowPresenter.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/WindowPresenter.h"
 
 namespace kavelin {
 
