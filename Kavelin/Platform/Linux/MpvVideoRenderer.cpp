@@ -264,8 +264,7 @@ std::optional<VideoTexture> MpvVideoRenderer::frameFor(const std::shared_ptr<Med
         if (e.latest >= 0) {
             const Slot& s = e.slots[e.latest];
             e.inUse = e.latest;
-            out = VideoTexture{reinterpret_cast<ImTextureID>(static_cast<intptr_t>(s.texture)),
-                               s.width, s.height};
+            out = VideoTexture{static_cast<TextureHandle>(s.texture), s.width, s.height};
         }
     }
     if (wake) wake_.notify_all();
