@@ -17,29 +17,15 @@
 #include <utility>
 
 #include "Kavelin/Extentions/Color+Ext.h"
+#include "Kavelin/Extentions/Fonts.h"
+#include "Kavelin/Extentions/ViewUtilities.h"
 #include "Kavelin/Platform/Linux/Environment.h"
 #include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 #include "Kavelin/Platform/Linux/MpvVideoRenderer.h"
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/PlayerController.h"
 #include "Kavelin/log/VPLogger.h"
-#include "Kavelin/views/Frame.h"
-#include "Kavelin/views/VideoPlayerView.h"
 
 namespace kavelin {
-
-// The presented screen: the view tree and what keeps it up to date.
-class ScreenHostingController final : public HostingController {
-  public:
-    ScreenHostingController(const std::shared_ptr<PlayerController>& player,
-                            const std::shared_ptr<PlaylistController>& playlist)
-        : player(player), view(player, orientation, playlist) {}
-
-    std::shared_ptr<OrientationObserver> orientation = std::make_shared<OrientationObserver>();
-    std::shared_ptr<PlayerController> player;
-    VideoPlayerView view;
-    std::vector<ObservableObject::Subscription> subscriptions;
-};
 
 namespace {
 
@@ -64,7 +50,7 @@ bool windowSizeFromEnvironment(int& w, int& h) {
     return size && std::sscanf(size, "%dx%d", &w, &h) == 2 && w > 0 && h > 0;
 }
 
-ImTextureID uploadTexture(const Image& image) {
+TextureHandle uploadTexture(int width, int height, const uint8_t* rgba) {
     GLuint id = 0;
     glGenTextures(1, &id);
     glBindTexture(GL_TEXTURE_2D, id);
@@ -73,13 +59,12 @@ ImTextureID uploadTexture(const Image& image) {
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
     glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, image.width, image.height, 0, GL_RGBA,
-                 GL_UNSIGNED_BYTE, image.rgba.data());
-    return reinterpret_cast<ImTextureID>(static_cast<intptr_t>(id));
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, width, height, 0, GL_RGBA, GL_UNSIGNED_BYTE, rgba);
+    return static_cast<TextureHandle>(id);
 }
 
-void releaseTexture(ImTextureID texture) {
-    GLuint id = static_cast<GLuint>(reinterpret_cast<intptr_t>(texture));
+void releaseTexture(TextureHandle texture) {
+    GLuint id = static_cast<GLuint>(texture);
     glDeleteTextures(1, &id);
 }
 
@@ -234,8 +219,9 @@ struct WindowPresenter::Opened {
     }
 };
 
-WindowPresenter::WindowPresenter(std::shared_ptr<ThreadMainQueue> queue)
-    : queue_(std::move(queue)) {}
+WindowPresenter::WindowPresenter(std::shared_ptr<ThreadMainQueue> queue,
+                                 std::shared_ptr<ScreenViews> views)
+    : queue_(std::move(queue)), views_(std::move(views)) {}
 
 WindowPresenter::~WindowPresenter() {
     waitForOpening();
@@ -354,27 +340,25 @@ void WindowPresenter::finishOpening() {
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
     ImGui_ImplSDL2_InitForOpenGL(window_, glContext_);
     ImGui_ImplOpenGL3_Init("#version 150");
-    Textures::install(
-        [this](const Image& image) {
-            acquireGl();
-            return uploadTexture(image);
-        },
-        [this](ImTextureID texture) {
-            acquireGl();
-            releaseTexture(texture);
-        });
-
     std::weak_ptr<WindowPresenter> weak = weak_from_this();
     auto invalidate = [weak] {
         if (auto self = weak.lock()) self->setNeedsDisplay();
     };
+    views_->windowOpened(WindowResources{[this](int width, int height, const uint8_t* rgba) {
+                                             acquireGl();
+                                             return uploadTexture(width, height, rgba);
+                                         },
+                                         [this](TextureHandle texture) {
+                                             acquireGl();
+                                             releaseTexture(texture);
+                                         },
+                                         invalidate});
     if (renderGlContext_) {
         renderer_ =
             std::make_shared<MpvVideoRenderer>(queue_, window_, renderGlContext_, invalidate);
         stopDrawingAtThreadExit(weak_from_this());
     }
     VideoRenderer::install(renderer_);
-    Display::install(invalidate);
     updatePolling();
     Platform::rearmExitHook();
     exitHookRearmed_ = false;  // the first frame initialises more of the GL stack
@@ -398,7 +382,6 @@ void WindowPresenter::waitForOpening() {
     opener_.join();
     if (opened_) opened_->destroy();
 }
-
 
 void WindowPresenter::acquireGl() {
     if (swapper_) swapper_->waitIdle();
@@ -444,13 +427,12 @@ void WindowPresenter::destroyWindow() {
     queue_->setIdleHook(nullptr, 0);
     screen_.reset();
     VideoRenderer::install(nullptr);
-    Display::install(nullptr);
     if (renderer_) renderer_->detachAll();
     renderer_.reset();  // stops the render thread
     if (renderGlContext_) SDL_GL_DeleteContext(renderGlContext_);
     renderGlContext_ = nullptr;
     SDL_GL_MakeCurrent(window_, glContext_);
-    Textures::uninstall();
+    views_->windowClosing();
     ImGui_ImplOpenGL3_Shutdown();
     ImGui_ImplSDL2_Shutdown();
     ImGui::DestroyContext(static_cast<ImGuiContext*>(imgui_));
@@ -486,15 +468,10 @@ std::shared_ptr<MediaPlayerFactory> WindowPresenter::wrapFactory(
 std::shared_ptr<HostingController> WindowPresenter::makeHostingController(
     const std::shared_ptr<PlayerController>& player,
     const std::shared_ptr<PlaylistController>& playlist) {
-    auto screen = std::make_shared<ScreenHostingController>(player, playlist);
     std::weak_ptr<WindowPresenter> weak = weak_from_this();
-    auto invalidate = [weak] {
+    return views_->makeScreen(player, playlist, [weak] {
         if (auto self = weak.lock()) self->setNeedsDisplay();
-    };
-    screen->subscriptions.push_back(player->onChange(invalidate));
-    if (playlist) screen->subscriptions.push_back(playlist->onChange(invalidate));
-    screen->subscriptions.push_back(screen->orientation->onChange(invalidate));
-    return screen;
+    });
 }
 
 bool WindowPresenter::hasTopMostViewController() const {
@@ -514,7 +491,7 @@ float WindowPresenter::fadeValue(double now) const {
 void WindowPresenter::present(const std::shared_ptr<HostingController>& screen, bool animated,
                               std::function<void()> completion) {
     ++presentations_;
-    screen_ = std::dynamic_pointer_cast<ScreenHostingController>(screen);
+    screen_ = screen;
     double duration = animated ? kPresentationFadeSeconds : 0;
     if (ensureWindow())
         showWindow(animated);
@@ -528,7 +505,7 @@ void WindowPresenter::present(const std::shared_ptr<HostingController>& screen, 
 void WindowPresenter::showWindow(bool animated) {
     int w = 0, h = 0;
     SDL_GetWindowSize(window_, &w, &h);
-    if (screen_) screen_->orientation->updateOrientation(std::make_pair(w, h));
+    if (screen_) screen_->sizeChanged(w, h);
     SDL_ShowWindow(window_);
     SDL_RaiseWindow(window_);
     shown_ = true;
@@ -637,41 +614,40 @@ void WindowPresenter::handleEvent(const SDL_Event& e) {
             break;
         case SDL_KEYDOWN: {
             if (!screen_ || !shown_ || e.key.repeat) break;
-            std::optional<VideoPlayerView::Key> key;
+            std::optional<HostingController::Key> key;
             switch (e.key.keysym.sym) {
                 case SDLK_SPACE:
-                    key = VideoPlayerView::Key::space;
+                    key = HostingController::Key::space;
                     break;
                 case SDLK_LEFT:
-                    key = VideoPlayerView::Key::left;
+                    key = HostingController::Key::left;
                     break;
                 case SDLK_RIGHT:
-                    key = VideoPlayerView::Key::right;
+                    key = HostingController::Key::right;
                     break;
                 case SDLK_ESCAPE:
-                    key = VideoPlayerView::Key::escape;
+                    key = HostingController::Key::escape;
                     break;
                 default:
                     break;
             }
             if (key) {
                 auto screen = screen_;  // the action may dismiss it
-                screen->view.handleKey(*key);
+                screen->handleKey(*key);
             }
             input();
             break;
         }
         case SDL_WINDOWEVENT:
             if (e.window.event == SDL_WINDOWEVENT_SIZE_CHANGED && screen_)
-                screen_->orientation->updateOrientation(
-                    std::make_pair(e.window.data1, e.window.data2));
+                screen_->sizeChanged(e.window.data1, e.window.data2);
             if (e.window.event == SDL_WINDOWEVENT_FOCUS_GAINED && screen_ && shown_) {
                 auto screen = screen_;
-                screen->view.applicationDidBecomeActive();
+                screen->becameActive();
             }
             if (e.window.event == SDL_WINDOWEVENT_CLOSE && screen_ && shown_) {
                 auto screen = screen_;
-                screen->player->backToHome();
+                screen->closeRequested();
             }
             setNeedsDisplay();
             break;
@@ -706,14 +682,16 @@ void WindowPresenter::renderFrame(Capture* capture) {
     ImGui::NewFrame();
     const double now = queue_->now();
     ImGuiIO& io = ImGui::GetIO();
-    Rect full{0, 0, io.DisplaySize.x, io.DisplaySize.y};
-    Frame frame(ImGui::GetBackgroundDrawList(), now);
+    bool animating = false;
     if (screen_) {
         auto screen = screen_;  // an action of this frame may dismiss it
-        screen->view.draw(frame, full);
+        animating = screen->drawFrame(now, io.DisplaySize.x, io.DisplaySize.y);
     }
     float fade = fadeValue(now);
-    if (fade < 1) frame.fill(full, Color::black(1 - fade));
+    if (fade < 1)
+        RoundedCorner{}.fill(ImGui::GetBackgroundDrawList(),
+                             Rect{0, 0, io.DisplaySize.x, io.DisplaySize.y},
+                             Color::black(1 - fade));
     ImGui::Render();
 
     int fbw = 0, fbh = 0;
@@ -758,7 +736,7 @@ void WindowPresenter::renderFrame(Capture* capture) {
     lastFrame_ = now;
 
     bool fading = now < fadeStart_ + kPresentationFadeSeconds;
-    bool more = frame.needsAnotherFrame() || fading || extraFrames_ > 0;
+    bool more = animating || fading || extraFrames_ > 0;
     if (extraFrames_ > 0) --extraFrames_;
     if (more) {
         dirty_ = true;
