@@ -90,27 +90,40 @@ int main() {
 
     double firstCall = 0;
     const char* slowestFirst = "";
+    std::vector<std::pair<double, std::string>> firsts;
     for (auto& [name, call] : calls) {
         const double ms = timedMs(call);
+        firsts.emplace_back(ms, name);
         if (ms > firstCall) firstCall = ms, slowestFirst = name;
     }
-    std::vector<double> samples;
+    // Each sample keeps its entry point and round, so the slowest can be told apart.
+    std::vector<std::pair<double, std::string>> samples;
     for (int round = 0; round < 40; ++round) {
-        for (auto& [name, call] : calls) samples.push_back(timedMs(call));
+        for (auto& [name, call] : calls)
+            samples.emplace_back(timedMs(call), std::string(name) + "#" + std::to_string(round));
         std::this_thread::sleep_for(
             std::chrono::milliseconds(50));  // let frames be drawn between rounds
     }
     const double cleanupMs = timedMs(fn<void (*)()>("cleanup"));
-    samples.push_back(cleanupMs);
+    samples.emplace_back(cleanupMs, "cleanup");
     std::sort(samples.begin(), samples.end());
-    const double p99 = samples[static_cast<size_t>(0.99 * static_cast<double>(samples.size() - 1))];
+    std::sort(firsts.rbegin(), firsts.rend());
+    const double p99 =
+        samples[static_cast<size_t>(0.99 * static_cast<double>(samples.size() - 1))].first;
 
     std::fflush(stdout);
     dup2(savedStdout, STDOUT_FILENO);
     std::printf("first_call_ms: %.2f\n", firstCall);
     std::printf("first_call_slowest: %s\n", slowestFirst);
     std::printf("call_p99_ms: %.2f\n", p99);
-    std::printf("call_max_ms: %.2f\n", samples.back());
+    std::printf("call_max_ms: %.2f\n", samples.back().first);
+    for (size_t i = 0; i < 3 && i < firsts.size(); ++i)
+        std::printf("first_call_slow_%zu: %s %.2f\n", i + 1, firsts[i].second.c_str(),
+                    firsts[i].first);
+    for (size_t i = 0; i < 8 && i < samples.size(); ++i) {
+        const auto& [ms, what] = samples[samples.size() - 1 - i];
+        std::printf("call_slow_%zu: %s %.2f\n", i + 1, what.c_str(), ms);
+    }
     std::printf("cleanup_ms: %.2f\n", cleanupMs);
     fs::remove_all(dir);
     return 0;

@@ -1,7 +1,7 @@
 // Real-playback timings, printed as "name: value" lines:
 //   - time to first frame from PlayPlaylist to the first decoded frame of a local
 //     HLS stream, against bare libmpv loading the same stream with the same options
-//     (target: ratio <= 1.10);
+//     (target: ratio <= 1.05), split into stages (ttff_stage_*) for both;
 //   - the gap from the end of one video to the first frame of the next for a
 //     premium viewer (target: median < 150 ms).
 // Frames are seen through a second mpv client on each player's core: mpv reports
@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -46,6 +47,20 @@ double median(std::vector<double> v) {
 }
 
 enum class Mark { start, firstFrame, end };
+
+// Where the time to the first frame goes: the call (the library: hopping onto its
+// thread and the controller's work; bare: mpv accepting "loadfile"), then until mpv
+// starts the item, then until its first frame.
+struct Stages {
+    std::vector<double> call, toStart, toFrame;
+    void add(Clock::time_point t0, Clock::time_point returned, Clock::time_point started,
+             Clock::time_point frame) {
+        call.push_back(ms(returned - t0));
+        toStart.push_back(ms(started - returned));
+        toFrame.push_back(ms(frame - started));
+    }
+    void print(const char* who) const;
+};
 
 // What every watched mpv core did, and when.
 struct Timeline {
@@ -126,21 +141,25 @@ class BarePlayer {
     }
     ~BarePlayer() { mpv_terminate_destroy(mpv_); }
 
-    // Milliseconds from the load request to the first frame, or a negative value.
-    double firstFrame(const std::string& url) {
+    // Milliseconds from the load request to the first frame, or a negative value;
+    // `stages` gets the same split as the library's.
+    double firstFrame(const std::string& url, Stages& stages) {
         auto t0 = Clock::now();
         int no = 0;
         mpv_set_property(mpv_, "pause", MPV_FORMAT_FLAG, &no);
         const char* cmd[] = {"loadfile", url.c_str(), "replace", nullptr};
         mpv_command(mpv_, cmd);
-        bool started = false;
+        const auto requested = Clock::now();
+        std::optional<Clock::time_point> started;
         for (;;) {
             mpv_event* e = mpv_wait_event(mpv_, 20);
             if (e->event_id == MPV_EVENT_NONE) return -1;
-            if (e->event_id == MPV_EVENT_START_FILE) started = true;
+            if (e->event_id == MPV_EVENT_START_FILE) started = Clock::now();
             if (started && e->event_id == MPV_EVENT_PLAYBACK_RESTART) break;
         }
-        double elapsed = ms(Clock::now() - t0);
+        const auto frame = Clock::now();
+        stages.add(t0, requested, *started, frame);
+        double elapsed = ms(frame - t0);
         int yes = 1;
         mpv_set_property(mpv_, "pause", MPV_FORMAT_FLAG, &yes);
         return elapsed;
@@ -153,6 +172,12 @@ class BarePlayer {
 std::string episode(const std::string& id, const std::string& url) {
     return R"({"index":")" + id + R"(","url":")" + url + R"(","thumbnail":"img/)" + id +
            R"(.png","title":")" + id + R"(","isActive":1,"length":4})";
+}
+
+void Stages::print(const char* who) const {
+    std::printf("ttff_stage_call_ms_%s: %.1f\n", who, median(call));
+    std::printf("ttff_stage_to_start_file_ms_%s: %.1f\n", who, median(toStart));
+    std::printf("ttff_stage_to_first_frame_ms_%s: %.1f\n", who, median(toFrame));
 }
 
 }  // namespace
@@ -194,10 +219,12 @@ int main() {
     // Time to first frame, library against bare libmpv, alternating so that both
     // see the same machine load.
     std::vector<double> library, bare;
+    Stages libraryStages, bareStages, warmUp;
     BarePlayer barePlayer;
     for (int i = 0; i <= runs; ++i) {
         auto t0 = Clock::now();
         PlayPlaylist("ttff");
+        const auto returned = Clock::now();
         // The controller rewinds the old item before replacing it, which mpv also
         // answers with a restart; only one after the new item's start counts.
         auto started = timeline.await(Mark::start, t0);
@@ -206,9 +233,12 @@ int main() {
             std::printf("error: no first frame from the library\n");
             return 1;
         }
-        if (i > 0) library.push_back(ms(*frame - t0));  // run 0 warms up
+        if (i > 0) {  // run 0 warms up
+            library.push_back(ms(*frame - t0));
+            libraryStages.add(t0, returned, *started, *frame);
+        }
         kavelin_pause();
-        double b = barePlayer.firstFrame(hls);
+        double b = barePlayer.firstFrame(hls, i > 0 ? bareStages : warmUp);
         if (i > 0 && b >= 0) bare.push_back(b);
     }
     const double libraryMs = median(library);
@@ -218,6 +248,8 @@ int main() {
     std::printf("ttff_ratio: %.3f\n", bareMs > 0 ? libraryMs / bareMs : 0.0);
     std::printf("ttff_library_ms_min: %.1f\n", *std::min_element(library.begin(), library.end()));
     std::printf("ttff_bare_libmpv_ms_min: %.1f\n", *std::min_element(bare.begin(), bare.end()));
+    libraryStages.print("library");
+    bareStages.print("bare");
 
     // Advancing: six two-second clips in a row for a premium viewer.
     auto start = Clock::now();

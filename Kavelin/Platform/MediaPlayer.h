@@ -74,6 +74,9 @@ class MediaPlayerFactory {
   public:
     virtual ~MediaPlayerFactory() = default;
     virtual std::shared_ptr<MediaPlayer> makePlayer() = 0;
+    // Returns once work the players left to other threads (starting or releasing
+    // their engines) is done; called at exit after the main queue has stopped.
+    virtual void finishBackgroundWork() {}
 };
 
 }  // namespace kavelin

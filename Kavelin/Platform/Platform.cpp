@@ -59,17 +59,20 @@ void Platform::install(Platform platform) {
 void Platform::shutdown() {
     std::shared_ptr<MainQueue> queue;
     std::shared_ptr<ScreenPresenter> presenter;
+    std::shared_ptr<MediaPlayerFactory> players;
     {
         std::lock_guard lock(gMutex);
         if (!gPlatform) return;
         queue = gPlatform->queue;
         presenter = gPlatform->presenter;
+        players = gPlatform->players;
     }
     // Stop the library thread, then whatever still draws for it, before static
     // destructors and the GL driver's exit handlers run. The store writes its own
     // pending changes at exit.
     if (queue) queue->shutdown();
     if (presenter) presenter->stopBackgroundWork();
+    if (players) players->finishBackgroundWork();
 }
 
 void Platform::releaseThread() {

@@ -352,11 +352,20 @@ TEST_F(MpvMediaPlayerTest, RemovedObserversAndDestroyedPlayersStaySilent) {
     EXPECT_EQ(destroyedCalls, 0);
 }
 
-TEST_F(MpvMediaPlayerTest, HlsStreamPlaysFromASeekRequestedBeforeItLoaded) {
-    load(server->url(TestMedia::kHls));
-    seek(2.5);  // held until the stream has loaded
-    queue->sync([&] { player->play(); });
+// mpv starts in the background: the item, seek and play given meanwhile reach it in
+// order, and an item replaced before it was up is never fetched.
+TEST_F(MpvMediaPlayerTest, HlsStreamPlaysFromASeekRequestedBeforeMpvOrTheStreamWereUp) {
+    queue->sync([&] {
+        player = std::make_shared<MpvMediaPlayer>(queue, quietOptions());
+        EXPECT_EQ(player->handle(), nullptr);
+        player->replaceCurrentItem(server->url(TestMedia::kClip2s));
+        player->replaceCurrentItem(server->url(TestMedia::kHls));
+        observe();
+        player->seek(2.5, 0, 0, [this](bool f) { record([&] { seeks.push_back(f); }); });
+        player->play();
+    });
     ASSERT_TRUE(waitFor([&] { return ends == 1; }));
+    EXPECT_EQ(server->requestCount(TestMedia::kClip2s), 0u);
     std::lock_guard lock(mutex);
     ASSERT_FALSE(seeks.empty());
     EXPECT_TRUE(seeks[0]);
@@ -404,19 +413,25 @@ TEST_F(MpvMediaPlayerTest, FailingAddressesLogOneWarningAndKeepWaiting) {
 
 TEST_F(MpvMediaPlayerTest, HundredCreateDestroyCyclesLeaveNoThreadsOrHandles) {
     auto cycle = [&](bool withItem) {
+        auto up = std::make_shared<bool>(false);
+        std::shared_ptr<MpvMediaPlayer> p;
         queue->sync([&] {
-            auto p = std::make_shared<MpvMediaPlayer>(queue, quietOptions());
-            ASSERT_NE(p->handle(), nullptr);
+            p = std::make_shared<MpvMediaPlayer>(queue, quietOptions());
+            p->whenStarted([this, up] { record([&] { *up = true; }); });
             if (withItem) {
                 p->replaceCurrentItem(kGenerated);
                 p->play();
             }
         });
+        ASSERT_TRUE(waitFor([&] { return *up; }));
+        queue->sync([&] { p.reset(); });
     };
     cycle(true);  // first use loads mpv's libraries and their one-time threads
+    MpvMediaPlayer::finishBackgroundWork();
     const size_t threads = entriesIn("/proc/self/task");
     const size_t fds = entriesIn("/proc/self/fd");
     for (int i = 0; i < 100; ++i) cycle(i % 10 == 0);
+    MpvMediaPlayer::finishBackgroundWork();  // the last ones are released there
     EXPECT_EQ(entriesIn("/proc/self/task"), threads);
     EXPECT_EQ(entriesIn("/proc/self/fd"), fds);
 }
@@ -425,16 +440,23 @@ TEST(MpvMediaPlayerFactoryTest, HandsOutHookedPlayersOnTheGivenQueue) {
     auto queue = std::make_shared<ThreadMainQueue>();
     MpvMediaPlayerFactory factory(queue, quietOptions());
     int hooked = 0;
+    std::mutex m;
+    std::condition_variable cv;
     factory.setPlayerCreatedHook([&](MpvMediaPlayer& p) {
-        EXPECT_NE(p.handle(), nullptr);
+        EXPECT_NE(p.handle(), nullptr) << "hooked once mpv is up";
+        std::lock_guard lock(m);
         ++hooked;
+        cv.notify_all();
     });
     std::shared_ptr<MediaPlayer> a, b;
     queue->sync([&] {
         a = factory.makePlayer();
         b = factory.makePlayer();
     });
-    EXPECT_EQ(hooked, 2);
+    {
+        std::unique_lock lock(m);
+        EXPECT_TRUE(cv.wait_for(lock, 20s, [&] { return hooked == 2; }));
+    }
     EXPECT_NE(a, b);
     ASSERT_NE(dynamic_cast<MpvMediaPlayer*>(a.get()), nullptr);
     // The embedding is locked down: nothing from the user's mpv set-up, no scripts

@@ -78,6 +78,10 @@ void MpvMediaPlayer::Core::handle(const mpv_event& e) {
                 seekLanded();
             break;
         }
+        case MPV_EVENT_COMMAND_REPLY:
+        case MPV_EVENT_SET_PROPERTY_REPLY:
+            onReply(e);
+            break;
         case MPV_EVENT_SHUTDOWN:
             closed_ = true;
             break;
@@ -147,7 +151,7 @@ void MpvMediaPlayer::Core::onProperty(uint64_t id, const mpv_event_property& p) 
             }
             break;
         case kPause:
-            paused_ = flag();
+            if (pauseRequests_ == 0) paused_ = flag();
             break;
         case kCoreIdle:
             coreIdle_ = flag();

@@ -5,15 +5,20 @@
 #include <atomic>
 #include <clocale>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <limits>
 #include <map>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "Kavelin/Extentions/NumberFormatting.h"
+#include "Kavelin/Platform/Immortal.h"
 #include "Kavelin/Platform/Linux/Environment.h"
 #include "Kavelin/Platform/Linux/MpvPlayerCore.h"
 #include "Kavelin/log/VPLogger.h"
@@ -46,7 +51,87 @@ std::string availableAudioOutputs() {
     return list + "null";
 }
 
+// Creating mpv loads its libraries and starts its threads; tearing it down joins
+// them: tens of milliseconds each, which a host call waiting on the main queue
+// would feel. One thread does both, in order, for every player.
+class BackgroundWork {
+  public:
+    void post(std::function<void()> task) {
+        std::lock_guard lock(mutex_);
+        if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+        tasks_.push_back(std::move(task));
+        changed_.notify_all();
+    }
+    void drain() {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [this] { return tasks_.empty() && !busy_; });
+    }
+
+  private:
+    // Never returns: the thread idles until the process ends (the object is never
+    // destroyed), and exit waits for its work through drain().
+    void run() {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            changed_.wait(lock, [this] { return !tasks_.empty(); });
+            auto task = std::move(tasks_.front());
+            tasks_.pop_front();
+            busy_ = true;
+            lock.unlock();
+            task();
+            lock.lock();
+            busy_ = false;
+            changed_.notify_all();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::function<void()>> tasks_;
+    bool busy_ = false;
+    std::thread thread_;
+};
+
+BackgroundWork& backgroundWork() {
+    static Immortal<BackgroundWork> work;
+    return work.get();
+}
+
 }  // namespace
+
+void mpv_detail::runInBackground(std::function<void()> task) {
+    backgroundWork().post(std::move(task));
+}
+
+mpv_handle* mpv_detail::createCore(const MpvMediaPlayer::Options& options, std::string& error) {
+    using namespace mpv_detail;
+    mpv_handle* mpv = mpv_create();
+    if (!mpv) {
+        error = "❌ mpv could not be created";
+        return nullptr;
+    }
+    MpvMediaPlayer::configure(mpv, options);
+    if (mpv_initialize(mpv) < 0) {
+        error = "❌ mpv could not be initialised";
+        mpv_terminate_destroy(mpv);
+        return nullptr;
+    }
+    // Warnings and errors: the first one of a failed load names the cause.
+    mpv_request_log_messages(mpv, "warn");
+    mpv_observe_property(mpv, kTimePos, "time-pos", MPV_FORMAT_DOUBLE);
+    mpv_observe_property(mpv, kDuration, "duration", MPV_FORMAT_DOUBLE);
+    mpv_observe_property(mpv, kPause, "pause", MPV_FORMAT_FLAG);
+    mpv_observe_property(mpv, kCoreIdle, "core-idle", MPV_FORMAT_FLAG);
+    mpv_observe_property(mpv, kPausedForCache, "paused-for-cache", MPV_FORMAT_FLAG);
+    mpv_observe_property(mpv, kSeeking, "seeking", MPV_FORMAT_FLAG);
+    mpv_observe_property(mpv, kIdleActive, "idle-active", MPV_FORMAT_FLAG);
+    mpv_observe_property(mpv, kEofReached, "eof-reached", MPV_FORMAT_FLAG);
+    return mpv;
+}
+
+void MpvMediaPlayer::finishBackgroundWork() {
+    backgroundWork().drain();
+}
 
 // libmpv refuses to start under any numeric locale but "C" (it parses and prints
 // numbers with the C library), and the setting is process-wide, so a host that
@@ -110,6 +195,9 @@ MpvMediaPlayer::~MpvMediaPlayer() {
 
 mpv_handle* MpvMediaPlayer::handle() const {
     return core_->handle();
+}
+void MpvMediaPlayer::whenStarted(std::function<void()> then) {
+    core_->whenStarted(std::move(then));
 }
 void MpvMediaPlayer::setVideoOutput(const std::string& vo) {
     core_->setVideoOutput(vo);

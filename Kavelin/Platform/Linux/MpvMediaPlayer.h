@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -41,8 +42,15 @@ class MpvMediaPlayer final : public MediaPlayer {
     MpvMediaPlayer& operator=(const MpvMediaPlayer&) = delete;
 
     // For the window's render context (mpv_render_context_create) and for
-    // measurements. Null when mpv could not be started.
+    // measurements. Null until mpv has started (it is made in the background, so
+    // that no host call waits for it) and when it could not be started.
     mpv_handle* handle() const;
+    // Runs `then` on the main queue once handle() is set, before the item given so
+    // far opens; at once when it is set already, never when mpv failed to start.
+    void whenStarted(std::function<void()> then);
+    // Waits until every mpv made or released so far is fully up or gone (exit,
+    // and tests that count threads).
+    static void finishBackgroundWork();
     // Sets the embedding options (no config files, scripts, ytdl, bindings; idle,
     // keep-open, network time-out, outputs) on a handle before mpv_initialize.
     // Benchmarks use it to compare with bare libmpv on equal terms.

@@ -8,8 +8,15 @@ MpvMediaPlayerFactory::MpvMediaPlayerFactory(std::shared_ptr<MainQueue> queue,
 
 std::shared_ptr<MediaPlayer> MpvMediaPlayerFactory::makePlayer() {
     auto player = std::make_shared<MpvMediaPlayer>(queue_, options_);
-    if (createdHook_) createdHook_(*player);
+    if (createdHook_)
+        player->whenStarted([hook = createdHook_, weak = std::weak_ptr<MpvMediaPlayer>(player)] {
+            if (auto p = weak.lock()) hook(*p);
+        });
     return player;
+}
+
+void MpvMediaPlayerFactory::finishBackgroundWork() {
+    MpvMediaPlayer::finishBackgroundWork();
 }
 
 void MpvMediaPlayerFactory::setPlayerCreatedHook(std::function<void(MpvMediaPlayer&)> hook) {

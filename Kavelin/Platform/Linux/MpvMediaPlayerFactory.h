@@ -17,9 +17,10 @@ class MpvMediaPlayerFactory final : public MediaPlayerFactory {
         MpvMediaPlayer::Options options = MpvMediaPlayer::Options::fromEnvironment());
 
     std::shared_ptr<MediaPlayer> makePlayer() override;
+    void finishBackgroundWork() override;
 
-    // Called on the main queue with every new player before it is handed out, so
-    // the window can attach its render context before the first item opens.
+    // Called on the main queue with every new player once its mpv is up, before
+    // its first item opens.
     void setPlayerCreatedHook(std::function<void(MpvMediaPlayer&)> hook);
 
     const MpvMediaPlayer::Options& options() const { return options_; }

@@ -1,6 +1,9 @@
 // The player's item state machine: loading, pausing, seeking and observers.
 #include "Kavelin/Platform/Linux/MpvPlayerCore.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {
@@ -8,49 +11,67 @@ namespace kavelin {
 using namespace mpv_detail;
 
 MpvMediaPlayer::Core::Core(std::shared_ptr<MainQueue> queue, const Options& options)
-    : queue_(std::move(queue)) {
-    useCNumericLocale();
-    mpv_ = mpv_create();
-    if (!mpv_) {
-        VPLogger::error("❌ mpv could not be created");
-        return;
-    }
-    configure(mpv_, options);
-    if (mpv_initialize(mpv_) < 0) {
-        VPLogger::error("❌ mpv could not be initialised");
-        mpv_terminate_destroy(mpv_);
-        mpv_ = nullptr;
-        return;
-    }
-    // Warnings and errors: the first one of a failed load names the cause.
-    mpv_request_log_messages(mpv_, "warn");
-    mpv_observe_property(mpv_, kTimePos, "time-pos", MPV_FORMAT_DOUBLE);
-    mpv_observe_property(mpv_, kDuration, "duration", MPV_FORMAT_DOUBLE);
-    mpv_observe_property(mpv_, kPause, "pause", MPV_FORMAT_FLAG);
-    mpv_observe_property(mpv_, kCoreIdle, "core-idle", MPV_FORMAT_FLAG);
-    mpv_observe_property(mpv_, kPausedForCache, "paused-for-cache", MPV_FORMAT_FLAG);
-    mpv_observe_property(mpv_, kSeeking, "seeking", MPV_FORMAT_FLAG);
-    mpv_observe_property(mpv_, kIdleActive, "idle-active", MPV_FORMAT_FLAG);
-    mpv_observe_property(mpv_, kEofReached, "eof-reached", MPV_FORMAT_FLAG);
-}
+    : queue_(std::move(queue)), options_(options) {}
 
 MpvMediaPlayer::Core::~Core() {
     if (!mpv_) return;
     // After this returns mpv no longer calls into wakeup_, so it may go.
     mpv_set_wakeup_callback(mpv_, nullptr, nullptr);
-    mpv_terminate_destroy(mpv_);
+    runInBackground([handle = mpv_] { mpv_terminate_destroy(handle); });
 }
 
 void MpvMediaPlayer::Core::start() {
-    if (!mpv_) return;
+    useCNumericLocale();
+    starting_ = true;
+    createdWithOutput_ = options_.videoOutput;
+    runInBackground([weak = weak_from_this(), queue = queue_, options = options_] {
+        std::string error;
+        mpv_handle* handle = createCore(options, error);
+        queue->async([weak, handle, error] {
+            auto self = weak.lock();
+            if (self && !self->closed_) {
+                self->started(handle, error);
+            } else if (handle) {
+                runInBackground([handle] { mpv_terminate_destroy(handle); });
+            }
+        });
+    });
+}
+
+void MpvMediaPlayer::Core::started(mpv_handle* handle, const std::string& error) {
+    starting_ = false;
+    auto callbacks = std::exchange(startedCallbacks_, {});
+    if (!handle) {
+        VPLogger::error(error);
+        return;
+    }
+    mpv_ = handle;
+    if (options_.videoOutput != createdWithOutput_) setVideoOutput(options_.videoOutput);
     wakeup_ = std::make_unique<Wakeup>();
     wakeup_->core = weak_from_this();
     wakeup_->queue = queue_;
     mpv_set_wakeup_callback(mpv_, &Core::onWakeup, wakeup_.get());
+    // Events queued before the callback was set would not wake us.
+    onWakeup(wakeup_.get());
+    for (auto& f : callbacks)
+        if (!closed_) f();
+    if (closed_) return;
+    request({Request::Kind::pause, itemGen_, {}, paused_});
+    if (hasItem_) issueItem();
+    scheduleStatusUpdate();
+}
+
+void MpvMediaPlayer::Core::whenStarted(std::function<void()> f) {
+    if (mpv_) {
+        f();
+    } else if (starting_) {
+        startedCallbacks_.push_back(std::move(f));
+    }
 }
 
 void MpvMediaPlayer::Core::close() {
     closed_ = true;
+    startedCallbacks_.clear();
     statusObservers_.clear();
     for (auto& [id, obs] : timeObservers_)
         if (obs.timer) obs.timer->cancel();
@@ -79,40 +100,115 @@ void MpvMediaPlayer::Core::replaceCurrentItem(std::optional<std::string> url) {
     restartSeen_ = false;
     paused_ = true;
     if (mpv_) {
-        int yes = 1;
-        mpv_set_property(mpv_, "pause", MPV_FORMAT_FLAG, &yes);
-        if (url) {
-            const char* cmd[] = {"loadfile", url->c_str(), "replace", nullptr};
-            mpv_node result{};
-            if (mpv_command_ret(mpv_, cmd, &result) >= 0) {
-                entryId_ = entryIdFrom(result);
-                mpv_free_node_contents(&result);
-            } else {
-                failed_ = true;
-                VPLogger::warning("⚠️ Failed to load " + *url + ": the address was refused");
-                failure_ = "the address was refused";
-                // Observers are attached after this call returns.
-                queue_->async([weak = weak_from_this(), gen = itemGen_] {
-                    auto self = weak.lock();
-                    if (self && !self->closed_ && self->itemGen_ == gen) self->notifyFailure();
-                });
-            }
-        } else {
-            const char* cmd[] = {"stop", nullptr};
-            mpv_command(mpv_, cmd);
-        }
+        request({Request::Kind::pause, itemGen_, {}, true});
+        issueItem();
     }
     scheduleStatusUpdate();
 }
 
+void MpvMediaPlayer::Core::issueItem() {
+    if (hasItem_)
+        request({Request::Kind::load, itemGen_, url_});
+    else
+        request({Request::Kind::stop, itemGen_, {}});
+}
+
+void MpvMediaPlayer::Core::request(Request r) {
+    if (r.kind == Request::Kind::load || r.kind == Request::Kind::stop) {
+        // Loads, stops and seeks still waiting are for items this one replaces.
+        auto first = requests_.begin() + (requestSent_ ? 1 : 0);
+        requests_.erase(
+            std::remove_if(first, requests_.end(),
+                           [](const Request& q) { return q.kind != Request::Kind::pause; }),
+            requests_.end());
+    }
+    if (r.kind == Request::Kind::pause) ++pauseRequests_;
+    requests_.push_back(std::move(r));
+    sendNextRequest();
+}
+
+void MpvMediaPlayer::Core::sendNextRequest() {
+    while (!requestSent_ && !requests_.empty() && mpv_) {
+        const Request& r = requests_.front();
+        int rc = 0;
+        switch (r.kind) {
+            case Request::Kind::load: {
+                const char* cmd[] = {"loadfile", r.argument.c_str(), "replace", nullptr};
+                rc = mpv_command_async(mpv_, kRequestReply, cmd);
+                break;
+            }
+            case Request::Kind::stop: {
+                const char* cmd[] = {"stop", nullptr};
+                rc = mpv_command_async(mpv_, kRequestReply, cmd);
+                break;
+            }
+            case Request::Kind::pause: {
+                int flag = r.flag ? 1 : 0;
+                rc = mpv_set_property_async(mpv_, kRequestReply, "pause", MPV_FORMAT_FLAG, &flag);
+                break;
+            }
+            case Request::Kind::seek: {
+                const char* cmd[] = {"seek", r.argument.c_str(),
+                                     r.flag ? "absolute+exact" : "absolute+keyframes", nullptr};
+                rc = mpv_command_async(mpv_, kRequestReply, cmd);
+                break;
+            }
+        }
+        if (rc >= 0) {
+            requestSent_ = true;
+            return;
+        }
+        // Not even queued by mpv: answered at once, and the next one goes.
+        Request refused = std::move(requests_.front());
+        requests_.pop_front();
+        answered(refused, rc, nullptr);
+    }
+}
+
+void MpvMediaPlayer::Core::onReply(const mpv_event& e) {
+    if (e.reply_userdata != kRequestReply || !requestSent_ || requests_.empty()) return;
+    Request r = std::move(requests_.front());
+    requests_.pop_front();
+    requestSent_ = false;
+    const mpv_node* result = nullptr;
+    if (e.event_id == MPV_EVENT_COMMAND_REPLY && e.data)
+        result = &static_cast<mpv_event_command*>(e.data)->result;
+    answered(r, e.error, result);
+    sendNextRequest();
+}
+
+void MpvMediaPlayer::Core::answered(const Request& r, int error, const mpv_node* result) {
+    switch (r.kind) {
+        case Request::Kind::pause:
+            --pauseRequests_;
+            break;
+        case Request::Kind::stop:
+            break;
+        case Request::Kind::seek:
+            if (!pendingSeek_ || pendingSeek_->token != r.seekToken) break;
+            if (error < 0)
+                abandonSeek();
+            else
+                pendingSeek_->acknowledged = true;
+            break;
+        case Request::Kind::load:
+            if (r.gen != itemGen_ || closed_) break;  // replaced since
+            if (error >= 0) {
+                if (result) entryId_ = entryIdFrom(*result);
+                break;
+            }
+            failed_ = true;
+            VPLogger::warning("⚠️ Failed to load " + url_ + ": the address was refused");
+            failure_ = "the address was refused";
+            updateStatus();
+            notifyFailure();
+            break;
+    }
+}
+
 void MpvMediaPlayer::Core::setPaused(bool paused) {
     paused_ = paused;
-    if (mpv_) {
-        // Not waited for: mpv's core may be busy decoding, and the host's call must
-        // not wait with it. Property requests stay in order with later commands.
-        int flag = paused ? 1 : 0;
-        mpv_set_property_async(mpv_, 0, "pause", MPV_FORMAT_FLAG, &flag);
-    }
+    if (mpv_) request({Request::Kind::pause, itemGen_, {}, paused});
     scheduleStatusUpdate();
 }
 
@@ -170,7 +266,7 @@ MediaPlayer::ObserverId MpvMediaPlayer::Core::addFailureObserver(
 void MpvMediaPlayer::Core::seek(double seconds, double before, double after,
                                 std::function<void(bool)> completion) {
     abandonSeek();
-    if (!mpv_ || !hasItem_ || failed_) {
+    if ((!mpv_ && !starting_) || !hasItem_ || failed_) {
         finishLater(std::move(completion), false);
         return;
     }
@@ -185,14 +281,7 @@ void MpvMediaPlayer::Core::seek(double seconds, double before, double after,
 void MpvMediaPlayer::Core::issueSeek() {
     auto& s = *pendingSeek_;
     s.issued = true;
-    const std::string target = formatDouble("%.6f", s.target);
-    const char* cmd[] = {"seek", target.c_str(), s.exact ? "absolute+exact" : "absolute+keyframes",
-                         nullptr};
-    if (mpv_command(mpv_, cmd) < 0) {
-        abandonSeek();
-        return;
-    }
-    s.acknowledged = true;
+    request({Request::Kind::seek, itemGen_, formatDouble("%.6f", s.target), s.exact, s.token});
 }
 
 bool MpvMediaPlayer::Core::landedNearerTargetThanStart() const {

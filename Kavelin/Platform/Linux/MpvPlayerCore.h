@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <limits>
 #include <map>
@@ -33,6 +34,9 @@ enum PropertyId : uint64_t {
     kEofReached,
 };
 
+// reply_userdata of our own requests (observations use their ids, events 0).
+inline constexpr uint64_t kRequestReply = 0x4b56;
+
 // Keyframe landing is only acceptable when the caller tolerates a whole group of
 // pictures either way; anything tighter is decoded to the exact frame.
 inline constexpr double kKeyframeTolerance = 1.0;
@@ -46,6 +50,13 @@ inline std::string trimLine(const char* text) {
 // libmpv refuses to start under any numeric locale but "C"; see MpvMediaPlayer.cpp.
 void useCNumericLocale();
 
+// A configured, initialised and observed mpv core, or null with `error` set to the
+// line to log. Runs off the main queue (see MpvMediaPlayer.cpp).
+mpv_handle* createCore(const MpvMediaPlayer::Options& options, std::string& error);
+
+// mpv's creation and teardown run here, one at a time, off the main queue.
+void runInBackground(std::function<void()> task);
+
 }  // namespace kavelin::mpv_detail
 
 namespace kavelin {
@@ -58,9 +69,15 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
 
     ~Core();
 
-    // Wake-ups need a weak reference to this object, so they start after
-    // construction.
+    // mpv is created in the background (tens of milliseconds a host call must
+    // not wait for), which needs a weak reference to this object: it starts after
+    // construction. Until mpv is up, the item, pause flag and seek are kept and
+    // handed to it when it arrives.
     void start();
+
+    // Runs `f` on the main queue once mpv is up, before the item kept so far
+    // opens (at once when it is up already; never when it failed to start).
+    void whenStarted(std::function<void()> f);
 
     // The player is going away: nothing is called back from now on.
     void close();
@@ -68,13 +85,10 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     mpv_handle* handle() const { return mpv_; }
 
     void setVideoOutput(const std::string& vo) {
+        options_.videoOutput = vo;
         if (mpv_) mpv_set_property_string(mpv_, "vo", vo.c_str());
     }
 
-    // Item changes go to mpv synchronously, so they take effect in call order: an
-    // asynchronous "stop" could land after the "loadfile" that follows it and stop
-    // the new item before it started. mpv answers these at once, even while an item
-    // is still opening. Only the pause flag is set without waiting.
     void replaceCurrentItem(std::optional<std::string> url);
 
     bool hasCurrentItem() const { return hasItem_; }
@@ -130,6 +144,18 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         uint64_t gen;
         F callback;
     };
+    // What we ask of mpv. A call waiting for mpv waits for its core, which can be
+    // busy decoding for tens of milliseconds, so nothing is waited for; and mpv may
+    // reorder requests it has not answered (a "stop" could land after the
+    // "loadfile" that follows it), so they go out one at a time, each when the
+    // previous one is answered.
+    struct Request {
+        enum class Kind { load, stop, pause, seek } kind;
+        uint64_t gen = 0;      // the item it was made for
+        std::string argument;  // address, or seek target
+        bool flag = false;     // pause value, or an exact seek
+        uint64_t seekToken = 0;
+    };
     struct PendingSeek {
         uint64_t token;
         double target;
@@ -148,6 +174,17 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
         if (!hasItem_ || !loaded_) return mpv_detail::kNaN;
         return duration_;
     }
+
+    // On the main queue with the core the background made (null when it failed).
+    void started(mpv_handle* handle, const std::string& error);
+
+    // Hands the current item to mpv: loadfile, or stop when there is none.
+    void issueItem();
+
+    void request(Request r);
+    void sendNextRequest();
+    void onReply(const mpv_event& e);
+    void answered(const Request& r, int error, const mpv_node* result);
 
     void drain();
 
@@ -194,7 +231,11 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     }
 
     std::shared_ptr<MainQueue> queue_;
+    MpvMediaPlayer::Options options_;
     mpv_handle* mpv_ = nullptr;
+    bool starting_ = false;  // mpv is being created in the background
+    std::string createdWithOutput_;
+    std::vector<std::function<void()>> startedCallbacks_;
     std::unique_ptr<Wakeup> wakeup_;
     bool closed_ = false;
 
@@ -230,6 +271,10 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     bool idleActive_ = true;
     bool eofReached_ = false;
     TimeControlStatus reportedStatus_ = TimeControlStatus::paused;
+
+    std::deque<Request> requests_;  // the front one is with mpv when requestSent_
+    bool requestSent_ = false;
+    int pauseRequests_ = 0;  // not yet answered: mpv's pause reports are older
 
     std::optional<PendingSeek> pendingSeek_;
     uint64_t seekSeq_ = 0;

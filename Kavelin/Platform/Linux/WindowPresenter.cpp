@@ -36,6 +36,7 @@ class RenderingPlayerFactory final : public MediaPlayerFactory {
         if (player) attach_(player);
         return player;
     }
+    void finishBackgroundWork() override { inner_->finishBackgroundWork(); }
 
   private:
     std::shared_ptr<MediaPlayerFactory> inner_;
@@ -75,15 +76,23 @@ std::shared_ptr<MediaPlayerFactory> WindowPresenter::wrapFactory(
     std::weak_ptr<WindowPresenter> weak = weak_from_this();
     return std::make_shared<RenderingPlayerFactory>(
         std::move(inner), [weak](const std::shared_ptr<MediaPlayer>& player) {
-            auto self = weak.lock();
-            if (self && self->ensureWindow() && self->renderer_ && self->renderer_->attach(player))
-                return;
-            // No picture can be shown yet (or ever): let mpv decode without a video
-            // output; a window that finishes opening attaches the player then.
-            if (auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get()))
+            auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get());
+            if (auto self = weak.lock()) self->ensureWindow();
+            if (!mpv) return;
+            // The render context needs mpv itself, which starts in the background;
+            // it is attached before the first item opens.
+            mpv->whenStarted([weak, weakPlayer = std::weak_ptr<MediaPlayer>(player), mpv] {
+                auto self = weak.lock();
+                auto player = weakPlayer.lock();
+                if (!player) return;
+                if (self && self->window_ && self->renderer_ && self->renderer_->attach(player))
+                    return;
+                // No picture can be shown yet (or ever): let mpv decode without a
+                // video output; a window that finishes opening attaches it then.
                 mpv->setVideoOutput("null");
-            if (self && !self->window_ && !self->windowFailed_)
-                self->pendingPlayers_.push_back(player);
+                if (self && !self->window_ && !self->windowFailed_)
+                    self->pendingPlayers_.push_back(player);
+            });
         });
 }
 
