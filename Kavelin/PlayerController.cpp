@@ -90,6 +90,11 @@ void PlayerController::loadVideo(const std::string& urlString) {
     loadedURL_ = urlString;
     if (mediaPlayer) {
         mediaPlayer->replaceCurrentItem(*address);
+        // A premium viewer's next video follows without a gap when it was opened
+        // ahead. A free viewer's waits for an ad of unknown length, which would
+        // outlast the connection opened for it.
+        if (subscriptionStatus() == SubscriptionStatus::premium)
+            mediaPlayer->prepareNextItem(upcomingAddress());
         statusObservation = mediaPlayer->addStatusObserver(
             [weak](TimeControlStatus oldStatus, TimeControlStatus newStatus) {
                 if (auto self = weak.lock()) self->onStatusChange(oldStatus, newStatus);

@@ -157,6 +157,9 @@ class PlayerController : public ObservableObject,
     // Moves to `index` and loads urls[index]; an index outside the list or a refused
     // address is logged and leaves the position where it was.
     bool loadURLAt(int index, std::string_view caller);
+    // The address an advance from the current video would load (playNextVideo,
+    // or playNextPlaylist at the end), for the player to open ahead.
+    std::optional<std::string> upcomingAddress() const;
     void armNoProgressWatch();
     void cancelFailureTimers();
 

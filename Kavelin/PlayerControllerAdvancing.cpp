@@ -95,6 +95,21 @@ void PlayerController::playNextPlaylist() {
     playlist->videoStarted(chosen.videos[0].id);
 }
 
+std::optional<std::string> PlayerController::upcomingAddress() const {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    auto playlist = playlistController.lock();
+    if (!playlist) return std::nullopt;
+    const int next = currentIndex + 1;
+    if (next < static_cast<int>(urls.size())) {
+        if (next >= static_cast<int>(playlist->videos.size())) return std::nullopt;
+        return playerAddress(playlist->videos[static_cast<size_t>(next)].url);
+    }
+    const Playlist& chosen = playlist->nextPlaylist.get() ? *playlist->nextPlaylist.get()
+                                                          : playlist->currentPlaylist.get();
+    if (chosen.videos.empty()) return std::nullopt;
+    return playerAddress(chosen.videos[0].url);
+}
+
 void PlayerController::nextVideo() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     if (currentIndex < static_cast<int>(urls.size()) - 1) {

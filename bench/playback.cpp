@@ -254,7 +254,7 @@ int main() {
     // Advancing: six two-second clips in a row for a premium viewer.
     auto start = Clock::now();
     PlayPlaylist("advance");
-    std::vector<double> gaps;
+    std::vector<double> gaps, toStart;
     auto since = start;
     for (int i = 0; i < 5; ++i) {
         auto end = timeline.await(Mark::end, since);
@@ -263,10 +263,12 @@ int main() {
         auto next = started ? timeline.await(Mark::firstFrame, *started) : std::nullopt;
         if (!next) break;
         gaps.push_back(ms(*next - *end));
+        toStart.push_back(ms(*started - *end));
         since = *next;
     }
     std::printf("advance_gap_samples: %zu\n", gaps.size());
     std::printf("advance_gap_ms_median: %.1f\n", gaps.empty() ? 0.0 : median(gaps));
+    std::printf("advance_stage_to_start_file_ms_median: %.1f\n", median(toStart));
     std::printf("advance_gap_ms_max: %.1f\n",
                 gaps.empty() ? 0.0 : *std::max_element(gaps.begin(), gaps.end()));
     std::fflush(stdout);

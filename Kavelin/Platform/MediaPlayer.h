@@ -25,6 +25,10 @@ class MediaPlayer {
     // The new item starts paused at 0; its duration is not-a-number until known.
     virtual void replaceCurrentItem(std::optional<std::string> url) = 0;
     virtual bool hasCurrentItem() const = 0;
+    // The item likely to become current next (none clears the hint). A player may
+    // start opening it so that it follows without a gap, but never shows or sounds
+    // it before it is made current.
+    virtual void prepareNextItem(std::optional<std::string> url) { (void)url; }
 
     virtual void play() = 0;
     virtual void pause() = 0;

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <thread>
 
 #include "support/HostLibrary.h"
 #include "support/ScratchDir.h"
@@ -76,6 +77,10 @@ TEST(EndToEndTest, FreeViewerSessionWithBetweenVideosAndMidRollAdsOnRealPlayback
         size_t at = expectEvent("OnVideoFinished:0", 0);
         at = expectEvent("OnNextVideoAdRequired:0", at);
         at = expectEvent("OnViewDismissed:ad_required", at);
+        // While the host shows its ad nothing of the next video starts, though the
+        // player may open videos ahead.
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        EXPECT_EQ(HostEvents::texts(at + 1), std::vector<std::string>{});
         lib.AdCompletedResumePlayback();
 
         // The second video starts, then its clock reaches the cue point in real

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <thread>
 
 #include "Kavelin/Platform/Linux/MpvMediaPlayerFactory.h"
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
@@ -411,6 +412,31 @@ TEST_F(MpvMediaPlayerTest, FailingAddressesLogOneWarningAndKeepWaiting) {
     ASSERT_TRUE(waitFor([&] { return ends == 1; }));
 }
 
+// The next item is opened ahead, yet mpv never moves on to it by itself: at the end
+// the player holds the last frame, and only making the item current plays it.
+TEST_F(MpvMediaPlayerTest, APreparedItemIsOpenedAheadButStartsOnlyWhenMadeCurrent) {
+    const std::string first = server->url(TestMedia::kClip2s);
+    const std::string next = server->url(TestMedia::kClip2sOther);
+    load(first);
+    queue->sync([&] {
+        player->prepareNextItem(next);
+        player->play();
+    });
+    ASSERT_TRUE(waitFor([&] { return ends == 1; }));
+    EXPECT_GE(server->requestCount(TestMedia::kClip2sOther), 1u) << "opened ahead";
+    // Nothing to wait for when nothing may happen: a bounded look at mpv itself.
+    std::this_thread::sleep_for(1s);
+    mpv_handle* mpv = player->handle();
+    char* path = mpv_get_property_string(mpv, "path");
+    EXPECT_STREQ(path, first.c_str()) << "mpv moved on by itself";
+    mpv_free(path);
+    EXPECT_EQ(onQueue<Status>([&] { return player->timeControlStatus(); }), Status::paused);
+
+    Counter nextEnds;
+    queue->sync([&] { nextEnds = playItem(next); });
+    ASSERT_TRUE(waitForCount(nextEnds, 1));
+}
+
 TEST_F(MpvMediaPlayerTest, HundredCreateDestroyCyclesLeaveNoThreadsOrHandles) {
     auto cycle = [&](bool withItem) {
         auto up = std::make_shared<bool>(false);
@@ -469,7 +495,8 @@ TEST(MpvMediaPlayerFactoryTest, HandsOutHookedPlayersOnTheGivenQueue) {
                                       {"options/osc", "no"},
                                       {"options/input-default-bindings", "no"},
                                       {"options/idle", "yes"},
-                                      {"options/keep-open", "yes"},
+                                      {"options/keep-open", "always"},
+                                      {"options/prefetch-playlist", "yes"},
                                       {"options/terminal", "no"}}) {
         char* actual = mpv_get_property_string(handle, name);
         EXPECT_STREQ(actual, value) << name;

@@ -160,6 +160,7 @@ void SimulatedMediaPlayer::cancelPendingSeek() {
 
 void SimulatedMediaPlayer::replaceCurrentItem(std::optional<std::string> url) {
     replacedItems.push_back(url);
+    preparedNext.reset();
     cancelPendingSeek();
     freezePosition();
     if (stallTask_) std::exchange(stallTask_, nullptr)->cancel();

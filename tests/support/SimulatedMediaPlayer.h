@@ -66,6 +66,7 @@ class SimulatedMediaPlayer final : public MediaPlayer,
 
     void replaceCurrentItem(std::optional<std::string> url) override;
     bool hasCurrentItem() const override { return item_ != nullptr; }
+    void prepareNextItem(std::optional<std::string> url) override { preparedNext = std::move(url); }
     void play() override;
     void pause() override;
     double currentTime() const override;
@@ -113,6 +114,7 @@ class SimulatedMediaPlayer final : public MediaPlayer,
     int pauseCalls = 0;
     std::vector<SeekCall> seeks;
     std::vector<std::optional<std::string>> replacedItems;
+    std::optional<std::string> preparedNext;  // the hint given for the current item
 
   private:
     struct Item {

@@ -38,6 +38,23 @@ TEST_F(Advancing, PremiumViewerPlaysThroughAndRingsBackToTheFirstPlaylist) {
     EXPECT_EQ(events.count("OnNextVideoAdRequired") + events.count("OnViewDismissed"), 0u);
 }
 
+// The player may open ahead only what the advance will load next: through a
+// playlist, into the next one and round the ring. Never for a free viewer.
+TEST_F(Advancing, PremiumPlayerIsToldTheVideoThatFollowsFreeOneIsNot) {
+    subscriptionStatus() = SubscriptionStatus::premium;
+    startPlaylist("pl-1");
+    for (int step = 0; step < 6; ++step) {
+        const auto hinted = simPlayer()->preparedNext;
+        ASSERT_TRUE(hinted.has_value()) << step;
+        const auto current = playingURL();
+        for (int i = 0; i < 400 && playingURL() == current; ++i) vp.advance(0.1);
+        EXPECT_EQ(playingURL(), hinted) << step;
+    }
+    subscriptionStatus() = SubscriptionStatus::free;
+    startPlaylist("pl-1");
+    EXPECT_FALSE(simPlayer()->preparedNext.has_value());
+}
+
 TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
     startPlaylist("pl-1");
     events.clear();

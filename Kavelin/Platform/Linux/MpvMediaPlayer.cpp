@@ -168,7 +168,10 @@ void MpvMediaPlayer::configure(mpv_handle* handle, const Options& options) {
         {"terminal", "no"},
         {"msg-level", "all=error"},
         {"idle", "yes"},
-        {"keep-open", "yes"},
+        // The prepared next item sits in mpv's playlist: mpv opens it ahead
+        // (prefetch-playlist) but must never move on to it by itself.
+        {"keep-open", "always"},
+        {"prefetch-playlist", "yes"},
         {"resume-playback", "no"},
         {"save-position-on-quit", "no"},
         {"sub-auto", "no"},
@@ -208,6 +211,9 @@ void MpvMediaPlayer::replaceCurrentItem(std::optional<std::string> url) {
 }
 bool MpvMediaPlayer::hasCurrentItem() const {
     return core_->hasCurrentItem();
+}
+void MpvMediaPlayer::prepareNextItem(std::optional<std::string> url) {
+    core_->prepareNextItem(std::move(url));
 }
 void MpvMediaPlayer::play() {
     core_->setPaused(false);

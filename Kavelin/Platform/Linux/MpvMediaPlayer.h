@@ -62,6 +62,7 @@ class MpvMediaPlayer final : public MediaPlayer {
 
     void replaceCurrentItem(std::optional<std::string> url) override;
     bool hasCurrentItem() const override;
+    void prepareNextItem(std::optional<std::string> url) override;
 
     void play() override;
     void pause() override;

@@ -99,6 +99,7 @@ void MpvMediaPlayer::Core::replaceCurrentItem(std::optional<std::string> url) {
     duration_ = kNaN;
     restartSeen_ = false;
     paused_ = true;
+    nextUrl_.reset();  // a hint belongs to the item it follows
     if (mpv_) {
         request({Request::Kind::pause, itemGen_, {}, true});
         issueItem();
@@ -107,15 +108,28 @@ void MpvMediaPlayer::Core::replaceCurrentItem(std::optional<std::string> url) {
 }
 
 void MpvMediaPlayer::Core::issueItem() {
-    if (hasItem_)
-        request({Request::Kind::load, itemGen_, url_});
-    else
+    if (!hasItem_) {
         request({Request::Kind::stop, itemGen_, {}});
+        return;
+    }
+    // "loadfile replace" empties mpv's playlist: the prepared item goes back
+    // behind the new one. mpv reuses what it opened ahead when that item's address
+    // is loaded next.
+    request({Request::Kind::load, itemGen_, url_});
+    if (nextUrl_) request({Request::Kind::appendNext, itemGen_, *nextUrl_});
+}
+
+void MpvMediaPlayer::Core::prepareNextItem(std::optional<std::string> url) {
+    if (url == nextUrl_) return;
+    nextUrl_ = std::move(url);
+    if (!mpv_ || !hasItem_) return;  // handed over with the item
+    request({Request::Kind::clearNext, itemGen_, {}});
+    if (nextUrl_) request({Request::Kind::appendNext, itemGen_, *nextUrl_});
 }
 
 void MpvMediaPlayer::Core::request(Request r) {
     if (r.kind == Request::Kind::load || r.kind == Request::Kind::stop) {
-        // Loads, stops and seeks still waiting are for items this one replaces.
+        // Everything but pausing still waiting was for items this one replaces.
         auto first = requests_.begin() + (requestSent_ ? 1 : 0);
         requests_.erase(
             std::remove_if(first, requests_.end(),
@@ -153,6 +167,16 @@ void MpvMediaPlayer::Core::sendNextRequest() {
                 rc = mpv_command_async(mpv_, kRequestReply, cmd);
                 break;
             }
+            case Request::Kind::clearNext: {
+                const char* cmd[] = {"playlist-clear", nullptr};  // keeps the current entry
+                rc = mpv_command_async(mpv_, kRequestReply, cmd);
+                break;
+            }
+            case Request::Kind::appendNext: {
+                const char* cmd[] = {"loadfile", r.argument.c_str(), "append", nullptr};
+                rc = mpv_command_async(mpv_, kRequestReply, cmd);
+                break;
+            }
         }
         if (rc >= 0) {
             requestSent_ = true;
@@ -183,6 +207,8 @@ void MpvMediaPlayer::Core::answered(const Request& r, int error, const mpv_node*
             --pauseRequests_;
             break;
         case Request::Kind::stop:
+        case Request::Kind::clearNext:
+        case Request::Kind::appendNext:
             break;
         case Request::Kind::seek:
             if (!pendingSeek_ || pendingSeek_->token != r.seekToken) break;

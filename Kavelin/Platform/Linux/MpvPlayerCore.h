@@ -93,6 +93,8 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
 
     bool hasCurrentItem() const { return hasItem_; }
 
+    void prepareNextItem(std::optional<std::string> url);
+
     void setPaused(bool paused);
 
     double currentTime() const {
@@ -150,7 +152,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     // "loadfile" that follows it), so they go out one at a time, each when the
     // previous one is answered.
     struct Request {
-        enum class Kind { load, stop, pause, seek } kind;
+        enum class Kind { load, stop, pause, seek, clearNext, appendNext } kind;
         uint64_t gen = 0;      // the item it was made for
         std::string argument;  // address, or seek target
         bool flag = false;     // pause value, or an exact seek
@@ -272,7 +274,8 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     bool eofReached_ = false;
     TimeControlStatus reportedStatus_ = TimeControlStatus::paused;
 
-    std::deque<Request> requests_;  // the front one is with mpv when requestSent_
+    std::optional<std::string> nextUrl_;  // prepared behind the current item
+    std::deque<Request> requests_;        // the front one is with mpv when requestSent_
     bool requestSent_ = false;
     int pauseRequests_ = 0;  // not yet answered: mpv's pause reports are older
 
