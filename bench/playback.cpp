@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "Kavelin/Kavelin.h"
-#include "Kavelin/Platform/MpvMediaPlayerFactory.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayerFactory.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/log/VPLogger.h"
 #include "support/LocalHttpServer.h"

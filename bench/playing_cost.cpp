@@ -22,7 +22,7 @@
 #include <string>
 #include <thread>
 
-#include "Kavelin/Platform/MpvMediaPlayer.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 #include "support/TestMedia.h"
 #include "support/XvfbDisplay.h"
 

@@ -14,7 +14,7 @@
 #include "Kavelin/Model/MidRollAdConfig.h"
 #include "Kavelin/Model/MidRollCuePointState.h"
 #include "Kavelin/Platform/UserDefaults.h"
-#include "Kavelin/Platform/VirtualMainQueue.h"
+#include "support/VirtualMainQueue.h"
 #include "Kavelin/Playlist/Controllers/PlaylistController.h"
 #include "Kavelin/log/VPLogger.h"
 

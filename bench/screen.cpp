@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/WindowPresenter.h"
+#include "Kavelin/Platform/Linux/WindowPresenter.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/log/VPLogger.h"

@@ -12,6 +12,7 @@ packages=(
   mono-mcs mono-runtime
   clang-14 libclang-rt-14-dev llvm
   locales
+  python3
 )
 
 missing=()

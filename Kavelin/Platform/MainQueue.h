@@ -37,6 +37,14 @@ class MainQueue {
     virtual bool isCurrent() const = 0;
     // Monotonic seconds on the queue's clock (virtual in tests).
     virtual double now() const = 0;
+
+    // For a queue served by a thread of its own: runs the ready work, then `last`,
+    // ends the thread and joins it; the next sync starts a fresh one. A queue
+    // without a thread of its own (tests drive it) has nothing to end and drops
+    // `last`.
+    virtual void park(std::function<void()> last = {}) { (void)last; }
+    // Stops the queue's own thread for good, before exit tears the process down.
+    virtual void shutdown() {}
 };
 
 }  // namespace kavelin

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "Kavelin/Platform/ThreadMainQueue.h"
 
 namespace kavelin {
 namespace {
@@ -30,10 +29,6 @@ void armMainThreadExit() {
     if (::gettid() != ::getpid()) return;
     static thread_local StopAtMainThreadExit sentinel;
     (void)sentinel;
-}
-
-ThreadMainQueue* threadQueue(const Platform& platform) {
-    return dynamic_cast<ThreadMainQueue*>(platform.queue.get());
 }
 
 }  // namespace
@@ -75,7 +70,7 @@ void Platform::shutdown() {
     // Stop the library thread, then whatever still draws for it, before static
     // destructors and the GL driver's exit handlers run. The store writes its own
     // pending changes at exit.
-    if (auto* thread = dynamic_cast<ThreadMainQueue*>(queue.get())) thread->shutdown();
+    if (queue) queue->shutdown();
     if (presenter) presenter->stopBackgroundWork();
     if (players) players->finishBackgroundWork();
 }
@@ -87,9 +82,8 @@ void Platform::releaseThread() {
         if (!gPlatform) return;
         platform = *gPlatform;
     }
-    auto* thread = threadQueue(platform);
-    if (!thread) return;
-    thread->park([defaults = platform.defaults, presenter = platform.presenter] {
+    if (!platform.queue) return;
+    platform.queue->park([defaults = platform.defaults, presenter = platform.presenter] {
         if (defaults) defaults->flush();
         if (presenter) presenter->releaseThreadResources();
     });

@@ -37,7 +37,8 @@ struct Platform {
     static void rearmExitHook();
 };
 
-// The real platform for this machine (defined next to the real seams).
+// The real platform for this machine, assembled above both the implementations
+// and the views that the window draws.
 Platform makeRealPlatform();
 
 inline MainQueue& mainQueue() {

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+
+#include "Kavelin/Platform/VideoRenderer.h"
 
 namespace kavelin {
 
@@ -13,10 +16,47 @@ class PlaylistController;
 inline constexpr double kPresentationFadeSeconds = 0.35;
 
 // The presented player screen, as the platform's hosting view controller: it owns
-// the view tree while shown.
+// the view tree while shown. A presenter that draws calls it on the main queue; one
+// without a display calls nothing.
 class HostingController {
   public:
+    enum class Key { space, left, right, escape };
+
     virtual ~HostingController() = default;
+    // Draws one frame of `width` x `height` points into the current ImGui frame;
+    // true while it wants another frame soon (an animation runs).
+    virtual bool drawFrame(double now, float width, float height) {
+        (void)now, (void)width, (void)height;
+        return false;
+    }
+    virtual void handleKey(Key key) { (void)key; }
+    virtual void sizeChanged(int width, int height) { (void)width, (void)height; }
+    virtual void becameActive() {}
+    // The user closed the window.
+    virtual void closeRequested() {}
+};
+
+// What an open window lends the screen drawn in it: pictures uploaded as textures
+// of its graphics context, and a way to ask it for a frame.
+struct WindowResources {
+    std::function<TextureHandle(int width, int height, const uint8_t* rgba)> upload;
+    std::function<void(TextureHandle)> release;
+    std::function<void()> setNeedsDisplay;
+};
+
+// What the layer above gives a presenter that draws: the screen for a pair of
+// controllers, and a holder for what the window lends while it is open.
+class ScreenViews {
+  public:
+    virtual ~ScreenViews() = default;
+    // `invalidate` is called whenever what the screen shows changed.
+    virtual std::shared_ptr<HostingController> makeScreen(
+        const std::shared_ptr<PlayerController>& player,
+        const std::shared_ptr<PlaylistController>& playlist, std::function<void()> invalidate) = 0;
+    // The window opened; its graphics context is current.
+    virtual void windowOpened(WindowResources resources) = 0;
+    // The window is about to close, its context current: give back every texture.
+    virtual void windowClosing() = 0;
 };
 
 // Puts the player screen over the host's interface and takes it down again. Both

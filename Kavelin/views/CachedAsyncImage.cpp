@@ -4,13 +4,15 @@
 #include <numbers>
 
 #include "Kavelin/Extentions/Color+Ext.h"
-#include "Kavelin/Platform/Platform.h"
+#include "Kavelin/Platform/MainQueue.h"
 #include "Kavelin/views/ImageCache.h"
 
 namespace kavelin {
 
-CachedAsyncImage::CachedAsyncImage(std::string urlString)
-    : urlString_(std::move(urlString)), state_(std::make_shared<State>()) {}
+CachedAsyncImage::CachedAsyncImage(std::string urlString, std::shared_ptr<MainQueue> queue)
+    : urlString_(std::move(urlString)),
+      queue_(std::move(queue)),
+      state_(std::make_shared<State>()) {}
 
 void CachedAsyncImage::loadImage() {
     if (!ImageLoader::isValidURL(urlString_)) {
@@ -23,10 +25,9 @@ void CachedAsyncImage::loadImage() {
     }
     if (state_->isLoading) return;
     state_->isLoading = true;
-    std::shared_ptr<MainQueue> queue = Platform::current().queue;
     std::weak_ptr<State> weak = state_;
     std::string key = urlString_;
-    ImageLoader::fetch(key, [queue, weak, key](std::shared_ptr<const Image> image) {
+    ImageLoader::fetch(key, [queue = queue_, weak, key](std::shared_ptr<const Image> image) {
         if (image) ImageCache::shared().set(image, key);
         queue->async([weak, image] {
             auto state = weak.lock();

@@ -14,7 +14,8 @@ class MainQueue;
 // goes into ImageCache so later views with the same address show it at once.
 class CachedAsyncImage {
   public:
-    explicit CachedAsyncImage(std::string urlString);
+    // A fetched picture is handed over on `queue`, the one the views run on.
+    CachedAsyncImage(std::string urlString, std::shared_ptr<MainQueue> queue);
     CachedAsyncImage(CachedAsyncImage&&) = default;
     CachedAsyncImage& operator=(CachedAsyncImage&&) = default;
 
@@ -37,6 +38,7 @@ class CachedAsyncImage {
         bool hasError = false;
     };
     std::string urlString_;
+    std::shared_ptr<MainQueue> queue_;
     std::shared_ptr<State> state_;
     bool appeared_ = false;
 };

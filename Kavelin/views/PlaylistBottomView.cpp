@@ -21,8 +21,10 @@ PlaylistBottomView::PlaylistBottomView(std::shared_ptr<PlaylistController> contr
                                        std::function<void(const Video&)> onVideoSelected,
                                        std::function<void(const Playlist&)> onPlaylistSelected,
                                        std::function<void()> onUserInteraction, bool isPad,
-                                       std::shared_ptr<OrientationObserver> orientationObserver)
+                                       std::shared_ptr<OrientationObserver> orientationObserver,
+                                       std::shared_ptr<MainQueue> queue)
     : controller_(std::move(controller)),
+      queue_(std::move(queue)),
       onVideoSelected_(std::move(onVideoSelected)),
       onPlaylistSelected_(std::move(onPlaylistSelected)),
       onUserInteraction_(std::move(onUserInteraction)),
@@ -41,7 +43,7 @@ void PlaylistBottomView::syncWithController() {
         videos_.clear();
         playlistId_ = current.id;
         for (const auto& video : current.videos)
-            videos_.emplace_back(video, controller_, size, onVideoSelected_, isPad_);
+            videos_.emplace_back(video, controller_, queue_, size, onVideoSelected_, isPad_);
     }
     for (auto& card : videos_) card.setSize(size);
 
@@ -51,7 +53,8 @@ void PlaylistBottomView::syncWithController() {
         nextPlaylist_.reset();
     } else if (!nextPlaylist_ || nextPlaylist_->id != next->id) {
         nextPlaylist_ = next;
-        nextCard_.emplace(next->name.value_or(""), next->thumbnail.value_or(""), size, isPad_);
+        nextCard_.emplace(next->name.value_or(""), next->thumbnail.value_or(""), queue_, size,
+                          isPad_);
     }
     if (nextCard_) nextCard_->setSize(size);
 }

@@ -48,7 +48,8 @@ class PlaylistBottomView {
                        std::function<void(const Video&)> onVideoSelected,
                        std::function<void(const Playlist&)> onPlaylistSelected,
                        std::function<void()> onUserInteraction, bool isPad,
-                       std::shared_ptr<OrientationObserver> orientationObserver);
+                       std::shared_ptr<OrientationObserver> orientationObserver,
+                       std::shared_ptr<MainQueue> queue);
 
     // Handles the pointer, then draws the rail inside `r`.
     void draw(Frame& frame, const Rect& r);
@@ -65,6 +66,7 @@ class PlaylistBottomView {
     void scrollTo(float offset, double now, double duration, float viewWidth);
 
     std::shared_ptr<PlaylistController> controller_;
+    std::shared_ptr<MainQueue> queue_;  // where thumbnails arrive
     std::function<void(const Video&)> onVideoSelected_;
     std::function<void(const Playlist&)> onPlaylistSelected_;
     std::function<void()> onUserInteraction_;

@@ -18,14 +18,14 @@ bool PlaylistVideoView::deviceIsPadIdiom() {
 }
 
 PlaylistVideoView::PlaylistVideoView(Video video, std::shared_ptr<PlaylistController> controller,
-                                     ImVec2 size, std::function<void(const Video&)> onSelected,
-                                     bool isPad)
+                                     std::shared_ptr<MainQueue> queue, ImVec2 size,
+                                     std::function<void(const Video&)> onSelected, bool isPad)
     : video_(std::move(video)),
       controller_(std::move(controller)),
       size_(size),
       onSelected_(std::move(onSelected)),
       isPad_(isPad),
-      image_(video_.thumbnail) {}
+      image_(video_.thumbnail, std::move(queue)) {}
 
 std::optional<std::string> PlaylistVideoView::overlayText(VideoState state, int remainingTime) {
     switch (state) {
@@ -134,8 +134,12 @@ PlaylistCardView::Geometry PlaylistCardView::geometry(const Rect& f, float title
     return g;
 }
 
-PlaylistCardView::PlaylistCardView(std::string title, std::string imageURL, ImVec2 size, bool isPad)
-    : title_(std::move(title)), size_(size), isPad_(isPad), image_(std::move(imageURL)) {}
+PlaylistCardView::PlaylistCardView(std::string title, std::string imageURL,
+                                   std::shared_ptr<MainQueue> queue, ImVec2 size, bool isPad)
+    : title_(std::move(title)),
+      size_(size),
+      isPad_(isPad),
+      image_(std::move(imageURL), std::move(queue)) {}
 
 bool PlaylistCardView::draw(Frame& frame, ImVec2 origin) {
     Font font = Font::poppinsSemiBold(UI::titleFontSize(isPad_));

@@ -32,7 +32,8 @@ class PlaylistVideoView {
         static float adIconOffset(bool isPad) { return isPad ? -25 : -20; }
     };
 
-    PlaylistVideoView(Video video, std::shared_ptr<PlaylistController> controller, ImVec2 size,
+    PlaylistVideoView(Video video, std::shared_ptr<PlaylistController> controller,
+                      std::shared_ptr<MainQueue> queue, ImVec2 size,
                       std::function<void(const Video&)> onSelected,
                       bool isPad = deviceIsPadIdiom());
 
@@ -95,7 +96,8 @@ class PlaylistCardView {
     };
     static Geometry geometry(const Rect& frame, float titleBandHeight);
 
-    PlaylistCardView(std::string title, std::string imageURL, ImVec2 size, bool isPad);
+    PlaylistCardView(std::string title, std::string imageURL, std::shared_ptr<MainQueue> queue,
+                     ImVec2 size, bool isPad);
 
     // Draws the card padded below `origin` (top-left of its stack); true when tapped.
     bool draw(Frame& frame, ImVec2 origin);

@@ -175,10 +175,12 @@ VideoPlayerView::Layout VideoPlayerView::layout(const State& s, const Rect& scre
 
 VideoPlayerView::VideoPlayerView(std::shared_ptr<PlayerController> playerController,
                                  std::shared_ptr<OrientationObserver> orientationObserver,
-                                 std::shared_ptr<PlaylistController> controller)
+                                 std::shared_ptr<PlaylistController> controller,
+                                 std::shared_ptr<MainQueue> queue)
     : playerController_(std::move(playerController)),
       orientationObserver_(std::move(orientationObserver)),
       controller_(std::move(controller)),
+      queue_(std::move(queue)),
       isPad_(deviceIsPad()) {}
 
 VideoPlayerView::State VideoPlayerView::state() const {
@@ -386,7 +388,7 @@ void VideoPlayerView::draw(Frame& frame, const Rect& screen) {
             [self] {
                 self->later([self] { self->playerController_->scheduleHalfScreenAutoReturn(); });
             },
-            isPad_, orientationObserver_);
+            isPad_, orientationObserver_, queue_);
     }
     float shown = railShown_.value(now);
     if (!s.showPlaylist && shown <= 0) rail_.reset();

@@ -125,7 +125,8 @@ class VideoPlayerView {
 
     VideoPlayerView(std::shared_ptr<PlayerController> playerController,
                     std::shared_ptr<OrientationObserver> orientationObserver,
-                    std::shared_ptr<PlaylistController> controller);
+                    std::shared_ptr<PlaylistController> controller,
+                    std::shared_ptr<MainQueue> queue);
 
     // One frame: input front to back, then drawing back to front, then the user
     // actions the frame collected.
@@ -135,7 +136,7 @@ class VideoPlayerView {
     void tapOnVideo();
     void onEditingChanged(bool editing);
     void applicationDidBecomeActive();
-    enum class Key { space, left, right, escape };
+    using Key = HostingController::Key;
     void handleKey(Key key);
 
     const Layout& lastLayout() const { return layout_; }
@@ -152,6 +153,7 @@ class VideoPlayerView {
     std::shared_ptr<PlayerController> playerController_;
     std::shared_ptr<OrientationObserver> orientationObserver_;
     std::shared_ptr<PlaylistController> controller_;
+    std::shared_ptr<MainQueue> queue_;  // the views' own, where thumbnails arrive
     bool isPad_;
     bool appeared_ = false;
 

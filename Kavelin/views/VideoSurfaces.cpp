@@ -10,21 +10,6 @@
 namespace kavelin {
 
 namespace {
-// Never destroyed: tearing mpv down from a static destructor at exit is not safe.
-std::shared_ptr<VideoRenderer>& installedRenderer() {
-    static auto* renderer = new std::shared_ptr<VideoRenderer>();
-    return *renderer;
-}
-}  // namespace
-
-void VideoRenderer::install(std::shared_ptr<VideoRenderer> renderer) {
-    installedRenderer() = std::move(renderer);
-}
-VideoRenderer* VideoRenderer::current() {
-    return installedRenderer().get();
-}
-
-namespace {
 int pixels(float points) {
     float scale = ImGui::GetIO().DisplayFramebufferScale.x;
     return static_cast<int>(std::lround(points * (scale > 0 ? scale : 1)));
@@ -48,8 +33,8 @@ void AspectFitVideoPlayer::draw(Frame& frame, const Rect& bounds) const {
     Rect r =
         aspectFitRect(static_cast<float>(video->width), static_cast<float>(video->height), bounds);
     frame.pushClip(bounds);
-    frame.list()->AddImage(video->texture, r.min(), r.max(), {0, 0}, {1, 1},
-                           frame.color(IM_COL32_WHITE));
+    frame.list()->AddImage(reinterpret_cast<ImTextureID>(video->texture), r.min(), r.max(), {0, 0},
+                           {1, 1}, frame.color(IM_COL32_WHITE));
     frame.popClip();
 }
 

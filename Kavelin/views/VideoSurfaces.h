@@ -1,33 +1,11 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 
-#include "Kavelin/Platform/MediaPlayer.h"
+#include "Kavelin/Platform/VideoRenderer.h"
 #include "Kavelin/views/Frame.h"
 
 namespace kavelin {
-
-// The latest picture of a player as a texture.
-struct VideoTexture {
-    ImTextureID texture = nullptr;
-    int width = 0;
-    int height = 0;
-};
-
-// Turns a media player's output into textures (the window installs the libmpv
-// renderer). Main queue only.
-class VideoRenderer {
-  public:
-    virtual ~VideoRenderer() = default;
-    // The player's present picture drawn for a frame of `pixelWidth` x
-    // `pixelHeight` (letter-boxed, or cropped to fill it), or nothing while it has none.
-    virtual std::optional<VideoTexture> frameFor(const std::shared_ptr<MediaPlayer>& player,
-                                                 int pixelWidth, int pixelHeight, bool fill) = 0;
-
-    static void install(std::shared_ptr<VideoRenderer> renderer);
-    static VideoRenderer* current();
-};
 
 // Where a `videoW` x `videoH` picture goes inside `bounds`, whole and undistorted
 // (the rest is black bars).

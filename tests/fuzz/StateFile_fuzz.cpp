@@ -9,7 +9,7 @@
 #include <string>
 
 #include "Kavelin/Platform/UserDefaults.h"
-#include "Kavelin/Platform/VirtualMainQueue.h"
+#include "support/VirtualMainQueue.h"
 #include "Kavelin/log/VPLogger.h"
 
 // The watched-state file as the library reads it at start: whatever a torn write

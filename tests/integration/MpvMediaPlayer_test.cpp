@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/MpvMediaPlayer.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 
 #include <gtest/gtest.h>
 #include <mpv/client.h>
@@ -11,8 +11,8 @@
 #include <mutex>
 #include <thread>
 
-#include "Kavelin/Platform/MpvMediaPlayerFactory.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayerFactory.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/log/VPLogger.h"
 #include "support/LocalHttpServer.h"
 #include "support/ScopedEnv.h"

@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/WindowPresenter.h"
+#include "Kavelin/Platform/Linux/WindowPresenter.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/views/VideoPlayerView.h"

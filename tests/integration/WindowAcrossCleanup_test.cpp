@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
-#include "Kavelin/Platform/WindowPresenter.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/WindowPresenter.h"
 #include "support/MainQueueWait.h"
 #include "support/ScratchDir.h"
 #include "support/XvfbDisplay.h"

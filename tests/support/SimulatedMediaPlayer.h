@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Kavelin/Platform/MediaPlayer.h"
-#include "Kavelin/Platform/VirtualMainQueue.h"
+#include "support/VirtualMainQueue.h"
 
 namespace kavelin::testing {
 

@@ -8,10 +8,10 @@
 #include <string_view>
 #include <vector>
 
-#include "Kavelin/Platform/HeadlessPresenter.h"
+#include "Kavelin/Platform/Linux/HeadlessPresenter.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/UserDefaults.h"
-#include "Kavelin/Platform/VirtualMainQueue.h"
+#include "support/VirtualMainQueue.h"
 #include "ScratchDir.h"
 #include "SimulatedMediaPlayer.h"
 

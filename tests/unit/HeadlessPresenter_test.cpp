@@ -1,9 +1,9 @@
 // The display-less presenter completes like an animated window would.
-#include "Kavelin/Platform/HeadlessPresenter.h"
+#include "Kavelin/Platform/Linux/HeadlessPresenter.h"
 
 #include <gtest/gtest.h>
 
-#include "Kavelin/Platform/VirtualMainQueue.h"
+#include "support/VirtualMainQueue.h"
 
 namespace kavelin {
 namespace {

@@ -12,8 +12,7 @@
 #include <future>
 #include <thread>
 
-#include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/views/CachedAsyncImage.h"
 #include "support/HeadlessImGui.h"
 #include "support/LocalHttpServer.h"
@@ -40,10 +39,8 @@ std::string pngBytes(int w, int h) {
 class ImageCacheTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        // Fetches finish on worker threads and hop onto a real main queue.
-        Platform p;
-        p.queue = queue;
-        Platform::install(p);
+        // Fetches finish on worker threads and hop onto the views' real queue; no
+        // platform is installed, so nothing can reach for one.
         ImageCache::shared().removeAll();
         ImageLoader::setTimeoutForTesting(ImageLoader::timeoutSeconds);
         server.setResponse("/thumb.png", {200, pngBytes(8, 6), "image/png"});
@@ -59,7 +56,7 @@ class ImageCacheTest : public ::testing::Test {
     CachedAsyncImage& show(const std::string& url) {
         CachedAsyncImage* view = nullptr;
         queue->sync([&] {
-            views.push_back(std::make_unique<CachedAsyncImage>(url));
+            views.push_back(std::make_unique<CachedAsyncImage>(url, queue));
             view = views.back().get();
             drawOnce(*view);
         });
@@ -103,7 +100,7 @@ TEST_F(ImageCacheTest, FetchedPictureIsCachedAndServedFromMemoryAfterwards) {
     bool loadingRightAway = true;
     std::shared_ptr<const Image> second;
     queue->sync([&] {
-        views.push_back(std::make_unique<CachedAsyncImage>(url));
+        views.push_back(std::make_unique<CachedAsyncImage>(url, queue));
         views.back()->loadImage();
         loadingRightAway = views.back()->isLoading();
         second = views.back()->image();
@@ -151,7 +148,7 @@ TEST_F(ImageCacheTest, MalformedAddressesFailAtOnceWithoutARequest) {
         SCOPED_TRACE(url);
         bool error = false, loading = true;
         queue->sync([&] {
-            CachedAsyncImage view(url);
+            CachedAsyncImage view(url, queue);
             view.loadImage();
             error = view.hasError();
             loading = view.isLoading();
@@ -176,8 +173,8 @@ TEST_F(ImageCacheTest, TwoViewsAppearingTogetherShareOneFetch) {
     CachedAsyncImage *a = nullptr, *b = nullptr;
     bool bothLoading = false;
     queue->sync([&] {
-        views.push_back(std::make_unique<CachedAsyncImage>(url));
-        views.push_back(std::make_unique<CachedAsyncImage>(url));
+        views.push_back(std::make_unique<CachedAsyncImage>(url, queue));
+        views.push_back(std::make_unique<CachedAsyncImage>(url, queue));
         a = views[0].get();
         b = views[1].get();
         a->loadImage();
@@ -228,7 +225,7 @@ TEST_P(ThumbnailFaults, FourCardsShareOneBoundedFetch) {
     const std::string url = t.address.empty() ? server.url("/t") : t.address;
     queue->sync([&] {
         for (int i = 0; i < 4; ++i) {
-            views.push_back(std::make_unique<CachedAsyncImage>(url));
+            views.push_back(std::make_unique<CachedAsyncImage>(url, queue));
             views.back()->loadImage();
         }
     });

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 
 namespace kavelin {

@@ -10,11 +10,11 @@
 #include <thread>
 #include <vector>
 
-#include "Kavelin/Platform/HeadlessPresenter.h"
+#include "Kavelin/Platform/Linux/HeadlessPresenter.h"
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/Platform/UserDefaults.h"
-#include "Kavelin/Platform/VirtualMainQueue.h"
+#include "support/VirtualMainQueue.h"
 #include "support/VirtualPlatform.h"
 
 namespace kavelin {

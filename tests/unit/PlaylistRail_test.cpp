@@ -4,6 +4,7 @@
 #include "Kavelin/views/VideoPlayerView.h"
 #include "support/HeadlessImGui.h"
 #include "support/PlayerControllerFixture.h"
+#include "support/VirtualMainQueue.h"
 
 namespace kavelin::testing {
 namespace {
@@ -23,7 +24,7 @@ class RailTest : public PlayerControllerTest {
         rail.emplace(
             playlist, [this](const Video& v) { selected.push_back(v.id); },
             [this](const Playlist& p) { selectedPlaylists.push_back(p.id); },
-            [this] { ++interactions; }, false, orientation);
+            [this] { ++interactions; }, false, orientation, vp.queue);
     }
     void TearDown() override {
         rail.reset();
@@ -137,7 +138,7 @@ TEST(PlaylistCardGeometry, ThreeStackedCardsAndABottomRoundedBand) {
 // 16 points lower in the rail than the video cards beside it.
 TEST(PlaylistCardGeometry, NextPlaylistCardTakesTapsOnePaddingBelowItsOrigin) {
     HeadlessImGui h({400, 400});
-    PlaylistCardView card("Name pl-2", "", {180, 130}, false);
+    PlaylistCardView card("Name pl-2", "", std::make_shared<VirtualMainQueue>(), {180, 130}, false);
     auto tap = [&](float y, bool down) {
         bool tapped = false;
         h.frame(

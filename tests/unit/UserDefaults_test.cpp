@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/log/VPLogger.h"
 #include "support/ScopedEnv.h"
 #include "support/VirtualPlatform.h"

@@ -24,7 +24,7 @@ class ScreenTest : public PlayerControllerTest {
         resize(390, 844);
         startPlaylist("pl-1");
         vp.advance(0.5);  // presentation finished, the rail peeked in
-        view = std::make_unique<VideoPlayerView>(pc, orientation, playlist);
+        view = std::make_unique<VideoPlayerView>(pc, orientation, playlist, vp.queue);
     }
     void TearDown() override {
         view.reset();

@@ -1,5 +1,5 @@
 // The player's item state machine: loading, pausing, seeking and observers.
-#include "Kavelin/Platform/MpvPlayerCore.h"
+#include "Kavelin/Platform/Linux/MpvPlayerCore.h"
 
 #include <algorithm>
 #include <utility>

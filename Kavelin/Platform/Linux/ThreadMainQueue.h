@@ -34,12 +34,12 @@ class ThreadMainQueue final : public MainQueue {
     // returns once it is joined. Timers not yet due stay pending for the next thread.
     // Called on the queue itself it cannot wait for its own thread: the thread ends
     // as soon as the current task returns, and the next start (or shutdown) joins it.
-    void park(std::function<void()> last = {});
+    void park(std::function<void()> last = {}) override;
     // True while a thread serves the queue (it may be about to park).
     bool hasThread() const;
 
     // Runs what is ready, then stops the thread for good; later posts are dropped.
-    void shutdown();
+    void shutdown() override;
 
     // While set, the loop wakes at least this often and calls the hook on the
     // queue thread (the window uses it to pump input events).

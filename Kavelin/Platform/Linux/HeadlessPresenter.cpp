@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/HeadlessPresenter.h"
+#include "Kavelin/Platform/Linux/HeadlessPresenter.h"
 
 namespace kavelin {
 

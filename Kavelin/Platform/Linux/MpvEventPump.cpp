@@ -1,6 +1,6 @@
 // mpv's events, drained on the main queue when mpv wakes it, turned into the
 // player's state and its observers' callbacks.
-#include "Kavelin/Platform/MpvPlayerCore.h"
+#include "Kavelin/Platform/Linux/MpvPlayerCore.h"
 #include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {

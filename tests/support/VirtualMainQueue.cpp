@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/VirtualMainQueue.h"
+#include "support/VirtualMainQueue.h"
 
 #include <cmath>
 

@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 
 #include <future>
 #include <utility>

@@ -1,11 +1,14 @@
-#include "Kavelin/Platform/Environment.h"
-#include "Kavelin/Platform/HeadlessPresenter.h"
-#include "Kavelin/Platform/MpvMediaPlayerFactory.h"
+#include "Kavelin/Platform/Linux/Environment.h"
+#include "Kavelin/Platform/Linux/HeadlessPresenter.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayerFactory.h"
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
+#include "Kavelin/Platform/Linux/WindowPresenter.h"
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
-#include "Kavelin/Platform/WindowPresenter.h"
+#include "Kavelin/views/PlayerScreen.h"
 
 namespace kavelin {
+
+// The one place that knows both the Linux implementations and the screen they draw.
 
 Platform makeRealPlatform() {
     Platform p;
@@ -13,7 +16,7 @@ Platform makeRealPlatform() {
     p.queue = queue;
     auto players = std::make_shared<MpvMediaPlayerFactory>(p.queue);
     if (displayAvailable()) {
-        auto window = std::make_shared<WindowPresenter>(queue);
+        auto window = std::make_shared<WindowPresenter>(queue, makePlayerScreenViews(queue));
         p.presenter = window;
         p.players = window->wrapFactory(players);
     } else {

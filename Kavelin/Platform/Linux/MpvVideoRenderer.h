@@ -7,10 +7,11 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "Kavelin/Platform/MainQueue.h"
 #include "Kavelin/Platform/MediaPlayer.h"
-#include "Kavelin/views/VideoSurfaces.h"
+#include "Kavelin/Platform/VideoRenderer.h"
 
 struct SDL_Window;
 struct mpv_render_context;

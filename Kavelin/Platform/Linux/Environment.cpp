@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/Environment.h"
+#include "Kavelin/Platform/Linux/Environment.h"
 
 #include <cstdlib>
 #include <cstring>

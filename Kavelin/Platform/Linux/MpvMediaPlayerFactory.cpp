@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/MpvMediaPlayerFactory.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayerFactory.h"
 
 namespace kavelin {
 

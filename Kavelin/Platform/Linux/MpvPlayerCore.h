@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "Kavelin/Extentions/NumberFormatting.h"
-#include "Kavelin/Platform/MpvMediaPlayer.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 
 namespace kavelin::mpv_detail {
 

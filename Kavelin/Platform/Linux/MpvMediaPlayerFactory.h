@@ -5,7 +5,7 @@
 
 #include "Kavelin/Platform/MainQueue.h"
 #include "Kavelin/Platform/MediaPlayer.h"
-#include "Kavelin/Platform/MpvMediaPlayer.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 
 namespace kavelin {
 

@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/MpvMediaPlayer.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 
 #include <mpv/client.h>
 
@@ -18,9 +18,9 @@
 #include <vector>
 
 #include "Kavelin/Extentions/NumberFormatting.h"
-#include "Kavelin/Platform/Environment.h"
 #include "Kavelin/Platform/Immortal.h"
-#include "Kavelin/Platform/MpvPlayerCore.h"
+#include "Kavelin/Platform/Linux/Environment.h"
+#include "Kavelin/Platform/Linux/MpvPlayerCore.h"
 #include "Kavelin/log/VPLogger.h"
 
 namespace kavelin {

@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/MpvVideoRenderer.h"
+#include "Kavelin/Platform/Linux/MpvVideoRenderer.h"
 
 #define GL_GLEXT_PROTOTYPES 1
 #include <GL/gl.h>
@@ -9,7 +9,7 @@
 
 #include <future>
 
-#include "Kavelin/Platform/MpvMediaPlayer.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 
 namespace kavelin {
 
@@ -264,8 +264,7 @@ std::optional<VideoTexture> MpvVideoRenderer::frameFor(const std::shared_ptr<Med
         if (e.latest >= 0) {
             const Slot& s = e.slots[e.latest];
             e.inUse = e.latest;
-            out = VideoTexture{reinterpret_cast<ImTextureID>(static_cast<intptr_t>(s.texture)),
-                               s.width, s.height};
+            out = VideoTexture{static_cast<TextureHandle>(s.texture), s.width, s.height};
         }
     }
     if (wake) wake_.notify_all();

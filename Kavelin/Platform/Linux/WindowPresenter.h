@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
+#include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/Platform/MediaPlayer.h"
 #include "Kavelin/Platform/ScreenPresenter.h"
-#include "Kavelin/Platform/ThreadMainQueue.h"
 
 struct SDL_Window;
 union SDL_Event;
@@ -17,7 +17,6 @@ union SDL_Event;
 namespace kavelin {
 
 class MpvVideoRenderer;
-class ScreenHostingController;
 
 // The player screen in a borderless full-screen SDL2 window with an OpenGL 3
 // context: libmpv draws the video, Dear ImGui the overlay. Everything (window
@@ -31,7 +30,8 @@ class WindowPresenter final : public ScreenPresenter,
     // How often input is looked for while nothing changes on screen.
     static constexpr double idlePollInterval = 0.1;
 
-    explicit WindowPresenter(std::shared_ptr<ThreadMainQueue> queue);
+    // `views` builds the screens this window draws.
+    WindowPresenter(std::shared_ptr<ThreadMainQueue> queue, std::shared_ptr<ScreenViews> views);
     ~WindowPresenter() override;
 
     std::shared_ptr<HostingController> makeHostingController(
@@ -88,6 +88,7 @@ class WindowPresenter final : public ScreenPresenter,
     struct Inbox;
     struct Swapper;
     std::shared_ptr<ThreadMainQueue> queue_;
+    std::shared_ptr<ScreenViews> views_;
     SDL_Window* window_ = nullptr;
     std::unique_ptr<Inbox> inbox_;
     std::mutex openerMutex_;  // the opening thread, also joined at exit
@@ -105,7 +106,7 @@ class WindowPresenter final : public ScreenPresenter,
     std::shared_ptr<MpvVideoRenderer> renderer_;
     uint64_t presentations_ = 0;
 
-    std::shared_ptr<ScreenHostingController> screen_;
+    std::shared_ptr<HostingController> screen_;
     bool shown_ = false;
     // Fade from `fadeFrom` to `fadeTo` starting at `fadeStart`.
     float fadeFrom_ = 0, fadeTo_ = 0;

@@ -1,0 +1,283 @@
+#include "Kavelin/Platform/Linux/WindowPresenter.h"
+
+#define GL_GLEXT_PROTOTYPES 1
+#include <GL/gl.h>
+#include <SDL.h>
+#include <backends/imgui_impl_opengl3.h>
+#include <backends/imgui_impl_sdl.h>
+#include <imgui.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <utility>
+#include <vector>
+
+#include "Kavelin/Extentions/Color+Ext.h"
+#include "Kavelin/Extentions/ViewUtilities.h"
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
+#include "Kavelin/Platform/Linux/MpvVideoRenderer.h"
+#include "Kavelin/Platform/Linux/WindowPresenterParts.h"
+#include "Kavelin/Platform/Platform.h"
+
+// Presenting: the fade in and out, and drawing frames when something changed.
+
+namespace kavelin {
+
+namespace {
+
+class RenderingPlayerFactory final : public MediaPlayerFactory {
+  public:
+    RenderingPlayerFactory(std::shared_ptr<MediaPlayerFactory> inner,
+                           std::function<void(const std::shared_ptr<MediaPlayer>&)> attach)
+        : inner_(std::move(inner)), attach_(std::move(attach)) {}
+    std::shared_ptr<MediaPlayer> makePlayer() override {
+        auto player = inner_->makePlayer();
+        if (player) attach_(player);
+        return player;
+    }
+    void finishBackgroundWork() override { inner_->finishBackgroundWork(); }
+
+  private:
+    std::shared_ptr<MediaPlayerFactory> inner_;
+    std::function<void(const std::shared_ptr<MediaPlayer>&)> attach_;
+};
+
+}  // namespace
+
+WindowPresenter::WindowPresenter(std::shared_ptr<ThreadMainQueue> queue,
+                                 std::shared_ptr<ScreenViews> views)
+    : queue_(std::move(queue)), views_(std::move(views)) {}
+
+WindowPresenter::~WindowPresenter() {
+    waitForOpening();
+    if (!window_) return;
+    if (queue_->isCurrent())
+        destroyWindow();
+    else
+        queue_->sync([this] { destroyWindow(); });
+}
+
+void WindowPresenter::acquireGl() {
+    if (swapper_) swapper_->waitIdle();
+    if (glCurrent_ || !window_) return;
+    SDL_GL_MakeCurrent(window_, glContext_);
+    glCurrent_ = true;
+}
+
+void WindowPresenter::swapFinished() {
+    if (!frameAfterSwap_) return;
+    frameAfterSwap_ = false;
+    if (window_ && dirty_ && shown_) scheduleFrame();
+}
+
+std::shared_ptr<MediaPlayerFactory> WindowPresenter::wrapFactory(
+    std::shared_ptr<MediaPlayerFactory> inner) {
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    return std::make_shared<RenderingPlayerFactory>(
+        std::move(inner), [weak](const std::shared_ptr<MediaPlayer>& player) {
+            auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get());
+            if (auto self = weak.lock()) self->ensureWindow();
+            if (!mpv) return;
+            // The render context needs mpv itself, which starts in the background;
+            // it is attached before the first item opens.
+            mpv->whenStarted([weak, weakPlayer = std::weak_ptr<MediaPlayer>(player), mpv] {
+                auto self = weak.lock();
+                auto player = weakPlayer.lock();
+                if (!player) return;
+                if (self && self->window_ && self->renderer_ && self->renderer_->attach(player))
+                    return;
+                // No picture can be shown yet (or ever): let mpv decode without a
+                // video output; a window that finishes opening attaches it then.
+                mpv->setVideoOutput("null");
+                if (self && !self->window_ && !self->windowFailed_)
+                    self->pendingPlayers_.push_back(player);
+            });
+        });
+}
+
+std::shared_ptr<HostingController> WindowPresenter::makeHostingController(
+    const std::shared_ptr<PlayerController>& player,
+    const std::shared_ptr<PlaylistController>& playlist) {
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    return views_->makeScreen(player, playlist, [weak] {
+        if (auto self = weak.lock()) self->setNeedsDisplay();
+    });
+}
+
+bool WindowPresenter::hasTopMostViewController() const {
+    // Without a window (still opening, or the display went away) presenting still
+    // completes after the fade, so the host hears the same events as with one.
+    const_cast<WindowPresenter*>(this)->ensureWindow();
+    return true;
+}
+
+float WindowPresenter::fadeValue(double now) const {
+    double t = (now - fadeStart_) / kPresentationFadeSeconds;
+    if (t >= 1) return fadeTo_;
+    if (t <= 0) return fadeFrom_;
+    return fadeFrom_ + (fadeTo_ - fadeFrom_) * easeInOut(static_cast<float>(t));
+}
+
+void WindowPresenter::present(const std::shared_ptr<HostingController>& screen, bool animated,
+                              std::function<void()> completion) {
+    ++presentations_;
+    screen_ = screen;
+    double duration = animated ? kPresentationFadeSeconds : 0;
+    if (ensureWindow())
+        showWindow(animated);
+    else
+        pendingShow_ = !windowFailed_;
+    queue_->asyncAfter(duration, [completion = std::move(completion)] {
+        if (completion) completion();
+    });
+}
+
+void WindowPresenter::showWindow(bool animated) {
+    int w = 0, h = 0;
+    SDL_GetWindowSize(window_, &w, &h);
+    if (screen_) screen_->sizeChanged(w, h);
+    SDL_ShowWindow(window_);
+    SDL_RaiseWindow(window_);
+    shown_ = true;
+    fadeFrom_ = fadeValue(queue_->now());
+    fadeTo_ = 1;
+    fadeStart_ = queue_->now() - (animated ? 0 : kPresentationFadeSeconds);
+    setNeedsDisplay();
+    updatePolling();
+}
+
+void WindowPresenter::dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
+                              std::function<void()> completion) {
+    double duration = animated ? kPresentationFadeSeconds : 0;
+    if (window_ && shown_) {
+        fadeFrom_ = fadeValue(queue_->now());
+        fadeTo_ = 0;
+        fadeStart_ = queue_->now() - (animated ? 0 : kPresentationFadeSeconds);
+        setNeedsDisplay();
+    }
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    const uint64_t presentation = presentations_;
+    queue_->asyncAfter(duration, [weak, screen, presentation, completion = std::move(completion)] {
+        if (auto self = weak.lock()) {
+            // A presentation that came in meanwhile keeps the window up.
+            if (self->presentations_ == presentation) {
+                self->pendingShow_ = false;
+                if (self->window_) SDL_HideWindow(self->window_);
+                self->shown_ = false;
+                if (self->screen_ == screen) self->screen_.reset();
+                if (self->renderer_) self->renderer_->collect();
+                self->updatePolling();
+            }
+        }
+        if (completion) completion();
+    });
+}
+
+void WindowPresenter::setNeedsDisplay() {
+    dirty_ = true;
+    if (window_ && shown_) scheduleFrame();
+}
+
+void WindowPresenter::scheduleFrame() {
+    if (frameScheduled_) return;
+    frameScheduled_ = true;
+    double wait = lastFrame_ < 0 ? 0 : lastFrame_ + activeFrameInterval - queue_->now();
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    queue_->asyncAfter(std::max(0.0, wait), [weak] {
+        auto self = weak.lock();
+        if (!self) return;
+        self->frameScheduled_ = false;
+        if (self->dirty_ && self->shown_) self->renderFrame();
+    });
+}
+
+void WindowPresenter::renderNow() {
+    if (!window_) return;
+    renderFrame();
+}
+
+WindowPresenter::Capture WindowPresenter::capture() {
+    Capture out;
+    if (window_) renderFrame(&out);
+    return out;
+}
+
+void WindowPresenter::renderFrame(Capture* capture) {
+    if (!capture && swapper_ && swapper_->isBusy()) {
+        frameAfterSwap_ = true;  // drawn when the frame before it is out
+        return;
+    }
+    dirty_ = false;
+    ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
+    acquireGl();
+    if (renderer_) renderer_->collect();
+
+    ImGui_ImplOpenGL3_NewFrame();
+    ImGui_ImplSDL2_NewFrame();
+    ImGui::NewFrame();
+    const double now = queue_->now();
+    ImGuiIO& io = ImGui::GetIO();
+    bool animating = false;
+    if (screen_) {
+        auto screen = screen_;  // an action of this frame may dismiss it
+        animating = screen->drawFrame(now, io.DisplaySize.x, io.DisplaySize.y);
+    }
+    float fade = fadeValue(now);
+    if (fade < 1)
+        RoundedCorner{}.fill(ImGui::GetBackgroundDrawList(),
+                             Rect{0, 0, io.DisplaySize.x, io.DisplaySize.y},
+                             Color::black(1 - fade));
+    ImGui::Render();
+
+    int fbw = 0, fbh = 0;
+    SDL_GL_GetDrawableSize(window_, &fbw, &fbh);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    glViewport(0, 0, fbw, fbh);
+    glClearColor(0, 0, 0, 1);
+    glClear(GL_COLOR_BUFFER_BIT);
+    ImGui_ImplOpenGL3_RenderDrawData(ImGui::GetDrawData());
+    if (capture) {
+        capture->width = fbw;
+        capture->height = fbh;
+        std::vector<uint8_t> flipped(static_cast<size_t>(fbw) * fbh * 4);
+        glPixelStorei(GL_PACK_ALIGNMENT, 1);
+        glReadPixels(0, 0, fbw, fbh, GL_RGBA, GL_UNSIGNED_BYTE, flipped.data());
+        capture->rgba.resize(flipped.size());
+        const size_t row = static_cast<size_t>(fbw) * 4;
+        for (int y = 0; y < fbh; ++y)
+            std::memcpy(capture->rgba.data() + row * y, flipped.data() + row * (fbh - 1 - y), row);
+    }
+    if (!exitHookRearmed_ || capture || !swapper_) {
+        // The first frame initialises more of the GL stack, whose exit handlers ours
+        // must follow: it is presented here.
+        SDL_GL_SwapWindow(window_);
+        if (renderer_) renderer_->endFrame();
+    } else {
+        SDL_GL_MakeCurrent(window_, nullptr);
+        glCurrent_ = false;
+        std::weak_ptr<WindowPresenter> weak = weak_from_this();
+        swapper_->present([renderer = renderer_, queue = queue_, weak] {
+            if (renderer) renderer->endFrame();
+            queue->async([weak] {
+                if (auto self = weak.lock()) self->swapFinished();
+            });
+        });
+    }
+    if (!exitHookRearmed_) {
+        exitHookRearmed_ = true;
+        Platform::rearmExitHook();
+    }
+    ++frames_;
+    lastFrame_ = now;
+
+    bool fading = now < fadeStart_ + kPresentationFadeSeconds;
+    bool more = animating || fading || extraFrames_ > 0;
+    if (extraFrames_ > 0) --extraFrames_;
+    if (more) {
+        dirty_ = true;
+        scheduleFrame();
+    }
+}
+
+}  // namespace kavelin

@@ -1,0 +1,112 @@
+#pragma once
+
+// The window presenter's pieces shared by its source files: the event inbox, the
+// presenting thread and what the opening thread hands over.
+
+#include <SDL.h>
+#include <imgui.h>
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Kavelin/Platform/Linux/WindowPresenter.h"
+
+namespace kavelin {
+
+// SDL's event queue is the process's: a host with its own SDL loop may drain it
+// first. A watch sees every event as it is queued, on whichever thread pumps, and
+// keeps a copy of ours; the queue itself then only loses our window's events.
+struct WindowPresenter::Inbox {
+    Uint32 window = 0;
+    std::mutex mutex;
+    std::vector<SDL_Event> events;
+
+    // Keeps a copy of our window's events; an SDL event watch.
+    static int watch(void* self, SDL_Event* event);
+    // True for the events that belong to the host; an SDL event filter.
+    static int notOurs(void* self, SDL_Event* event);
+};
+
+// Software GL rasterises a frame inside the swap: tens of milliseconds under Xvfb.
+// The swap runs here with the context handed over, so a host call waits at most for
+// the recording of a frame, never for its presentation.
+struct WindowPresenter::Swapper {
+    SDL_Window* window;
+    void* context;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::function<void()> presented;  // set while a frame is out
+    bool busy = false, stop = false;
+    std::thread thread;
+
+    Swapper(SDL_Window* w, void* c) : window(w), context(c), thread([this] { loop(); }) {}
+    ~Swapper() {
+        {
+            std::unique_lock lock(mutex);
+            changed.wait(lock, [this] { return !busy; });
+            stop = true;
+        }
+        changed.notify_all();
+        thread.join();
+    }
+    void present(std::function<void()> then) {
+        {
+            std::lock_guard lock(mutex);
+            presented = std::move(then);
+            busy = true;
+        }
+        changed.notify_all();
+    }
+    bool isBusy() {
+        std::lock_guard lock(mutex);
+        return busy;
+    }
+    void waitIdle() {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [this] { return !busy; });
+    }
+    void loop() {
+        std::unique_lock lock(mutex);
+        for (;;) {
+            changed.wait(lock, [this] { return busy || stop; });
+            if (!busy) return;
+            auto then = std::move(presented);
+            lock.unlock();
+            SDL_GL_MakeCurrent(window, context);
+            SDL_GL_SwapWindow(window);
+            SDL_GL_MakeCurrent(window, nullptr);
+            if (then) then();
+            lock.lock();
+            busy = false;
+            changed.notify_all();
+        }
+    }
+};
+
+// What the opening thread made: the window and both GL contexts, current nowhere,
+// and the ImGui context with its font atlas built.
+struct WindowPresenter::Opened {
+    SDL_Window* window = nullptr;
+    void* glContext = nullptr;
+    void* renderGlContext = nullptr;
+    ImGuiContext* imgui = nullptr;
+    std::string error;
+    bool videoInitialised = false;
+
+    void destroy() {
+        if (imgui) ImGui::DestroyContext(imgui);
+        if (renderGlContext) SDL_GL_DeleteContext(renderGlContext);
+        if (glContext) SDL_GL_DeleteContext(glContext);
+        if (window) SDL_DestroyWindow(window);
+        if (videoInitialised) SDL_QuitSubSystem(SDL_INIT_VIDEO);
+        std::string reason = std::move(error);
+        *this = Opened{};
+        error = std::move(reason);
+    }
+};
+
+}  // namespace kavelin
