@@ -202,6 +202,12 @@ mpv_handle* MpvMediaPlayer::handle() const {
 void MpvMediaPlayer::whenStarted(std::function<void()> then) {
     core_->whenStarted(std::move(then));
 }
+void MpvMediaPlayer::holdRequests() {
+    core_->holdRequests();
+}
+void MpvMediaPlayer::releaseRequests() {
+    core_->releaseRequests();
+}
 void MpvMediaPlayer::setVideoOutput(const std::string& vo) {
     core_->setVideoOutput(vo);
 }

@@ -48,6 +48,10 @@ class MpvMediaPlayer final : public MediaPlayer {
     // Runs `then` on the main queue once handle() is set, before the item given so
     // far opens; at once when it is set already, never when mpv failed to start.
     void whenStarted(std::function<void()> then);
+    // Requests to mpv wait from holdRequests() until the matching releaseRequests():
+    // an item must not open before the window's render context exists.
+    void holdRequests();
+    void releaseRequests();
     // Waits until every mpv made or released so far is fully up or gone (exit,
     // and tests that count threads).
     static void finishBackgroundWork();

@@ -3,9 +3,9 @@
 #include <functional>
 #include <memory>
 
+#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 #include "Kavelin/Platform/MainQueue.h"
 #include "Kavelin/Platform/MediaPlayer.h"
-#include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 
 namespace kavelin {
 

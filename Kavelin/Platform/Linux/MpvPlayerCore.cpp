@@ -142,7 +142,7 @@ void MpvMediaPlayer::Core::request(Request r) {
 }
 
 void MpvMediaPlayer::Core::sendNextRequest() {
-    while (!requestSent_ && !requests_.empty() && mpv_) {
+    while (!requestSent_ && !requests_.empty() && mpv_ && holds_ == 0) {
         const Request& r = requests_.front();
         int rc = 0;
         switch (r.kind) {

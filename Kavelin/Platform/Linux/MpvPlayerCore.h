@@ -79,6 +79,11 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     // opens (at once when it is up already; never when it failed to start).
     void whenStarted(std::function<void()> f);
 
+    void holdRequests() { ++holds_; }
+    void releaseRequests() {
+        if (holds_ > 0 && --holds_ == 0) sendNextRequest();
+    }
+
     // The player is going away: nothing is called back from now on.
     void close();
 
@@ -277,6 +282,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     std::optional<std::string> nextUrl_;  // prepared behind the current item
     std::deque<Request> requests_;        // the front one is with mpv when requestSent_
     bool requestSent_ = false;
+    int holds_ = 0;          // while above 0, requests wait (a render context being made)
     int pauseRequests_ = 0;  // not yet answered: mpv's pause reports are older
 
     std::optional<PendingSeek> pendingSeek_;

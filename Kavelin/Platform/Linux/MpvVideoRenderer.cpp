@@ -79,6 +79,16 @@ void MpvVideoRenderer::run() {
     SDL_GL_MakeCurrent(window_, nullptr);
 }
 
+bool MpvVideoRenderer::post(std::function<void()> task) {
+    {
+        std::lock_guard lock(mutex_);
+        if (stopping_) return false;
+        tasks_.push_back(std::move(task));
+    }
+    wake_.notify_all();
+    return true;
+}
+
 void MpvVideoRenderer::onRenderThread(std::function<void()> task) {
     std::promise<void> done;
     auto finished = done.get_future();
@@ -153,14 +163,25 @@ void MpvVideoRenderer::renderPending(Entry& e) {
     if (onNewFrame_) queue_->async(onNewFrame_);
 }
 
-bool MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player) {
+void MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player,
+                              std::function<void(bool)> done) {
     collect();
     auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get());
-    if (!mpv || !mpv->handle()) return false;
+    if (!mpv || !mpv->handle()) {
+        done(false);
+        return;
+    }
     auto entry = std::make_shared<Entry>();
     entry->player = player;
+    entries_[player.get()] = entry;  // released in order after the creation below
     mpv_handle* handle = mpv->handle();
-    onRenderThread([&] {
+    auto finish = [queue = queue_, entry, done = std::move(done)](bool created) {
+        queue->async([entry, done, created] {
+            entry->attached = created && !entry->detached;
+            done(entry->attached);
+        });
+    };
+    const bool posted = post([this, entry, handle, finish] {
         mpv_opengl_init_params gl{procAddress, nullptr};
         mpv_render_param params[] = {
             {MPV_RENDER_PARAM_API_TYPE, const_cast<char*>(MPV_RENDER_API_TYPE_OPENGL)},
@@ -169,6 +190,7 @@ bool MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player) {
         };
         if (mpv_render_context_create(&entry->context, handle, params) < 0) {
             entry->context = nullptr;
+            finish(false);
             return;
         }
         // Called from mpv's threads: only flag the work and wake the render thread.
@@ -184,20 +206,18 @@ bool MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player) {
                 t->wake->notify_all();
             },
             target);
-        std::lock_guard lock(mutex_);
-        live_.push_back(entry);
-        targets_[entry.get()] = target;  // freed with the context (see release)
+        {
+            std::lock_guard lock(mutex_);
+            live_.push_back(entry);
+            targets_[entry.get()] = target;  // freed with the context (see release)
+        }
+        finish(true);
     });
-    if (!entry->context) {
-        // Without a context mpv cannot open its video output; decode without one.
-        mpv->setVideoOutput("null");
-        return false;
-    }
-    entries_[player.get()] = entry;
-    return true;
+    if (!posted) finish(false);
 }
 
 void MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
+    entry->detached = true;
     onRenderThread([&] {
         if (entry->context) {
             mpv_render_context_set_update_callback(entry->context, nullptr, nullptr);
@@ -244,7 +264,7 @@ void MpvVideoRenderer::detachAll() {
 std::optional<VideoTexture> MpvVideoRenderer::frameFor(const std::shared_ptr<MediaPlayer>& player,
                                                        int pixelWidth, int pixelHeight, bool fill) {
     auto it = entries_.find(player.get());
-    if (it == entries_.end() || !it->second->context) return std::nullopt;
+    if (it == entries_.end() || !it->second->attached) return std::nullopt;
     Entry& e = *it->second;
     if (fill != e.fill) {
         // Safe here: this is not the render thread.

@@ -33,9 +33,12 @@ class MpvVideoRenderer final : public VideoRenderer {
                      std::function<void()> onNewFrame);
     ~MpvVideoRenderer() override;
 
-    // Creates the render context for a new player (before its first item opens).
-    // False when the player is not a libmpv one or the context failed.
-    bool attach(const std::shared_ptr<MediaPlayer>& player);
+    // Creates the render context for a player on the render thread (mpv compiles
+    // its shaders there: up to a few hundred milliseconds under software GL, which
+    // the main queue does not wait for). `done` runs on the main queue, true once
+    // frames can be drawn; false for a player that is not a libmpv one, a context
+    // that failed, or a renderer let go of meanwhile.
+    void attach(const std::shared_ptr<MediaPlayer>& player, std::function<void(bool)> done);
     std::optional<VideoTexture> frameFor(const std::shared_ptr<MediaPlayer>& player, int pixelWidth,
                                          int pixelHeight, bool fill) override;
     // The window has shown the frame handed out last: its texture may be reused.
@@ -67,12 +70,16 @@ class MpvVideoRenderer final : public VideoRenderer {
         int targetWidth = 0;
         int targetHeight = 0;
         bool updatePending = false;
-        bool redraw = false;  // the target size changed: draw the frame again
+        bool redraw = false;    // the target size changed: draw the frame again
+        bool attached = false;  // main queue only: the context is there
+        bool detached = false;  // main queue only: released, or about to be
     };
 
     void run();
     // Runs `task` on the render thread and waits for it.
     void onRenderThread(std::function<void()> task);
+    // Queues `task` for the render thread without waiting; false when it has ended.
+    bool post(std::function<void()> task);
     void renderPending(Entry& entry);
     void release(const std::shared_ptr<Entry>& entry);
 

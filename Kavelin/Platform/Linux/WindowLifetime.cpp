@@ -68,6 +68,19 @@ void releaseTexture(TextureHandle texture) {
 // Connecting to the display, making GL contexts and rasterising the fonts take a
 // few hundred milliseconds under software GL: that happens here, on a thread of its
 // own, so neither the host's call nor the library's queue waits for it.
+// The first frame would compile and link the shaders and upload the font atlas on
+// the library's queue (tens of milliseconds under software GL): it happens here.
+// Nothing is drawn: a frame drawn from this thread left the window black now and
+// then under Xvfb.
+void prepareDrawing(WindowPresenter::Opened& o) {
+    SDL_GL_MakeCurrent(o.window, o.glContext);
+    ImGui_ImplSDL2_InitForOpenGL(o.window, o.glContext);
+    ImGui_ImplOpenGL3_Init("#version 150");
+    o.backendsInitialised = true;
+    ImGui_ImplOpenGL3_CreateDeviceObjects();
+    SDL_GL_MakeCurrent(o.window, nullptr);
+}
+
 void openNativeWindow(WindowPresenter::Opened& o) {
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");  // the host owns the signals
     SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
@@ -121,6 +134,7 @@ void openNativeWindow(WindowPresenter::Opened& o) {
     io.LogFilename = nullptr;
     Font::install(io);
     io.Fonts->Build();
+    prepareDrawing(o);
     ImGui::SetCurrentContext(previous);
 }
 
@@ -169,8 +183,6 @@ void WindowPresenter::finishOpening() {
     SDL_GL_SetSwapInterval(0);
     swapper_ = std::make_unique<Swapper>(window_, glContext_);
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
-    ImGui_ImplSDL2_InitForOpenGL(window_, glContext_);
-    ImGui_ImplOpenGL3_Init("#version 150");
     std::weak_ptr<WindowPresenter> weak = weak_from_this();
     auto invalidate = [weak] {
         if (auto self = weak.lock()) self->setNeedsDisplay();
@@ -192,14 +204,17 @@ void WindowPresenter::finishOpening() {
     VideoRenderer::install(renderer_);
     updatePolling();
     Platform::rearmExitHook();
-    exitHookRearmed_ = false;  // the first frame initialises more of the GL stack
+    exitHookRearmed_ = false;  // the first frames may initialise more of the GL stack
 
     // Players made while the window was opening decode without a picture until now;
     // switching their output back brings the picture of the item already playing.
     for (auto& weakPlayer : std::exchange(pendingPlayers_, {})) {
         auto player = weakPlayer.lock();
         auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get());
-        if (mpv && renderer_ && renderer_->attach(player)) mpv->setVideoOutput("libmpv");
+        if (!mpv || !renderer_) continue;
+        renderer_->attach(player, [weakPlayer, mpv](bool attached) {
+            if (attached && weakPlayer.lock()) mpv->setVideoOutput("libmpv");
+        });
     }
     if (pendingShow_) {
         pendingShow_ = false;

@@ -85,8 +85,16 @@ std::shared_ptr<MediaPlayerFactory> WindowPresenter::wrapFactory(
                 auto self = weak.lock();
                 auto player = weakPlayer.lock();
                 if (!player) return;
-                if (self && self->window_ && self->renderer_ && self->renderer_->attach(player))
+                if (self && self->window_ && self->renderer_) {
+                    mpv->holdRequests();
+                    self->renderer_->attach(player, [weakPlayer, mpv](bool attached) {
+                        auto player = weakPlayer.lock();
+                        if (!player) return;
+                        if (!attached) mpv->setVideoOutput("null");
+                        mpv->releaseRequests();
+                    });
                     return;
+                }
                 // No picture can be shown yet (or ever): let mpv decode without a
                 // video output; a window that finishes opening attaches it then.
                 mpv->setVideoOutput("null");

@@ -4,6 +4,8 @@
 // presenting thread and what the opening thread hands over.
 
 #include <SDL.h>
+#include <backends/imgui_impl_opengl3.h>
+#include <backends/imgui_impl_sdl.h>
 #include <imgui.h>
 
 #include <condition_variable>
@@ -96,8 +98,18 @@ struct WindowPresenter::Opened {
     ImGuiContext* imgui = nullptr;
     std::string error;
     bool videoInitialised = false;
+    bool backendsInitialised = false;  // ImGui's SDL and OpenGL backends, on `imgui`
 
     void destroy() {
+        if (backendsInitialised) {
+            SDL_GL_MakeCurrent(window, glContext);
+            ImGuiContext* previous = ImGui::GetCurrentContext();
+            ImGui::SetCurrentContext(imgui);
+            ImGui_ImplOpenGL3_Shutdown();
+            ImGui_ImplSDL2_Shutdown();
+            ImGui::SetCurrentContext(previous == imgui ? nullptr : previous);
+            SDL_GL_MakeCurrent(window, nullptr);
+        }
         if (imgui) ImGui::DestroyContext(imgui);
         if (renderGlContext) SDL_GL_DeleteContext(renderGlContext);
         if (glContext) SDL_GL_DeleteContext(glContext);
