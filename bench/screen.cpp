@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/Linux/WindowPresenter.h"
+#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/log/VPLogger.h"
@@ -97,6 +97,7 @@ int main() {
     });
     for (int i = 0; i < 600; ++i) {
         mainQueue().sync([&] {
+            window->waitUntilPresented();  // the recording only, not the swap before it
             auto start = std::chrono::steady_clock::now();
             window->renderNow();
             ms.push_back(

@@ -200,8 +200,13 @@ void WindowPresenter::scheduleFrame() {
     });
 }
 
+void WindowPresenter::waitUntilPresented() {
+    if (swapper_) swapper_->waitIdle();
+}
+
 void WindowPresenter::renderNow() {
     if (!window_) return;
+    waitUntilPresented();
     renderFrame();
 }
 

@@ -57,8 +57,11 @@ class WindowPresenter final : public ScreenPresenter,
     };
     // Draws a frame now and reads it back.
     Capture capture();
-    // Draws a frame now, as if something had changed.
+    // Draws a frame now, as if something had changed, once the frame before it is
+    // out.
     void renderNow();
+    // Returns once the frame being presented (if any) is out.
+    void waitUntilPresented();
     uint64_t framesRendered() const { return frames_; }
     bool isShown() const { return shown_; }
     SDL_Window* window() const { return window_; }
