@@ -101,6 +101,8 @@ void MpvMediaPlayer::Core::onFileLoaded() {
     if (mpv_get_property(mpv_, "duration", MPV_FORMAT_DOUBLE, &d) >= 0) duration_ = d;
     notifyDuration();
     if (pendingSeek_ && !pendingSeek_->issued) issueSeek();
+    // "loadfile replace" left the current item alone in mpv's playlist.
+    if (nextUrl_) request({Request::Kind::appendNext, itemGen_, *nextUrl_});
 }
 
 void MpvMediaPlayer::Core::onEndFile(const mpv_event_end_file& d) {

@@ -112,17 +112,16 @@ void MpvMediaPlayer::Core::issueItem() {
         request({Request::Kind::stop, itemGen_, {}});
         return;
     }
-    // "loadfile replace" empties mpv's playlist: the prepared item goes back
-    // behind the new one. mpv reuses what it opened ahead when that item's address
-    // is loaded next.
     request({Request::Kind::load, itemGen_, url_});
-    if (nextUrl_) request({Request::Kind::appendNext, itemGen_, *nextUrl_});
 }
 
+// The prepared item sits behind the current one in mpv's playlist, where mpv opens
+// it ahead; loading its address next reuses what was opened. It goes there only
+// once the current item is up, so that opening it never slows the current start.
 void MpvMediaPlayer::Core::prepareNextItem(std::optional<std::string> url) {
     if (url == nextUrl_) return;
     nextUrl_ = std::move(url);
-    if (!mpv_ || !hasItem_) return;  // handed over with the item
+    if (!mpv_ || !loaded_) return;  // handed over when the item has loaded
     request({Request::Kind::clearNext, itemGen_, {}});
     if (nextUrl_) request({Request::Kind::appendNext, itemGen_, *nextUrl_});
 }
