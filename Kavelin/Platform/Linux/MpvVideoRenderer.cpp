@@ -17,13 +17,6 @@ namespace {
 void* procAddress(void*, const char* name) {
     return SDL_GL_GetProcAddress(name);
 }
-
-// What mpv's update callback needs; lives as long as the render context.
-struct UpdateTarget {
-    std::mutex* mutex;
-    std::condition_variable* wake;
-    bool* pending;
-};
 }  // namespace
 
 MpvVideoRenderer::MpvVideoRenderer(std::shared_ptr<MainQueue> queue, SDL_Window* window,
@@ -194,22 +187,22 @@ void MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player,
             return;
         }
         // Called from mpv's threads: only flag the work and wake the render thread.
-        auto* target = new UpdateTarget{&mutex_, &wake_, &entry->updatePending};
+        // The entry outlives the registration: release() clears it first.
+        entry->owner = this;
         mpv_render_context_set_update_callback(
             entry->context,
             [](void* data) {
-                auto* t = static_cast<UpdateTarget*>(data);
+                auto* e = static_cast<Entry*>(data);
                 {
-                    std::lock_guard lock(*t->mutex);
-                    *t->pending = true;
+                    std::lock_guard lock(e->owner->mutex_);
+                    e->updatePending = true;
                 }
-                t->wake->notify_all();
+                e->owner->wake_.notify_all();
             },
-            target);
+            entry.get());
         {
             std::lock_guard lock(mutex_);
             live_.push_back(entry);
-            targets_[entry.get()] = target;  // freed with the context (see release)
         }
         finish(true);
     });
@@ -230,10 +223,6 @@ void MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
             s = Slot{};
         }
         std::lock_guard lock(mutex_);
-        if (auto it = targets_.find(entry.get()); it != targets_.end()) {
-            delete static_cast<UpdateTarget*>(it->second);
-            targets_.erase(it);
-        }
         std::erase_if(live_, [&](const std::weak_ptr<Entry>& w) { return w.lock() == entry; });
     });
 }

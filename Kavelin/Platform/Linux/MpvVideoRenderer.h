@@ -70,9 +70,10 @@ class MpvVideoRenderer final : public VideoRenderer {
         int targetWidth = 0;
         int targetHeight = 0;
         bool updatePending = false;
-        bool redraw = false;    // the target size changed: draw the frame again
-        bool attached = false;  // main queue only: the context is there
-        bool detached = false;  // main queue only: released, or about to be
+        bool redraw = false;                // the target size changed: draw the frame again
+        bool attached = false;              // main queue only: the context is there
+        bool detached = false;              // main queue only: released, or about to be
+        MpvVideoRenderer* owner = nullptr;  // for mpv's update callback
     };
 
     void run();
@@ -93,7 +94,6 @@ class MpvVideoRenderer final : public VideoRenderer {
     std::condition_variable wake_;
     std::deque<std::function<void()>> tasks_;
     std::vector<std::weak_ptr<Entry>> live_;  // what the render thread looks at
-    std::map<Entry*, void*> targets_;         // mpv callback data, freed with the context
     bool stopping_ = false;
     std::thread thread_;
 };
