@@ -26,9 +26,7 @@ void CachedAsyncImage::loadImage() {
     if (state_->isLoading) return;
     state_->isLoading = true;
     std::weak_ptr<State> weak = state_;
-    std::string key = urlString_;
-    ImageLoader::fetch(key, [queue = queue_, weak, key](std::shared_ptr<const Image> image) {
-        if (image) ImageCache::shared().set(image, key);
+    ImageLoader::fetch(urlString_, [queue = queue_, weak](std::shared_ptr<const Image> image) {
         queue->async([weak, image] {
             auto state = weak.lock();
             if (!state) return;

@@ -32,9 +32,27 @@ void ImageCache::set(std::shared_ptr<const Image> image, const std::string& key)
     cache_[key] = std::move(image);
 }
 
+bool ImageCache::failedRecently(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    auto it = failedAt_.find(key);
+    return it != failedAt_.end() &&
+           Clock::now() - it->second < std::chrono::duration<double>(failureMemorySeconds);
+}
+
+void ImageCache::setFailed(const std::string& key) {
+    std::lock_guard lock(mutex_);
+    const auto now = Clock::now();
+    // Bounded by what failed within the memory, however long the process runs.
+    std::erase_if(failedAt_, [&](const auto& entry) {
+        return now - entry.second >= std::chrono::duration<double>(failureMemorySeconds);
+    });
+    failedAt_[key] = now;
+}
+
 void ImageCache::removeAll() {
     std::lock_guard lock(mutex_);
     cache_.clear();
+    failedAt_.clear();
 }
 
 namespace {
@@ -171,7 +189,16 @@ bool ImageLoader::isValidURL(const std::string& urlString) {
 void ImageLoader::fetch(const std::string& urlString,
                         std::function<void(std::shared_ptr<const Image>)> completion) {
     {
-        std::lock_guard lock(gInFlightMutex);
+        // A fetch publishes its outcome before it leaves the in-flight list, so under
+        // this lock an address is either known, in flight, or to be fetched.
+        std::unique_lock lock(gInFlightMutex);
+        auto& cache = ImageCache::shared();
+        auto known = cache.image(urlString);
+        if (known || cache.failedRecently(urlString)) {
+            lock.unlock();
+            completion(std::move(known));
+            return;
+        }
         auto& waiting = inFlight()[urlString];
         waiting.push_back(std::move(completion));
         if (waiting.size() > 1) return;
@@ -180,6 +207,10 @@ void ImageLoader::fetch(const std::string& urlString,
         auto image = startsWith(urlString, "file://")        ? fetchFile(urlString)
                      : startsWith(urlString, resourceScheme) ? fetchResource(urlString)
                                                              : fetchHttp(urlString);
+        if (image)
+            ImageCache::shared().set(image, urlString);
+        else
+            ImageCache::shared().setFailed(urlString);
         std::vector<Completion> waiting;
         {
             std::lock_guard lock(gInFlightMutex);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -11,20 +12,29 @@
 namespace kavelin {
 
 // Decoded thumbnails kept in memory for the life of the process, keyed by the
-// address exactly as the catalogue wrote it. Safe from any thread.
+// address exactly as the catalogue wrote it, and the addresses that failed lately.
+// Safe from any thread.
 class ImageCache {
   public:
+    // A failed address is not asked again for this long: cards that appear together,
+    // or come back soon, do not hammer a broken server; later ones try again.
+    static constexpr double failureMemorySeconds = 30.0;
+
     static ImageCache& shared();
 
     std::shared_ptr<const Image> image(const std::string& key) const;
     void set(std::shared_ptr<const Image> image, const std::string& key);
+    bool failedRecently(const std::string& key) const;
+    void setFailed(const std::string& key);
     // Forgets everything (tests start from an empty cache).
     void removeAll();
 
   private:
+    using Clock = std::chrono::steady_clock;
     ImageCache() = default;
     mutable std::mutex mutex_;
     std::unordered_map<std::string, std::shared_ptr<const Image>> cache_;
+    std::unordered_map<std::string, Clock::time_point> failedAt_;
 };
 
 // Fetches image bytes over http(s) or from file:// addresses on a small pool of
@@ -45,7 +55,8 @@ class ImageLoader {
 
     // Fetches and decodes on a worker; `completion` gets the picture, or null on
     // any failure (transport error, status outside 200-299, empty, oversized or
-    // undecodable body). It runs on the worker thread. Requests for an address
+    // undecodable body). It runs on the worker thread, or at once on the caller's
+    // when the shared cache already knows the outcome. Requests for an address
     // already being fetched join that fetch instead of starting another.
     static void fetch(const std::string& urlString,
                       std::function<void(std::shared_ptr<const Image>)> completion);

@@ -137,7 +137,15 @@ TEST_F(ImageCacheTest, EveryFailureEndsInThePlaceholderWithoutRetryOrLog) {
         });
         EXPECT_EQ(server.requestCount(path), 1u);
         EXPECT_EQ(placeholders, 3u);
+        // A card that appears right after the failure is answered from memory.
+        EXPECT_TRUE(show(server.url(path)).hasError());
+        EXPECT_EQ(server.requestCount(path), 1u);
     }
+    // Forgotten, the address is asked again (a server may have come back).
+    ImageCache::shared().removeAll();
+    server.setResponse("/missing.png", {200, pngBytes(4, 4), "image/png"});
+    EXPECT_NE(show(server.url("/missing.png")).image(), nullptr);
+    EXPECT_EQ(server.requestCount("/missing.png"), 2u);
     EXPECT_TRUE(logs.lines().empty());
 }
 
@@ -168,7 +176,7 @@ TEST_F(ImageCacheTest, TwoViewsAppearingTogetherShareOneFetch) {
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
     for (int i = 0; i < 8; ++i)
-        ImageLoader::fetch("file:///", [released](auto) { released.wait(); });
+        ImageLoader::fetch("file:///" + std::to_string(i), [released](auto) { released.wait(); });
     const std::string url = server.url("/thumb.png");
     CachedAsyncImage *a = nullptr, *b = nullptr;
     bool bothLoading = false;
