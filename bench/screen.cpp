@@ -9,7 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <map>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -33,6 +36,18 @@ double processCpuSeconds() {
     timespec ts{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// CPU seconds per thread name, so the library's cost can be told from mpv's own.
+std::map<std::string, double> cpuByThreadName() {
+    std::map<std::string, double> out;
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm"), schedstat(task.path() / "schedstat");
+        std::string name;
+        double onCpuNs = 0;
+        if (std::getline(comm, name) && schedstat >> onCpuNs) out[name] += onCpuNs / 1e9;
+    }
+    return out;
 }
 
 double percentile(std::vector<double> v, double p) {
@@ -114,9 +129,17 @@ int main() {
     uint64_t framesBefore = 0, framesAfter = 0;
     mainQueue().sync([&] { framesBefore = window->framesRendered(); });
     const double window_s = 20;
+    const auto threads0 = cpuByThreadName();
     double cpu0 = processCpuSeconds();
     std::this_thread::sleep_for(std::chrono::duration<double>(window_s));
     double cpu1 = processCpuSeconds();
+    // Threads that ended meanwhile are not counted here; the total above has them.
+    for (const auto& [name, seconds] : cpuByThreadName()) {
+        const double spent = seconds - (threads0.count(name) ? threads0.at(name) : 0);
+        if (spent > 0)
+            std::printf("paused_screen_cpu_per_minute_thread_%s: %.4f\n", name.c_str(),
+                        spent * 60 / window_s);
+    }
     mainQueue().sync([&] { framesAfter = window->framesRendered(); });
     std::printf("paused_screen_cpu_seconds_per_minute: %.4f\n", (cpu1 - cpu0) * 60 / window_s);
     std::printf("paused_screen_frames_per_minute: %.1f\n",

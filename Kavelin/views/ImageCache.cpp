@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Kavelin/Extentions/EmbeddedResources.h"
+#include "Kavelin/Extentions/ThreadName.h"
 
 namespace kavelin {
 
@@ -80,7 +81,11 @@ class WorkerPool {
         curl_global_init(CURL_GLOBAL_DEFAULT);
         // Decoder libraries load on first use; do it once, before two workers race.
         IMG_Init(IMG_INIT_PNG | IMG_INIT_JPG | IMG_INIT_WEBP);
-        for (int i = 0; i < count; ++i) std::thread([this] { run(); }).detach();
+        for (int i = 0; i < count; ++i)
+            std::thread([this] {
+                nameThisThread("kavelin-image");
+                run();
+            }).detach();
     }
     void run() {
         for (;;) {

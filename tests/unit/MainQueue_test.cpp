@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,8 +12,8 @@
 #include <vector>
 
 #include "Kavelin/Platform/Linux/HeadlessPresenter.h"
-#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
+#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/UserDefaults.h"
 #include "support/VirtualMainQueue.h"
 #include "support/VirtualPlatform.h"
@@ -148,6 +149,45 @@ TEST(ThreadMainQueue, IdleHookRunsOnTheQueueIdleOrBusyUntilCleared) {
     q.sync([] {});
     EXPECT_TRUE(onQueue.load());
     EXPECT_LE(calls.load(), settled + 1);
+}
+
+// The idle window sleeps on its display connection: the hook must come when the
+// descriptor turns readable and once after other work (which may have read it
+// dry), not on the interval; a descriptor that hangs up must not spin the loop.
+TEST(ThreadMainQueue, IdleHookWakesOnItsDescriptorAndAfterWorkOnly) {
+    int fds[2];
+    ASSERT_EQ(::pipe2(fds, O_NONBLOCK), 0);
+    ThreadMainQueue q;
+    std::atomic<int> calls{0};
+    std::atomic<bool> onQueue{true};
+    q.setIdleHook(
+        [&] {
+            if (!q.isCurrent()) onQueue = false;
+            char buffer[16];
+            while (::read(fds[0], buffer, sizeof buffer) == sizeof buffer) {
+            }
+            ++calls;
+        },
+        60.0, fds[0]);
+    auto waitFor = [&](int n, int tenMs = 500) {
+        for (int i = 0; i < tenMs && calls.load() < n; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return calls.load();
+    };
+    const int first = waitFor(1);
+    ASSERT_GE(first, 1);
+    ASSERT_EQ(::write(fds[1], "x", 1), 1);
+    EXPECT_GE(waitFor(first + 1), first + 1);
+    const int afterByte = calls.load();
+    q.sync([] {});
+    EXPECT_GE(waitFor(afterByte + 1), afterByte + 1);
+    ::close(fds[1]);
+    q.sync([] {});
+    const int afterHangUp = waitFor(1 << 20, 20);  // a spinning loop would count thousands
+    EXPECT_LE(afterHangUp, afterByte + 4);
+    EXPECT_TRUE(onQueue.load());
+    q.setIdleHook(nullptr, 0);
+    ::close(fds[0]);
 }
 
 // Delays come from remote documents (ad time-outs, cue points). Whatever number

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Kavelin/Extentions/NumberFormatting.h"
+#include "Kavelin/Extentions/ThreadName.h"
 #include "Kavelin/Platform/Immortal.h"
 #include "Kavelin/Platform/Linux/Environment.h"
 #include "Kavelin/Platform/Linux/MpvPlayerCore.h"
@@ -58,7 +59,11 @@ class BackgroundWork {
   public:
     void post(std::function<void()> task) {
         std::lock_guard lock(mutex_);
-        if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+        if (!thread_.joinable())
+            thread_ = std::thread([this] {
+                nameThisThread("kavelin-mpv-bg");
+                run();
+            });
         tasks_.push_back(std::move(task));
         changed_.notify_all();
     }

@@ -9,6 +9,7 @@
 
 #include <future>
 
+#include "Kavelin/Extentions/ThreadName.h"
 #include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 
 namespace kavelin {
@@ -25,7 +26,10 @@ MpvVideoRenderer::MpvVideoRenderer(std::shared_ptr<MainQueue> queue, SDL_Window*
       window_(window),
       renderContext_(renderContext),
       onNewFrame_(std::move(onNewFrame)) {
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] {
+        nameThisThread("kavelin-render");
+        run();
+    });
 }
 
 MpvVideoRenderer::~MpvVideoRenderer() {

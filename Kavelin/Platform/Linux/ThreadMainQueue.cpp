@@ -1,7 +1,14 @@
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <climits>
 #include <future>
 #include <utility>
+
+#include "Kavelin/Extentions/ThreadName.h"
 
 namespace kavelin {
 
@@ -12,13 +19,46 @@ std::chrono::steady_clock::duration clampedDelay(double seconds) {
 }
 }  // namespace
 
-ThreadMainQueue::ThreadMainQueue() {
+ThreadMainQueue::ThreadMainQueue() : wakeFd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     std::lock_guard lock(mutex_);
     startLocked();
 }
 
 ThreadMainQueue::~ThreadMainQueue() {
     shutdown();
+    if (wakeFd_ >= 0) ::close(wakeFd_);
+}
+
+void ThreadMainQueue::wake() {
+    const uint64_t one = 1;
+    // A full counter already means "awake"; nothing else can fail here.
+    (void)!::write(wakeFd_, &one, sizeof one);
+}
+
+bool ThreadMainQueue::waitLocked(std::unique_lock<std::mutex>& lock, Clock::time_point deadline) {
+    int timeoutMs = -1;
+    if (deadline != Clock::time_point::max()) {
+        const auto left = deadline - Clock::now();
+        // Rounded up: waking a little early would only spin until the deadline.
+        const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+        timeoutMs = ms <= 0 ? 0 : static_cast<int>(std::min<long long>(ms, INT_MAX));
+    }
+    const int hookFd = idleHook_ ? idleFd_ : -1;
+    lock.unlock();
+    pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {hookFd, POLLIN, 0}};
+    const int ready = ::poll(fds, hookFd >= 0 ? 2 : 1, timeoutMs);
+    if (ready > 0 && (fds[0].revents & POLLIN)) {
+        uint64_t count = 0;
+        (void)!::read(wakeFd_, &count, sizeof count);
+    }
+    lock.lock();
+    if (ready <= 0 || hookFd < 0 || fds[1].revents == 0) return false;
+    // A descriptor that hung up would be readable forever: the interval is left.
+    if (fds[1].revents & (POLLHUP | POLLERR | POLLNVAL)) {
+        if (idleFd_ == hookFd) idleFd_ = -1;
+        return false;
+    }
+    return true;
 }
 
 void ThreadMainQueue::startLocked() {
@@ -26,7 +66,10 @@ void ThreadMainQueue::startLocked() {
     if (thread_.joinable()) thread_.join();
     running_ = true;
     ++generation_;
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] {
+        nameThisThread("kavelin-main");
+        run();
+    });
     threadId_ = thread_.get_id();
 }
 
@@ -36,7 +79,7 @@ void ThreadMainQueue::park(std::function<void()> last) {
         if (!parking_) parkAt_ = Clock::now();
         parking_ = true;
         if (last) lastBeforePark_.push_back(std::move(last));
-        wake_.notify_all();
+        wake();
         if (isCurrent()) return;
         const uint64_t generation = generation_;
         ended_.wait(lock, [&] { return !running_ || generation_ != generation; });
@@ -60,7 +103,7 @@ void ThreadMainQueue::shutdown() {
         stopping_ = true;
         ending = std::move(thread_);
     }
-    wake_.notify_all();
+    wake();
     if (!ending.joinable()) return;
     // Stopping from a task on the queue itself (e.g. a host callback that exits the
     // process) cannot join its own thread.
@@ -76,7 +119,7 @@ void ThreadMainQueue::async(std::function<void()> task) {
         if (stopping_) return;
         ready_.push_back(std::move(task));
     }
-    wake_.notify_one();
+    wake();
 }
 
 void ThreadMainQueue::asyncAfter(double seconds, WorkItemPtr item) {
@@ -86,7 +129,7 @@ void ThreadMainQueue::asyncAfter(double seconds, WorkItemPtr item) {
         if (stopping_) return;
         timers_.push({Clock::now() + delay, seq_++, std::move(item)});
     }
-    wake_.notify_one();
+    wake();
 }
 
 void ThreadMainQueue::sync(const std::function<void()>& task) {
@@ -110,7 +153,7 @@ void ThreadMainQueue::sync(const std::function<void()>& task) {
             done.set_value();
         });
     }
-    wake_.notify_one();
+    wake();
     finished.get();
 }
 
@@ -122,18 +165,29 @@ double ThreadMainQueue::now() const {
     return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
-void ThreadMainQueue::setIdleHook(std::function<void()> hook, double intervalSeconds) {
+void ThreadMainQueue::setIdleHook(std::function<void()> hook, double intervalSeconds,
+                                  int wakingFd) {
     {
         std::lock_guard lock(mutex_);
         idleHook_ = std::move(hook);
         idleInterval_ = clampedDelay(intervalSeconds);
+        idleFd_ = idleHook_ ? wakingFd : -1;
     }
-    wake_.notify_one();
+    wake();
 }
 
 void ThreadMainQueue::run() {
     std::unique_lock lock(mutex_);
     auto nextIdle = Clock::now();
+    bool workSinceHook = false;
+    auto callHook = [&] {
+        auto hook = idleHook_;
+        nextIdle = Clock::now() + idleInterval_;
+        workSinceHook = false;
+        lock.unlock();
+        hook();
+        lock.lock();
+    };
     for (;;) {
         const auto now = Clock::now();
         // Due timers join the ready tasks in time order. A parking thread takes only
@@ -145,20 +199,24 @@ void ThreadMainQueue::run() {
             ready_.push_back([item] { item->perform(); });
         }
         // Due between tasks too: a queue that never goes idle must not starve input.
-        if (idleHook_ && now >= nextIdle && !parking_ && !stopping_) {
-            auto hook = idleHook_;
-            nextIdle = now + idleInterval_;
-            lock.unlock();
-            hook();
-            lock.lock();
+        const bool hookAllowed = idleHook_ && !parking_ && !stopping_;
+        if (hookAllowed && now >= nextIdle) {
+            callHook();
             continue;
         }
         if (!ready_.empty()) {
             auto task = std::move(ready_.front());
             ready_.pop_front();
+            workSinceHook = true;
             lock.unlock();
             task();
             lock.lock();
+            continue;
+        }
+        // What another thread's call read off the descriptor makes it no longer
+        // readable: the hook looks once before sleeping whenever work has run.
+        if (hookAllowed && idleFd_ >= 0 && workSinceHook) {
+            callHook();
             continue;
         }
         if (parking_ && !lastBeforePark_.empty()) {
@@ -178,10 +236,7 @@ void ThreadMainQueue::run() {
         auto deadline = Clock::time_point::max();
         if (!timers_.empty()) deadline = timers_.top().when;
         if (idleHook_) deadline = std::min(deadline, nextIdle);
-        if (deadline == Clock::time_point::max())
-            wake_.wait(lock);
-        else
-            wake_.wait_until(lock, deadline);
+        if (waitLocked(lock, deadline) && idleHook_ && !parking_ && !stopping_) callHook();
     }
 }
 

@@ -41,9 +41,10 @@ class ThreadMainQueue final : public MainQueue {
     // Runs what is ready, then stops the thread for good; later posts are dropped.
     void shutdown() override;
 
-    // While set, the loop wakes at least this often and calls the hook on the
-    // queue thread (the window uses it to pump input events).
-    void setIdleHook(std::function<void()> hook, double intervalSeconds);
+    // While set, the loop calls the hook on the queue thread at least this often,
+    // and with a `wakingFd`, whenever it is readable and before sleeping after work:
+    // the window pumps input when the display has some, not ten times a second.
+    void setIdleHook(std::function<void()> hook, double intervalSeconds, int wakingFd = -1);
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -59,9 +60,15 @@ class ThreadMainQueue final : public MainQueue {
     // Joins a thread that has parked itself and starts a new one; needs `mutex_`.
     void startLocked();
     void run();
+    void wake();
+    // Sleeps, without `mutex_`, until woken or `deadline`; true when the idle hook's
+    // descriptor is what woke it.
+    bool waitLocked(std::unique_lock<std::mutex>& lock, Clock::time_point deadline);
 
     mutable std::mutex mutex_;
-    std::condition_variable wake_;
+    // An eventfd rather than a condition variable, so that one wait covers both
+    // posted work and the idle hook's descriptor.
+    const int wakeFd_;
     std::deque<std::function<void()>> ready_;
     std::priority_queue<Timed, std::vector<Timed>, std::greater<>> timers_;
     uint64_t seq_ = 0;
@@ -74,6 +81,7 @@ class ThreadMainQueue final : public MainQueue {
     std::vector<std::function<void()>> lastBeforePark_;
     std::function<void()> idleHook_;
     Clock::duration idleInterval_{};
+    int idleFd_ = -1;
     Clock::time_point start_ = Clock::now();
     std::thread thread_;
     std::atomic<std::thread::id> threadId_{};

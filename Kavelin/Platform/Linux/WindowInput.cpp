@@ -1,4 +1,5 @@
 #include <SDL.h>
+#include <SDL_syswm.h>
 #include <backends/imgui_impl_sdl.h>
 #include <imgui.h>
 
@@ -51,14 +52,27 @@ Uint32 eventWindow(const SDL_Event& e) {
     }
 }
 
+// The X11 connection the window's events arrive on; -1 on other video drivers.
+int displayConnection(SDL_Window* window) {
+    SDL_SysWMinfo info;
+    SDL_VERSION(&info.version);
+    if (!SDL_GetWindowWMInfo(window, &info) || info.subsystem != SDL_SYSWM_X11) return -1;
+    return ConnectionNumber(info.info.x11.display);
+}
+
 }  // namespace
 
 int WindowPresenter::Inbox::watch(void* self, SDL_Event* event) {
     auto* inbox = static_cast<Inbox*>(self);
-    if (eventWindow(*event) == inbox->window) {
+    if (eventWindow(*event) != inbox->window) return 1;
+    bool first = false;
+    {
         std::lock_guard lock(inbox->mutex);
+        first = inbox->events.empty();
         inbox->events.push_back(*event);
     }
+    // Read off the display by the host's own pump: our queue did not see it arrive.
+    if (first && inbox->arrivedElsewhere) inbox->arrivedElsewhere();
     return 1;
 }
 
@@ -68,16 +82,24 @@ int WindowPresenter::Inbox::notOurs(void* self, SDL_Event* event) {
 
 void WindowPresenter::updatePolling() {
     if (!window_) return;
-    // Input is looked for often while the screen is up, rarely while hidden.
-    double interval = shown_ ? idlePollInterval : 0.25;
-    if (interval == pollInterval_) return;
+    // While frames flow, each presented one pumps, and the connection is busy with
+    // their swaps (waking on it then would spin): it is waited on only when idle.
+    const bool framesFlowing = dirty_ || frameScheduled_ || (swapper_ && swapper_->isBusy());
+    const int fd = framesFlowing ? -1 : displayConnection(window_);
+    // Without a connection to wait on, input is looked for often while the screen
+    // is up, rarely while hidden.
+    const double interval = fd >= 0 || framesFlowing ? fallbackPollInterval
+                            : shown_                 ? idlePollInterval
+                                                     : 0.25;
+    if (interval == pollInterval_ && fd == pollFd_) return;
     pollInterval_ = interval;
+    pollFd_ = fd;
     std::weak_ptr<WindowPresenter> weak = weak_from_this();
     queue_->setIdleHook(
         [weak] {
             if (auto self = weak.lock()) self->pump();
         },
-        interval);
+        interval, fd);
 }
 
 void WindowPresenter::pump() {

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Kavelin/Extentions/Fonts.h"
+#include "Kavelin/Extentions/ThreadName.h"
 #include "Kavelin/Platform/Linux/MpvMediaPlayer.h"
 #include "Kavelin/Platform/Linux/MpvVideoRenderer.h"
 #include "Kavelin/Platform/Linux/WindowPresenterParts.h"
@@ -148,6 +149,7 @@ bool WindowPresenter::ensureWindow() {
     auto queue = queue_;
     opened_ = std::make_unique<Opened>();
     opener_ = std::thread([this, weak, queue] {
+        nameThisThread("kavelin-open");
         openNativeWindow(*opened_);
         queue->async([weak] {
             if (auto self = weak.lock()) self->finishOpening();
@@ -176,6 +178,12 @@ void WindowPresenter::finishOpening() {
     imgui_ = o.imgui;
     inbox_ = std::make_unique<Inbox>();
     inbox_->window = SDL_GetWindowID(window_);
+    inbox_->arrivedElsewhere = [queue = queue_, weak = weak_from_this()] {
+        if (queue->isCurrent()) return;  // our own pump goes on to handle it
+        queue->async([weak] {
+            if (auto self = weak.lock()) self->pump();
+        });
+    };
     SDL_AddEventWatch(&Inbox::watch, inbox_.get());
     SDL_GL_MakeCurrent(window_, glContext_);
     glCurrent_ = true;
@@ -248,6 +256,7 @@ void WindowPresenter::releaseThreadResources() {
     destroyWindow();
     shown_ = false;
     pollInterval_ = 0;
+    pollFd_ = -1;
     lastFrame_ = -1;
 }
 

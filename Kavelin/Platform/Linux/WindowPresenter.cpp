@@ -66,9 +66,14 @@ void WindowPresenter::acquireGl() {
 }
 
 void WindowPresenter::swapFinished() {
-    if (!frameAfterSwap_) return;
-    frameAfterSwap_ = false;
-    if (window_ && dirty_ && shown_) scheduleFrame();
+    // The swap may have read input off the display on its way: it would wait for
+    // the fallback poll.
+    pump();
+    if (frameAfterSwap_) {
+        frameAfterSwap_ = false;
+        if (window_ && dirty_ && shown_) scheduleFrame();
+    }
+    updatePolling();
 }
 
 std::shared_ptr<MediaPlayerFactory> WindowPresenter::wrapFactory(
@@ -291,6 +296,7 @@ void WindowPresenter::renderFrame(Capture* capture) {
         dirty_ = true;
         scheduleFrame();
     }
+    updatePolling();
 }
 
 }  // namespace kavelin

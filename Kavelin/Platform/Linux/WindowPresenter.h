@@ -27,8 +27,13 @@ class WindowPresenter final : public ScreenPresenter,
                               public std::enable_shared_from_this<WindowPresenter> {
   public:
     static constexpr double activeFrameInterval = 1.0 / 60;
-    // How often input is looked for while nothing changes on screen.
+    // How often input is looked for while nothing changes on screen, when the
+    // display cannot wake the queue itself (no X11 connection to wait on).
     static constexpr double idlePollInterval = 0.1;
+    // With one, input wakes the queue, and the queue looks before it sleeps after
+    // work (a swap or a new video frame may have read input off the connection);
+    // the host's own pump wakes it through the inbox. This is a backstop only.
+    static constexpr double fallbackPollInterval = 10.0;
 
     // `views` builds the screens this window draws.
     WindowPresenter(std::shared_ptr<ThreadMainQueue> queue, std::shared_ptr<ScreenViews> views);
@@ -120,6 +125,7 @@ class WindowPresenter final : public ScreenPresenter,
     double lastFrame_ = -1;
     uint64_t frames_ = 0;
     double pollInterval_ = 0;
+    int pollFd_ = -1;               // the display connection while it is waited on
     bool exitHookRearmed_ = false;  // since this window opened
 };
 

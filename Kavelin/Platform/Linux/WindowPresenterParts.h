@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "Kavelin/Extentions/ThreadName.h"
 #include "Kavelin/Platform/Linux/WindowPresenter.h"
 
 namespace kavelin {
@@ -26,6 +27,8 @@ struct WindowPresenter::Inbox {
     Uint32 window = 0;
     std::mutex mutex;
     std::vector<SDL_Event> events;
+    // Called when the first of a batch arrives on a thread other than the queue's.
+    std::function<void()> arrivedElsewhere;
 
     // Keeps a copy of our window's events; an SDL event watch.
     static int watch(void* self, SDL_Event* event);
@@ -45,7 +48,11 @@ struct WindowPresenter::Swapper {
     bool busy = false, stop = false;
     std::thread thread;
 
-    Swapper(SDL_Window* w, void* c) : window(w), context(c), thread([this] { loop(); }) {}
+    Swapper(SDL_Window* w, void* c)
+        : window(w), context(c), thread([this] {
+              nameThisThread("kavelin-swap");
+              loop();
+          }) {}
     ~Swapper() {
         {
             std::unique_lock lock(mutex);
