@@ -82,6 +82,14 @@ void MpvMediaPlayer::Core::handle(const mpv_event& e) {
         case MPV_EVENT_SET_PROPERTY_REPLY:
             onReply(e);
             break;
+        case MPV_EVENT_GET_PROPERTY_REPLY:
+            if (e.reply_userdata == kDurationReply && loaded_ && durationAskedFor_ == entryId_) {
+                auto* p = static_cast<mpv_event_property*>(e.data);
+                if (e.error >= 0 && p && p->format == MPV_FORMAT_DOUBLE)
+                    duration_ = *static_cast<double*>(p->data);
+                notifyDuration();
+            }
+            break;
         case MPV_EVENT_SHUTDOWN:
             closed_ = true;
             break;
@@ -97,9 +105,11 @@ void MpvMediaPlayer::Core::onFileLoaded() {
     loaded_ = true;
     failed_ = false;
     eofReached_ = false;
-    double d = kNaN;
-    if (mpv_get_property(mpv_, "duration", MPV_FORMAT_DOUBLE, &d) >= 0) duration_ = d;
-    notifyDuration();
+    // Its change may have come before the load counted. Read without waiting: mpv
+    // holds its lock while it sets the item up, and the host's calls would wait.
+    durationAskedFor_ = entryId_;
+    if (mpv_get_property_async(mpv_, kDurationReply, "duration", MPV_FORMAT_DOUBLE) < 0)
+        notifyDuration();
     if (pendingSeek_ && !pendingSeek_->issued) issueSeek();
     // "loadfile replace" left the current item alone in mpv's playlist.
     if (nextUrl_) request({Request::Kind::appendNext, itemGen_, *nextUrl_});

@@ -36,6 +36,9 @@ enum PropertyId : uint64_t {
 
 // reply_userdata of our own requests (observations use their ids, events 0).
 inline constexpr uint64_t kRequestReply = 0x4b56;
+// Replies nothing waits on in order: a loaded item's duration, a switch of output.
+inline constexpr uint64_t kDurationReply = 0x4b57;
+inline constexpr uint64_t kVideoOutputReply = 0x4b58;
 
 // Keyframe landing is only acceptable when the caller tolerates a whole group of
 // pictures either way; anything tighter is decoded to the exact frame.
@@ -89,9 +92,14 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
 
     mpv_handle* handle() const { return mpv_; }
 
+    // Not waited for: mpv opens the new output on its own thread (tens of
+    // milliseconds); requests sent after it still come after it.
     void setVideoOutput(const std::string& vo) {
         options_.videoOutput = vo;
-        if (mpv_) mpv_set_property_string(mpv_, "vo", vo.c_str());
+        if (!mpv_) return;
+        const char* value = vo.c_str();
+        mpv_set_property_async(mpv_, mpv_detail::kVideoOutputReply, "vo", MPV_FORMAT_STRING,
+                               &value);
     }
 
     void replaceCurrentItem(std::optional<std::string> url);
@@ -260,6 +268,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     std::string url_;
     int64_t entryId_ = 0;
     int64_t startedEntry_ = 0;
+    int64_t durationAskedFor_ = 0;  // the entry whose duration is being read
     bool loaded_ = false;
     bool failed_ = false;
     bool endReported_ = false;

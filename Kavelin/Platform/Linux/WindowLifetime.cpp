@@ -66,13 +66,32 @@ void releaseTexture(TextureHandle texture) {
     glDeleteTextures(1, &id);
 }
 
+// Software GL compiles a pixel shader for the window at the first draw (tens of
+// milliseconds): a throw-away frame into the back buffer, never presented, does it
+// as a task of its own, so that the first frame is not one long wait for the host.
+// It adds no window to ImGui.
+void warmUpDrawing() {
+    ImGui_ImplOpenGL3_NewFrame();
+    ImGui_ImplSDL2_NewFrame();
+    ImGui::NewFrame();
+    ImDrawList* list = ImGui::GetBackgroundDrawList();
+    list->AddRectFilled({0, 0}, {8, 8}, IM_COL32(255, 255, 255, 128), 2);
+    list->AddText({0, 0}, IM_COL32_WHITE, "Kavelin");
+    ImGui::Render();
+    ImGui_ImplOpenGL3_RenderDrawData(ImGui::GetDrawData());
+    glClearColor(0, 0, 0, 1);
+    glClear(GL_COLOR_BUFFER_BIT);
+    glFinish();
+}
+
 // Connecting to the display, making GL contexts and rasterising the fonts take a
 // few hundred milliseconds under software GL: that happens here, on a thread of its
 // own, so neither the host's call nor the library's queue waits for it.
 // The first frame would compile and link the shaders and upload the font atlas on
 // the library's queue (tens of milliseconds under software GL): it happens here.
 // Nothing is drawn: a frame drawn from this thread left the window black now and
-// then under Xvfb.
+// then under Xvfb, and the GL driver's exit handlers registered meanwhile would
+// run before ours while this thread still drew.
 void prepareDrawing(WindowPresenter::Opened& o) {
     SDL_GL_MakeCurrent(o.window, o.glContext);
     ImGui_ImplSDL2_InitForOpenGL(o.window, o.glContext);
@@ -224,6 +243,13 @@ void WindowPresenter::finishOpening() {
             if (attached && weakPlayer.lock()) mpv->setVideoOutput("libmpv");
         });
     }
+    queue_->async([weak] {
+        auto self = weak.lock();
+        if (!self || !self->window_) return;
+        ImGui::SetCurrentContext(static_cast<ImGuiContext*>(self->imgui_));
+        self->acquireGl();
+        warmUpDrawing();
+    });
     if (pendingShow_) {
         pendingShow_ = false;
         showWindow(true);
