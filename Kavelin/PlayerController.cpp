@@ -32,7 +32,7 @@ std::shared_ptr<PlayerController> PlayerController::make(const Platform& platfor
 }
 
 PlayerController::PlayerController(Platform platform)
-    : urls(5, kPlaceholderStream), platform_(std::move(platform)) {}
+    : platform_(std::move(platform)), urls_(5, kPlaceholderStream) {}
 
 PlayerController::~PlayerController() {
     VPLogger::log("🧼 PlayerController instance cleaned up – resources released successfully!");
@@ -40,12 +40,12 @@ PlayerController::~PlayerController() {
 
 void PlayerController::setURLS(std::vector<std::string> newURLs) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    urls = std::move(newURLs);
+    urls_ = std::move(newURLs);
 }
 
 void PlayerController::attachPlaylist(const std::shared_ptr<PlaylistController>& playlist) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    playlistController = playlist;
+    playlistController_ = playlist;
     if (!playlist) return;
     const int index = currentIndex;
     if (index < 0 || index >= static_cast<int>(playlist->videos.size())) {
@@ -59,7 +59,7 @@ void PlayerController::attachPlaylist(const std::shared_ptr<PlaylistController>&
 
 std::string PlayerController::currentVideoID() const {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    auto playlist = playlistController.lock();
+    auto playlist = playlistController_.lock();
     if (!playlist) return "";
     const int index = currentIndex;
     if (index < 0 || index >= static_cast<int>(playlist->videos.size())) return "";
@@ -95,12 +95,12 @@ void PlayerController::loadVideo(const std::string& urlString) {
         // outlast the connection opened for it.
         if (subscriptionStatus() == SubscriptionStatus::premium)
             mediaPlayer->prepareNextItem(upcomingAddress());
-        statusObservation = mediaPlayer->addStatusObserver(
+        statusObservation_ = mediaPlayer->addStatusObserver(
             [weak](TimeControlStatus oldStatus, TimeControlStatus newStatus) {
                 if (auto self = weak.lock()) self->onStatusChange(oldStatus, newStatus);
             });
-        isObservingTimeControlStatus = true;
-        failureObservation = mediaPlayer->addFailureObserver(
+        isObservingTimeControlStatus_ = true;
+        failureObservation_ = mediaPlayer->addFailureObserver(
             [weak, generation = itemGeneration_](const std::string& reason) {
                 auto self = weak.lock();
                 if (self && self->itemGeneration_ == generation) self->playbackDidFail(reason);
@@ -110,7 +110,7 @@ void PlayerController::loadVideo(const std::string& urlString) {
     addPeriodicTimeObserver();
 
     const int index = currentIndex;
-    const int last = static_cast<int>(urls.size()) - 1;
+    const int last = static_cast<int>(urls_.size()) - 1;
     if (index == 0) {
         disableBackButton = true;
         disbleForwardButton = false;
@@ -123,16 +123,16 @@ void PlayerController::loadVideo(const std::string& urlString) {
     }
 
     if (mediaPlayer) {
-        endOfItemObservation = mediaPlayer->addEndOfItemObserver([weak] {
+        endOfItemObservation_ = mediaPlayer->addEndOfItemObserver([weak] {
             if (auto self = weak.lock()) self->playerDidFinishPlaying();
         });
     }
 
-    if (!hostingController) presentVideoPlayer();
+    if (!hostingController_) presentVideoPlayer();
     armNoProgressWatch();
     play();  // cleanup() above cleared any resume position: a load starts at 0
     autoHideControls();
-    if (auto playlist = playlistController.lock()) playlist->videoStarted(currentVideoID());
+    if (auto playlist = playlistController_.lock()) playlist->videoStarted(currentVideoID());
 }
 
 void PlayerController::play() {
@@ -152,14 +152,14 @@ void PlayerController::play() {
         return;
     }
     const int index = currentIndex;
-    if (loadDepth_ == 0 && index >= 0 && index < static_cast<int>(urls.size()) &&
-        !hostingController)
-        loadVideo(urls[static_cast<size_t>(index)]);
+    if (loadDepth_ == 0 && index >= 0 && index < static_cast<int>(urls_.size()) &&
+        !hostingController_)
+        loadVideo(urls_[static_cast<size_t>(index)]);
 
     isPlaying = true;
     showLoadingUI(false);
     autoHideControls();
-    shouldBePlayingAfterResume = true;
+    shouldBePlayingAfterResume_ = true;
     scheduleHalfScreenAutoReturn();
     if (auto p = player.get()) p->play();
 }
@@ -174,7 +174,7 @@ void PlayerController::pause() {
     isPlaying = false;
     cancelAutoHide();
     showControls = true;
-    shouldBePlayingAfterResume = false;
+    shouldBePlayingAfterResume_ = false;
     if (mediaPlayer) mediaPlayer->pause();
 }
 
@@ -188,16 +188,21 @@ void PlayerController::stop() {
 void PlayerController::beginScrub() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     isScrubbing = true;
-    wasPlayingBeforeScrub = isPlaying;
+    wasPlayingBeforeScrub_ = isPlaying;
     if (const auto& p = player.get()) p->pause();
     cancelAutoHide();
+}
+
+void PlayerController::scrubTo(double seconds) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    currentTime = seconds;
 }
 
 void PlayerController::endScrub() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     isScrubbing = false;
     seekTo(currentTime);
-    if (wasPlayingBeforeScrub) play();
+    if (wasPlayingBeforeScrub_) play();
     scheduleHalfScreenAutoReturn();
     autoHideControls();
 }
@@ -208,8 +213,8 @@ void PlayerController::seekTo(double value) {
     auto mediaPlayer = player.get();
     const double from = mediaPlayer ? mediaPlayer->currentTime() : 0;
     if (subscriptionStatus() == SubscriptionStatus::free) {
-        if (auto cue = midRollCuePointState.handleSeek(from, value)) {
-            midRollCuePointState.seekTargetAfterAd = value;
+        if (auto cue = midRollCuePointState_.handleSeek(from, value)) {
+            midRollCuePointState_.seekTargetAfterAd = value;
             triggerMidRollAd(*cue);
             return;
         }
@@ -242,12 +247,12 @@ void PlayerController::addPeriodicTimeObserver() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto mediaPlayer = player.get();
     if (!mediaPlayer) {
-        timeObserverToken = 0;
+        timeObserverToken_ = 0;
         return;
     }
-    if (timeObserverToken) mediaPlayer->removeTimeObserver(timeObserverToken);
+    if (timeObserverToken_) mediaPlayer->removeTimeObserver(timeObserverToken_);
     std::weak_ptr<PlayerController> weak = weak_from_this();
-    timeObserverToken = mediaPlayer->addPeriodicTimeObserver(kClockInterval, [weak](double t) {
+    timeObserverToken_ = mediaPlayer->addPeriodicTimeObserver(kClockInterval, [weak](double t) {
         if (auto self = weak.lock()) self->onClockTick(t);
     });
 }
@@ -260,7 +265,7 @@ void PlayerController::onClockTick(double t) {
 
     if (subscriptionStatus() == SubscriptionStatus::free && isPlaying && !isScrubbing &&
         !shouldWaitForAd && adAllowedByTracker()) {
-        if (auto cue = midRollCuePointState.cuePointToTrigger(t)) {
+        if (auto cue = midRollCuePointState_.cuePointToTrigger(t)) {
             triggerMidRollAd(*cue);
             return;
         }
@@ -268,23 +273,23 @@ void PlayerController::onClockTick(double t) {
 
     const double left = std::trunc(duration - currentTime);
     const int remaining = static_cast<int>(std::clamp(left, -1e9, 1e9));
-    auto playlist = playlistController.lock();
+    auto playlist = playlistController_.lock();
     if (!playlist || !playlist->currentVideoID.get()) return;
     const std::string id = *playlist->currentVideoID.get();
     playlist->videoCompleted(id, currentTime);
     playlist->triggerCountdownIfNeeded(id, remaining);
-    if (remaining < 6 && !dismissedCountdownRail) showPlaylist = true;
+    if (remaining < 6 && !dismissedCountdownRail_) showPlaylist = true;
 }
 
 void PlayerController::observeDuration() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto mediaPlayer = player.get();
     if (!mediaPlayer || !mediaPlayer->hasCurrentItem()) return;
-    if (durationObservation) mediaPlayer->invalidateDurationObservation(durationObservation);
-    durationObservation = 0;
+    if (durationObservation_) mediaPlayer->invalidateDurationObservation(durationObservation_);
+    durationObservation_ = 0;
     std::weak_ptr<PlayerController> weak = weak_from_this();
     const uint64_t generation = itemGeneration_;
-    durationObservation = mediaPlayer->observeDuration([weak, generation](double seconds) {
+    durationObservation_ = mediaPlayer->observeDuration([weak, generation](double seconds) {
         if (!std::isfinite(seconds) || seconds <= 0) return;
         auto self = weak.lock();
         if (!self) return;
@@ -293,11 +298,12 @@ void PlayerController::observeDuration() {
             if (!self || self->itemGeneration_ != generation) return;
             self->duration = seconds;
             if (subscriptionStatus() == SubscriptionStatus::free &&
-                !self->midRollCuePointState.hasCuePoints()) {
+                !self->midRollCuePointState_.hasCuePoints()) {
                 std::optional<std::string> videoId;
-                if (auto playlist = self->playlistController.lock())
+                if (auto playlist = self->playlistController_.lock())
                     videoId = playlist->currentVideoID.get();
-                self->midRollCuePointState.computeCuePoints(seconds, videoId, self->midRollConfig);
+                self->midRollCuePointState_.computeCuePoints(seconds, videoId,
+                                                             self->midRollConfig_);
             }
         });
     });
@@ -314,8 +320,8 @@ void PlayerController::onStatusChange(TimeControlStatus oldStatus, TimeControlSt
         if (self->itemGeneration_ != generation) return;
         if (waiting)
             self->armNoProgressWatch();
-        else if (self->noProgressWorkItem)
-            std::exchange(self->noProgressWorkItem, nullptr)->cancel();
+        else if (self->noProgressWorkItem_)
+            std::exchange(self->noProgressWorkItem_, nullptr)->cancel();
     });
 }
 
@@ -323,12 +329,12 @@ void PlayerController::armNoProgressWatch() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     // A stalled server or an item that never opens must not spin forever; a slow
     // one that keeps making progress goes back to playing and disarms this.
-    if (noProgressWorkItem || playbackFailed) return;
-    const double limit = noProgressTimeout;
-    noProgressWorkItem = makeWorkItem([weak = weak_from_this(), limit] {
+    if (noProgressWorkItem_ || playbackFailed) return;
+    const double limit = noProgressTimeout_;
+    noProgressWorkItem_ = makeWorkItem([weak = weak_from_this(), limit] {
         auto self = weak.lock();
         if (!self) return;
-        self->noProgressWorkItem = nullptr;
+        self->noProgressWorkItem_ = nullptr;
         auto mediaPlayer = self->player.get();
         if (!mediaPlayer || !mediaPlayer->hasCurrentItem() || !self->isPlaying ||
             mediaPlayer->timeControlStatus() != TimeControlStatus::waitingToPlayAtSpecifiedRate)
@@ -337,13 +343,19 @@ void PlayerController::armNoProgressWatch() {
         std::snprintf(reason, sizeof reason, "no progress for %.0f s", limit);
         self->playbackDidFail(reason);
     });
-    platform_.queue->asyncAfter(limit, noProgressWorkItem);
+    platform_.queue->asyncAfter(limit, noProgressWorkItem_);
+}
+
+void PlayerController::setFailureTimeouts(double noProgress, double leaveAfterFailure) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    noProgressTimeout_ = noProgress;
+    leaveAfterFailureDelay_ = leaveAfterFailure;
 }
 
 void PlayerController::cancelFailureTimers() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    if (noProgressWorkItem) std::exchange(noProgressWorkItem, nullptr)->cancel();
-    if (leaveAfterFailureWorkItem) std::exchange(leaveAfterFailureWorkItem, nullptr)->cancel();
+    if (noProgressWorkItem_) std::exchange(noProgressWorkItem_, nullptr)->cancel();
+    if (leaveAfterFailureWorkItem_) std::exchange(leaveAfterFailureWorkItem_, nullptr)->cancel();
 }
 
 void PlayerController::playbackDidFail(const std::string& reason) {
@@ -351,24 +363,24 @@ void PlayerController::playbackDidFail(const std::string& reason) {
     if (playbackFailed) return;
     cancelFailureTimers();
     char delay[32];
-    std::snprintf(delay, sizeof delay, "%.0f", leaveAfterFailureDelay);
+    std::snprintf(delay, sizeof delay, "%.0f", leaveAfterFailureDelay_);
     VPLogger::error("❌ Video can't be played (" + reason + "), leaving in " + delay +
                     " s unless the viewer retries: " + loadedURL_);
     playbackFailed = true;
     isPlaying = false;
-    shouldBePlayingAfterResume = false;
+    shouldBePlayingAfterResume_ = false;
     if (auto mediaPlayer = player.get()) mediaPlayer->pause();
     showLoadingUI(false);
     // The controls stay up: they hold the way back and the retry.
     cancelAutoHide();
     showControls = true;
-    leaveAfterFailureWorkItem = makeWorkItem([weak = weak_from_this()] {
+    leaveAfterFailureWorkItem_ = makeWorkItem([weak = weak_from_this()] {
         auto self = weak.lock();
         if (!self || !self->playbackFailed) return;
-        self->leaveAfterFailureWorkItem = nullptr;
+        self->leaveAfterFailureWorkItem_ = nullptr;
         self->backToHome();
     });
-    platform_.queue->asyncAfter(leaveAfterFailureDelay, leaveAfterFailureWorkItem);
+    platform_.queue->asyncAfter(leaveAfterFailureDelay_, leaveAfterFailureWorkItem_);
 }
 
 std::string PlayerController::formatTime(double seconds) {
@@ -385,20 +397,20 @@ std::string PlayerController::formatTime(double seconds) {
 void PlayerController::cleanup() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     auto mediaPlayer = player.get();
-    if (timeObserverToken && mediaPlayer) mediaPlayer->removeTimeObserver(timeObserverToken);
-    timeObserverToken = 0;
-    if (isObservingTimeControlStatus && mediaPlayer)
-        mediaPlayer->removeStatusObserver(statusObservation);
-    isObservingTimeControlStatus = false;
-    statusObservation = 0;
-    if (endOfItemObservation && mediaPlayer)
-        mediaPlayer->removeEndOfItemObserver(endOfItemObservation);
-    endOfItemObservation = 0;
-    if (durationObservation && mediaPlayer)
-        mediaPlayer->invalidateDurationObservation(durationObservation);
-    durationObservation = 0;
-    if (failureObservation && mediaPlayer) mediaPlayer->removeFailureObserver(failureObservation);
-    failureObservation = 0;
+    if (timeObserverToken_ && mediaPlayer) mediaPlayer->removeTimeObserver(timeObserverToken_);
+    timeObserverToken_ = 0;
+    if (isObservingTimeControlStatus_ && mediaPlayer)
+        mediaPlayer->removeStatusObserver(statusObservation_);
+    isObservingTimeControlStatus_ = false;
+    statusObservation_ = 0;
+    if (endOfItemObservation_ && mediaPlayer)
+        mediaPlayer->removeEndOfItemObserver(endOfItemObservation_);
+    endOfItemObservation_ = 0;
+    if (durationObservation_ && mediaPlayer)
+        mediaPlayer->invalidateDurationObservation(durationObservation_);
+    durationObservation_ = 0;
+    if (failureObservation_ && mediaPlayer) mediaPlayer->removeFailureObserver(failureObservation_);
+    failureObservation_ = 0;
     cancelFailureTimers();
     playbackFailed = false;
     ++itemGeneration_;
@@ -413,28 +425,28 @@ void PlayerController::cleanup() {
     duration = 0;
     isPlaying = false;
     isScrubbing = false;
-    wasPlayingBeforeScrub = false;
+    wasPlayingBeforeScrub_ = false;
 
-    midRollCuePointState.reset();
-    midRollResumePosition.reset();
-    if (midRollFallbackWorkItem) std::exchange(midRollFallbackWorkItem, nullptr)->cancel();
+    midRollCuePointState_.reset();
+    midRollResumePosition_.reset();
+    if (midRollFallbackWorkItem_) std::exchange(midRollFallbackWorkItem_, nullptr)->cancel();
 }
 
 bool PlayerController::adAllowedByTracker() const {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    auto tracker = adSessionTracker.lock();
-    return !tracker || tracker->canShowAd(midRollConfig);
+    auto tracker = adSessionTracker_.lock();
+    return !tracker || tracker->canShowAd(midRollConfig_);
 }
 
 bool PlayerController::loadURLAt(int index, std::string_view caller) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    if (index < 0 || index >= static_cast<int>(urls.size())) {
+    if (index < 0 || index >= static_cast<int>(urls_.size())) {
         VPLogger::warning("⚠️ " + std::string(caller) + ": index " + std::to_string(index) +
-                          " is outside the " + std::to_string(urls.size()) +
+                          " is outside the " + std::to_string(urls_.size()) +
                           " stream addresses; ignored");
         return false;
     }
-    return moveAndLoad(index, urls[static_cast<size_t>(index)]);
+    return moveAndLoad(index, urls_[static_cast<size_t>(index)]);
 }
 
 bool PlayerController::moveAndLoad(int index, const std::string& urlString) {

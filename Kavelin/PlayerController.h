@@ -33,64 +33,78 @@ class PlayerController : public ObservableObject,
     static std::shared_ptr<PlayerController> make(const Platform& platform = Platform::current());
     ~PlayerController() override;
 
-    // --- published state ---
-    Published<std::shared_ptr<MediaPlayer>> player{this, nullptr};
-    Published<bool> isPlaying{this, false};
-    Published<double> currentTime{this, 0};
-    Published<double> duration{this, 0};
-    Published<bool> showForwardButton{this, false};
-    Published<bool> showBackwordButton{this, false};
-    Published<bool> showBack10Button{this, true};
-    Published<bool> showFor10Button{this, true};
-    Published<bool> showPlayPauseButton{this, true};
-    Published<bool> showBackButton{this, true};
-    Published<bool> showLogo{this, true};
-    Published<bool> showSeekbar{this, true};
-    Published<bool> showTimeDration{this, true};
-    Published<bool> showLoading{this, true};
-    Published<bool> disableBackButton{this, false};
-    Published<bool> disbleForwardButton{this, false};
-    Published<bool> showControls{this, true};
-    Published<WorkItemPtr> hideControlsWorkItem{this, nullptr};
-    Published<bool> showPlaylist{this, false};
-    Published<bool> shouldWaitForAd{this, false};
-    Published<int> currentIndex{this, 0};
-    Published<bool> isScrubbing{this, false};
-    // The current item cannot play (it failed, or made no progress for
-    // `noProgressTimeout`): the screen says so and leaves on its own after
-    // `leaveAfterFailureDelay` unless the viewer goes back or retries first.
-    Published<bool> playbackFailed{this, false};
+    // Published state, read by the screen and the host; only the controller assigns it.
+    template <typename T>
+    using ReadOnly = Published<T, PlayerController>;
 
-    // --- plain state ---
-    bool shouldBePlayingAfterResume = false;
-    std::optional<Video> pendingVideo;
-    std::optional<int> pendingNextIndex;
-    MidRollAdConfig midRollConfig = MidRollAdConfig::empty();
-    MidRollCuePointState midRollCuePointState;
-    std::optional<double> midRollResumePosition;
-    WorkItemPtr midRollFallbackWorkItem;
-    std::weak_ptr<AdSessionTracker> adSessionTracker;
-    std::weak_ptr<PlaylistController> playlistController;
-    std::vector<std::string> urls;
-    MediaPlayer::ObserverId timeObserverToken = 0;
-    MediaPlayer::ObserverId durationObservation = 0;
-    MediaPlayer::ObserverId statusObservation = 0;
-    bool isObservingTimeControlStatus = false;
-    MediaPlayer::ObserverId endOfItemObservation = 0;
-    std::shared_ptr<HostingController> hostingController;
-    WorkItemPtr halfScreenAutoReturnWorkItem;
-    bool hasShownInitialHalfScreen = false;
-    bool dismissedCountdownRail = false;
-    bool wasPlayingBeforeScrub = false;
-    MediaPlayer::ObserverId failureObservation = 0;
-    WorkItemPtr noProgressWorkItem;
-    WorkItemPtr leaveAfterFailureWorkItem;
-    double noProgressTimeout = 15.0;
-    double leaveAfterFailureDelay = 8.0;
+    ReadOnly<std::shared_ptr<MediaPlayer>> player{this, nullptr};
+    ReadOnly<bool> isPlaying{this, false};
+    ReadOnly<double> currentTime{this, 0};
+    ReadOnly<double> duration{this, 0};
+    ReadOnly<bool> showForwardButton{this, false};
+    ReadOnly<bool> showBackwordButton{this, false};
+    ReadOnly<bool> showBack10Button{this, true};
+    ReadOnly<bool> showFor10Button{this, true};
+    ReadOnly<bool> showPlayPauseButton{this, true};
+    ReadOnly<bool> showBackButton{this, true};
+    ReadOnly<bool> showLogo{this, true};
+    ReadOnly<bool> showSeekbar{this, true};
+    ReadOnly<bool> showTimeDration{this, true};
+    ReadOnly<bool> showLoading{this, true};
+    ReadOnly<bool> disableBackButton{this, false};
+    ReadOnly<bool> disbleForwardButton{this, false};
+    ReadOnly<bool> showControls{this, true};
+    ReadOnly<WorkItemPtr> hideControlsWorkItem{this, nullptr};
+    ReadOnly<bool> showPlaylist{this, false};
+    ReadOnly<bool> shouldWaitForAd{this, false};
+    ReadOnly<int> currentIndex{this, 0};
+    ReadOnly<bool> isScrubbing{this, false};
+    // The current item cannot play (it failed, or made no progress for
+    // `noProgressTimeout()`): the screen says so and leaves on its own after
+    // `leaveAfterFailureDelay()` unless the viewer goes back or retries first.
+    ReadOnly<bool> playbackFailed{this, false};
+
+    // --- what the host and the service set ---
+    // The parts of the screen the host may hide or show.
+    enum class Control {
+        forwardButton,
+        backwordButton,
+        back10Button,
+        for10Button,
+        playPauseButton,
+        backButton,
+        logo,
+        seekbar,
+        timeDuration,
+    };
+    void setControlShown(Control control, bool shown);
+    void setAdSessionTracker(std::weak_ptr<AdSessionTracker> tracker);
+    void setMidRollConfig(MidRollAdConfig config);
+    // A premium viewer has no breaks: the plan for the current item is dropped.
+    void clearMidRollPlan();
+    // Follows `playlists` from now on and starts `selected` in it.
+    void playPlaylist(const std::shared_ptr<PlaylistController>& playlists,
+                      const Playlist& selected);
+    // How long a stalled item may make no progress, and how long a failure stays
+    // on screen before leaving.
+    void setFailureTimeouts(double noProgress, double leaveAfterFailure);
+
+    // --- what the screen, the service and tests read ---
+    bool shouldBePlayingAfterResume() const { return shouldBePlayingAfterResume_; }
+    const std::shared_ptr<HostingController>& hostingController() const {
+        return hostingController_;
+    }
+    std::shared_ptr<AdSessionTracker> adSessionTracker() const { return adSessionTracker_.lock(); }
+    const MidRollAdConfig& midRollConfig() const { return midRollConfig_; }
+    const MidRollCuePointState& midRollCuePointState() const { return midRollCuePointState_; }
+    std::optional<double> midRollResumePosition() const { return midRollResumePosition_; }
+    bool isCountdownRailDismissed() const { return dismissedCountdownRail_; }
+    double noProgressTimeout() const { return noProgressTimeout_; }
+    double leaveAfterFailureDelay() const { return leaveAfterFailureDelay_; }
 
     // --- player core ---
     void setURLS(std::vector<std::string> urls);
-    const std::vector<std::string>& getURLs() const { return urls; }
+    const std::vector<std::string>& getURLs() const { return urls_; }
     void attachPlaylist(const std::shared_ptr<PlaylistController>& playlist);
     std::string currentVideoID() const;
     void loadVideo(const std::string& urlString);
@@ -103,6 +117,8 @@ class PlayerController : public ObservableObject,
     // The seek bar's drag: playback holds while the thumb moves and resumes, at the
     // dropped position, only if it was playing before.
     void beginScrub();
+    // The thumb's position while dragging: shown at once, sought on endScrub.
+    void scrubTo(double seconds);
     void endScrub();
     void showLoadingUI(bool show);
     void addPeriodicTimeObserver();
@@ -115,6 +131,11 @@ class PlayerController : public ObservableObject,
 
     // --- controls and presentation ---
     void toggleControls();
+    // A tap on the picture: brings the controls up and toggles the rail. Closing
+    // the rail during the countdown keeps it away for the rest of that video.
+    void tapOnVideo();
+    // The last seconds of a video, when the rail counts down to the next one.
+    static bool isCountdownPhase(double currentTime, double duration);
     void autoHideControls();
     void cancelAutoHide();
     void startAutoHideTimer();
@@ -151,6 +172,7 @@ class PlayerController : public ObservableObject,
 
   private:
     explicit PlayerController(Platform platform);
+    ReadOnly<bool>* flagFor(Control control);
     void onClockTick(double t);
     void onStatusChange(TimeControlStatus oldStatus, TimeControlStatus newStatus);
     bool adAllowedByTracker() const;
@@ -167,6 +189,31 @@ class PlayerController : public ObservableObject,
     void adClosingStepDone();
 
     Platform platform_;
+    bool shouldBePlayingAfterResume_ = false;
+    std::optional<Video> pendingVideo_;
+    std::optional<int> pendingNextIndex_;
+    MidRollAdConfig midRollConfig_ = MidRollAdConfig::empty();
+    MidRollCuePointState midRollCuePointState_;
+    std::optional<double> midRollResumePosition_;
+    WorkItemPtr midRollFallbackWorkItem_;
+    std::weak_ptr<AdSessionTracker> adSessionTracker_;
+    std::weak_ptr<PlaylistController> playlistController_;
+    std::vector<std::string> urls_;
+    MediaPlayer::ObserverId timeObserverToken_ = 0;
+    MediaPlayer::ObserverId durationObservation_ = 0;
+    MediaPlayer::ObserverId statusObservation_ = 0;
+    bool isObservingTimeControlStatus_ = false;
+    MediaPlayer::ObserverId endOfItemObservation_ = 0;
+    std::shared_ptr<HostingController> hostingController_;
+    WorkItemPtr halfScreenAutoReturnWorkItem_;
+    bool hasShownInitialHalfScreen_ = false;
+    bool dismissedCountdownRail_ = false;
+    bool wasPlayingBeforeScrub_ = false;
+    MediaPlayer::ObserverId failureObservation_ = 0;
+    WorkItemPtr noProgressWorkItem_;
+    WorkItemPtr leaveAfterFailureWorkItem_;
+    double noProgressTimeout_ = 15.0;
+    double leaveAfterFailureDelay_ = 8.0;
     // Teardown and dismissal steps of the ad close still to come, and whether an
     // early acknowledgement waits for them.
     int adClosingSteps_ = 0;

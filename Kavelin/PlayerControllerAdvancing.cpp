@@ -27,7 +27,7 @@ std::optional<int> indexOfVideo(const std::vector<Video>& videos, const std::str
 void PlayerController::playerDidFinishPlaying() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto keepAlive = shared_from_this();  // events reach host code
-    auto playlist = playlistController.lock();
+    auto playlist = playlistController_.lock();
     if (!playlist || !playlist->currentVideoID.get()) return;
     auto found = indexOfVideo(playlist->videos, *playlist->currentVideoID.get());
     if (!found) return;
@@ -38,7 +38,7 @@ void PlayerController::playerDidFinishPlaying() {
     if (isFree() && adAllowedByTracker()) {
         switchScreenBack_and_forth();
         shouldWaitForAd = true;
-        pendingNextIndex = index;
+        pendingNextIndex_ = index;
         sendUnityMessage("OnNextVideoAdRequired", text);
         return;
     }
@@ -47,11 +47,11 @@ void PlayerController::playerDidFinishPlaying() {
 
 void PlayerController::playNextVideo(int index) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    auto playlist = playlistController.lock();
+    auto playlist = playlistController_.lock();
     if (!playlist) return;
     showLoadingUI(true);
     const int next = index + 1;
-    if (next >= static_cast<int>(urls.size())) {
+    if (next >= static_cast<int>(urls_.size())) {
         playNextPlaylist();
         return;
     }
@@ -68,7 +68,7 @@ void PlayerController::playNextVideo(int index) {
 
 void PlayerController::playNextPlaylist() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    auto playlist = playlistController.lock();
+    auto playlist = playlistController_.lock();
     if (!playlist) return;
     // The catalogue is a ring: after the last playlist comes the first.
     const Playlist chosen = playlist->nextPlaylist.get() ? *playlist->nextPlaylist.get()
@@ -91,16 +91,16 @@ void PlayerController::playNextPlaylist() {
                           " has no videos; nothing to play");
         return;
     }
-    loadVideo(urls[0]);
+    loadVideo(urls_[0]);
     playlist->videoStarted(chosen.videos[0].id);
 }
 
 std::optional<std::string> PlayerController::upcomingAddress() const {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    auto playlist = playlistController.lock();
+    auto playlist = playlistController_.lock();
     if (!playlist) return std::nullopt;
     const int next = currentIndex + 1;
-    if (next < static_cast<int>(urls.size())) {
+    if (next < static_cast<int>(urls_.size())) {
         if (next >= static_cast<int>(playlist->videos.size())) return std::nullopt;
         return playerAddress(playlist->videos[static_cast<size_t>(next)].url);
     }
@@ -112,7 +112,7 @@ std::optional<std::string> PlayerController::upcomingAddress() const {
 
 void PlayerController::nextVideo() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    if (currentIndex < static_cast<int>(urls.size()) - 1) {
+    if (currentIndex < static_cast<int>(urls_.size()) - 1) {
         autoHideControls();
         loadURLAt(currentIndex + 1, "nextVideo");
     } else {
@@ -132,7 +132,7 @@ void PlayerController::prevVideo() {
 
 void PlayerController::playApprovedVideo() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    if (currentIndex < static_cast<int>(urls.size())) loadURLAt(currentIndex, "playApprovedVideo");
+    if (currentIndex < static_cast<int>(urls_.size())) loadURLAt(currentIndex, "playApprovedVideo");
 }
 
 void PlayerController::onVideoSelected(const Video& video) {
@@ -143,21 +143,22 @@ void PlayerController::onVideoSelected(const Video& video) {
         // Every tile choice by a free viewer asks for an ad, whatever the tracker says.
         switchScreenBack_and_forth();
         shouldWaitForAd = true;
-        pendingVideo = video;
+        pendingVideo_ = video;
         sendUnityMessage("OnVideoTileClicked", video.id);
         return;
     }
     showLoadingUI(true);
     std::optional<int> index;
-    if (auto playlist = playlistController.lock()) index = indexOfVideo(playlist->videos, video.id);
+    if (auto playlist = playlistController_.lock())
+        index = indexOfVideo(playlist->videos, video.id);
     moveAndLoad(index.value_or(0), video.url);
 }
 
 void PlayerController::onPlaylistSelected(const Playlist& selected) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     showLoadingUI(true);
-    dismissedCountdownRail = false;
-    auto playlist = playlistController.lock();
+    dismissedCountdownRail_ = false;
+    auto playlist = playlistController_.lock();
     if (!playlist) {
         showLoadingUI(false);
         VPLogger::error("PlaylistController not initialized");
@@ -180,7 +181,7 @@ void PlayerController::onPlaylistSelected(const Playlist& selected) {
     playlist->userSelectedPlaylist(selected);
     VPLogger::log("playlist: " + selected.id);
 
-    urls.clear();
+    urls_.clear();
     std::vector<std::string> addresses;
     addresses.reserve(playlist->videos.size());
     for (const auto& video : playlist->videos) addresses.push_back(video.url);
@@ -191,15 +192,37 @@ void PlayerController::onPlaylistSelected(const Playlist& selected) {
     loadURLAt(currentIndex, "onPlaylistSelected");
 }
 
+void PlayerController::playPlaylist(const std::shared_ptr<PlaylistController>& playlists,
+                                    const Playlist& selected) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    playlistController_ = playlists;
+    onPlaylistSelected(selected);
+}
+
+void PlayerController::setAdSessionTracker(std::weak_ptr<AdSessionTracker> tracker) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    adSessionTracker_ = std::move(tracker);
+}
+
+void PlayerController::setMidRollConfig(MidRollAdConfig config) {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    midRollConfig_ = std::move(config);
+}
+
+void PlayerController::clearMidRollPlan() {
+    KAVELIN_ASSERT_ON_MAIN_QUEUE();
+    midRollCuePointState_.reset();
+}
+
 void PlayerController::triggerMidRollAd(double cue) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto keepAlive = shared_from_this();  // events reach host code
-    midRollCuePointState.markConsumed(cue);
-    midRollCuePointState.isShowingAd = true;
+    midRollCuePointState_.markConsumed(cue);
+    midRollCuePointState_.isShowingAd = true;
     if (auto p = player.get())
-        midRollResumePosition = p->currentTime();
+        midRollResumePosition_ = p->currentTime();
     else
-        midRollResumePosition.reset();
+        midRollResumePosition_.reset();
     shouldWaitForAd = true;
     const std::string cueText = formatDouble("%.1f", cue);
     VPLogger::log("⏱️ Mid-roll ad triggered at " + cueText + "s");
@@ -208,14 +231,14 @@ void PlayerController::triggerMidRollAd(double cue) {
     switchScreenBack_and_forth();
     sendUnityMessage("OnMidRollAdRequired", cueText);
 
-    if (midRollFallbackWorkItem) midRollFallbackWorkItem->cancel();
-    midRollFallbackWorkItem = makeWorkItem([weak = weak_from_this()] {
+    if (midRollFallbackWorkItem_) midRollFallbackWorkItem_->cancel();
+    midRollFallbackWorkItem_ = makeWorkItem([weak = weak_from_this()] {
         auto self = weak.lock();
-        if (!self || !self->midRollCuePointState.isShowingAd) return;
+        if (!self || !self->midRollCuePointState_.isShowingAd) return;
         VPLogger::log("⏱️ Mid-roll ad timeout — auto-resuming");
         self->resumeAfterMidRollAd();
     });
-    platform_.queue->asyncAfter(midRollConfig.adTimeoutSeconds, midRollFallbackWorkItem);
+    platform_.queue->asyncAfter(midRollConfig_.adTimeoutSeconds, midRollFallbackWorkItem_);
 }
 
 void PlayerController::setAdRequired(bool required) {
@@ -245,20 +268,20 @@ void PlayerController::adClosingStepDone() {
 void PlayerController::resumeAfterAdCompleted() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     const auto keepAlive = shared_from_this();  // loading reaches host code
-    if (midRollCuePointState.isShowingAd) {
+    if (midRollCuePointState_.isShowingAd) {
         resumeAfterMidRollAd();
         loadURLAt(currentIndex, "AdCompletedResumePlayback");
         return;
     }
     shouldWaitForAd = false;
-    if (pendingVideo) {
-        const Video video = *std::exchange(pendingVideo, std::nullopt);
+    if (pendingVideo_) {
+        const Video video = *std::exchange(pendingVideo_, std::nullopt);
         std::optional<int> index;
-        if (auto playlist = playlistController.lock())
+        if (auto playlist = playlistController_.lock())
             index = indexOfVideo(playlist->videos, video.id);
         moveAndLoad(index.value_or(0), video.url);
-    } else if (pendingNextIndex) {
-        const int index = *std::exchange(pendingNextIndex, std::nullopt);
+    } else if (pendingNextIndex_) {
+        const int index = *std::exchange(pendingNextIndex_, std::nullopt);
         playNextVideo(index);
     } else {
         play();
@@ -267,12 +290,12 @@ void PlayerController::resumeAfterAdCompleted() {
 
 void PlayerController::resumeAfterMidRollAd() {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    if (midRollFallbackWorkItem) std::exchange(midRollFallbackWorkItem, nullptr)->cancel();
-    midRollCuePointState.isShowingAd = false;
+    if (midRollFallbackWorkItem_) std::exchange(midRollFallbackWorkItem_, nullptr)->cancel();
+    midRollCuePointState_.isShowingAd = false;
     shouldWaitForAd = false;
-    if (midRollCuePointState.seekTargetAfterAd) {
-        midRollResumePosition = midRollCuePointState.seekTargetAfterAd;
-        midRollCuePointState.seekTargetAfterAd.reset();
+    if (midRollCuePointState_.seekTargetAfterAd) {
+        midRollResumePosition_ = midRollCuePointState_.seekTargetAfterAd;
+        midRollCuePointState_.seekTargetAfterAd.reset();
     }
 }
 

@@ -31,18 +31,13 @@ VideoPlayerService::VideoPlayerService(const Platform& platform)
 
 std::shared_ptr<PlayerController> VideoPlayerService::makePlayerController() const {
     auto controller = PlayerController::make(platform_);
-    controller->adSessionTracker = adSessionTracker;
+    controller->setAdSessionTracker(adSessionTracker);
     return controller;
 }
 
 int VideoPlayerService::currentIndex() const {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     return playerController ? playerController->currentIndex.get() : 0;
-}
-
-void VideoPlayerService::setCurrentIndex(int index) {
-    KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    if (playerController) playerController->currentIndex = index;
 }
 
 void VideoPlayerService::loadVideo(const std::string& urlString) {
@@ -93,50 +88,50 @@ void VideoPlayerService::setURLS(std::vector<std::string> urls) {
     playerController->setURLS(std::move(urls));
 }
 
-void VideoPlayerService::setFlagLater(Published<bool> PlayerController::*flag, bool value) {
+void VideoPlayerService::setShownLater(PlayerController::Control control, bool shown) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     // Deferred on purpose: a flag set right after setURLS lands after the current work.
     // The service lives as long as the process, so `this` outlives the task.
-    platform_.queue->async([this, flag, value] {
-        if (playerController) (*playerController).*flag = value;
+    platform_.queue->async([this, control, shown] {
+        if (playerController) playerController->setControlShown(control, shown);
     });
 }
 
 void VideoPlayerService::setShowForwardButton(bool show) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    setFlagLater(&PlayerController::showForwardButton, show);
+    setShownLater(PlayerController::Control::forwardButton, show);
 }
 void VideoPlayerService::setShowBackwordButton(bool show) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    setFlagLater(&PlayerController::showBackwordButton, show);
+    setShownLater(PlayerController::Control::backwordButton, show);
 }
 void VideoPlayerService::setShowBack10Button(bool show) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    setFlagLater(&PlayerController::showBack10Button, show);
+    setShownLater(PlayerController::Control::back10Button, show);
 }
 void VideoPlayerService::setShowFor10Button(bool show) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    setFlagLater(&PlayerController::showFor10Button, show);
+    setShownLater(PlayerController::Control::for10Button, show);
 }
 void VideoPlayerService::setShowPlayPauseButton(bool show) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    setFlagLater(&PlayerController::showPlayPauseButton, show);
+    setShownLater(PlayerController::Control::playPauseButton, show);
 }
 void VideoPlayerService::setShowBackButton(bool show) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    setFlagLater(&PlayerController::showBackButton, show);
+    setShownLater(PlayerController::Control::backButton, show);
 }
 void VideoPlayerService::setShowLogo(bool show) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    setFlagLater(&PlayerController::showLogo, show);
+    setShownLater(PlayerController::Control::logo, show);
 }
 void VideoPlayerService::setShowSeekbar(bool show) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    setFlagLater(&PlayerController::showSeekbar, show);
+    setShownLater(PlayerController::Control::seekbar, show);
 }
 void VideoPlayerService::setShowTimeDuration(bool show) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    setFlagLater(&PlayerController::showTimeDration, show);
+    setShownLater(PlayerController::Control::timeDuration, show);
 }
 
 void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
@@ -231,8 +226,7 @@ void VideoPlayerService::playPlaylist(const std::string& playlistId) {
     if (!playlistController)
         playlistController = std::make_shared<PlaylistController>(platform_.defaults);
     if (!playerController) return;
-    playerController->playlistController = playlistController;
-    playerController->onPlaylistSelected(playlist);
+    playerController->playPlaylist(playlistController, playlist);
 }
 
 void VideoPlayerService::setPremium(bool isPremium) {
@@ -240,7 +234,7 @@ void VideoPlayerService::setPremium(bool isPremium) {
     subscriptionStatus() = isPremium ? SubscriptionStatus::premium : SubscriptionStatus::free;
     VPLogger::log("✅ Subscription updated:" + std::string(rawValue(subscriptionStatus())));
     if (!isPremium) return;
-    if (playerController) playerController->midRollCuePointState.reset();
+    if (playerController) playerController->clearMidRollPlan();
     adSessionTracker->reset();
 }
 
@@ -254,7 +248,7 @@ void VideoPlayerService::setMidRollAdConfig(std::string_view jsonString) {
         return;
     }
     if (!playerController) return;
-    playerController->midRollConfig = config;
+    playerController->setMidRollConfig(config);
     VPLogger::log("✅ Mid-roll ad config loaded (v" + std::to_string(config.version) +
                   "): " + std::to_string(config.durationBuckets.size()) + " buckets");
 }

@@ -23,7 +23,6 @@ class VideoPlayerService {
     std::shared_ptr<PlaylistController> playlistController;
 
     int currentIndex() const;
-    void setCurrentIndex(int index);
 
     void loadVideo(const std::string& urlString);
     void play();
@@ -61,7 +60,7 @@ class VideoPlayerService {
     void mergeIfReady();
     // A new controller that knows the service's ad session tracker.
     std::shared_ptr<PlayerController> makePlayerController() const;
-    void setFlagLater(Published<bool> PlayerController::*flag, bool value);
+    void setShownLater(PlayerController::Control control, bool shown);
 
     Platform platform_;
     std::vector<EpisodeResponse> episodesResponse_;

@@ -44,8 +44,7 @@ struct Setup {
         vp.media->setDefaultDuration(clipSeconds);
         playlist = std::make_shared<PlaylistController>(vp.defaults);
         controller = PlayerController::make(vp.platform());
-        controller->playlistController = playlist;
-        controller->onPlaylistSelected(playlists()[0]);
+        controller->playPlaylist(playlist, playlists()[0]);
         vp.runUntilIdle();
     }
 };
@@ -64,8 +63,7 @@ void BM_LoadVideo(benchmark::State& state) {
     Setup s(30);
     int i = 0;
     for (auto _ : state) {
-        s.controller->currentIndex = i % 30;
-        s.controller->loadVideo(s.controller->urls[static_cast<size_t>(i % 30)]);
+        s.controller->moveAndLoad(i % 30, s.controller->getURLs()[static_cast<size_t>(i % 30)]);
         s.vp.runUntilIdle();
         ++i;
     }

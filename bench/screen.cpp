@@ -105,14 +105,14 @@ int main() {
     // video picture, the overlay and the rail.
     std::vector<double> ms;
     mainQueue().sync([&] {
+        if (!pc->showPlaylist) pc->tapOnVideo();
+        if (!pc->showControls) pc->toggleControls();
         pc->cancelAutoHide();
-        if (pc->halfScreenAutoReturnWorkItem) pc->halfScreenAutoReturnWorkItem->cancel();
-        pc->showPlaylist = true;
-        pc->showControls = true;
     });
     for (int i = 0; i < 600; ++i) {
         mainQueue().sync([&] {
-            window->waitUntilPresented();  // the recording only, not the swap before it
+            pc->scheduleHalfScreenAutoReturn();  // the rail stays, as while it is touched
+            window->waitUntilPresented();        // the recording only, not the swap before it
             auto start = std::chrono::steady_clock::now();
             window->renderNow();
             ms.push_back(

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -69,23 +70,34 @@ class ObservableObject {
 };
 
 // A property that notifies its owner on every assignment, equal value or not.
-template <typename T>
+// Naming an `Owner` class makes it read-only to everyone else: only that class
+// may assign it.
+template <typename T, typename Owner = void>
 class Published {
   public:
     Published(ObservableObject* owner, T initial) : owner_(owner), value_(std::move(initial)) {}
     Published(const Published&) = delete;
     Published& operator=(const Published&) = delete;
 
-    Published& operator=(T value) {
-        value_ = std::move(value);
-        owner_->notifyChange();
-        return *this;
+    Published& operator=(T value) requires std::is_void_v<Owner> {
+        return assign(std::move(value));
     }
     const T& get() const { return value_; }
     operator const T&() const { return value_; }
     const T* operator->() const { return &value_; }
 
   private:
+    friend Owner;  // ignored when Owner is void
+
+    Published& operator=(T value) requires(!std::is_void_v<Owner>) {
+        return assign(std::move(value));
+    }
+    Published& assign(T value) {
+        value_ = std::move(value);
+        owner_->notifyChange();
+        return *this;
+    }
+
     ObservableObject* owner_;
     T value_;
 };

@@ -104,11 +104,6 @@ std::string VideoPlayerView::timeLabel(double currentTime, double duration) {
     return PlayerController::formatTime(currentTime) + "/" + PlayerController::formatTime(duration);
 }
 
-bool VideoPlayerView::isCountdownPhase(double currentTime, double duration) {
-    double remaining = duration - currentTime;
-    return std::isfinite(remaining) && remaining <= PlaylistController::kCountdownSeconds;
-}
-
 VideoPlayerView::Layout VideoPlayerView::layout(const State& s, const Rect& screen,
                                                 float railShown) {
     Layout l;
@@ -220,16 +215,7 @@ bool VideoPlayerView::isAnimating(double now) const {
 }
 
 void VideoPlayerView::tapOnVideo() {
-    auto& p = *playerController_;
-    p.showControls = true;
-    if (p.showPlaylist) {
-        if (isCountdownPhase(p.currentTime, p.duration)) p.markCountdownRailDismissed();
-        p.showPlaylist = false;
-        return;
-    }
-    p.clearCountdownRailDismissal();
-    p.showPlaylist = true;
-    p.scheduleHalfScreenAutoReturn();
+    playerController_->tapOnVideo();
 }
 
 void VideoPlayerView::onEditingChanged(bool editing) {
@@ -240,7 +226,7 @@ void VideoPlayerView::onEditingChanged(bool editing) {
 }
 
 void VideoPlayerView::applicationDidBecomeActive() {
-    if (playerController_->shouldBePlayingAfterResume) playerController_->play();
+    if (playerController_->shouldBePlayingAfterResume()) playerController_->play();
 }
 
 void VideoPlayerView::perform(CentreButton button) {
@@ -333,7 +319,7 @@ void VideoPlayerView::drawControls(Frame& frame, const State& s, const Layout& l
     if (!l.sliderHidden) {
         auto* p = playerController_.get();
         SwiftUISlider::Binding binding{[p] { return p->currentTime.get(); },
-                                       [p](double v) { p->currentTime = v; }};
+                                       [p](double v) { p->scrubTo(v); }};
         auto editing = [this](bool e) { later([this, e] { onEditingChanged(e); }); };
         if (!slider_)
             slider_.emplace(binding, s.isLandscape, s.duration, editing);

@@ -115,8 +115,6 @@ class VideoPlayerView {
     static std::string assetName(CentreButton button, const State& s);
     static float playPauseScale(bool isPlaying) { return isPlaying ? 1.0f : 0.9f; }
     static std::string timeLabel(double currentTime, double duration);
-    // The last five seconds of a known duration, where a tap dismisses the countdown rail.
-    static bool isCountdownPhase(double currentTime, double duration);
     // `railShown` runs from 0 (hidden) to 1 (shown) while the rail slides.
     static Layout layout(const State& s, const Rect& screen, float railShown);
     // The layout part of the way (`t` from 0 to 1) from one orientation's to the

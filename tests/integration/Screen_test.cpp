@@ -8,8 +8,8 @@
 #include <chrono>
 #include <filesystem>
 
-#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/Linux/WindowPresenter.h"
+#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/VideoPlayerService.h"
 #include "Kavelin/views/VideoPlayerView.h"
@@ -179,7 +179,7 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
         20))
         << "still drawing while paused: " << frames << " frames";
     // A change the controller publishes is drawn.
-    mainQueue().sync([&] { pc->showControls = false; });
+    mainQueue().sync([&] { pc->setControlShown(PlayerController::Control::logo, false); });
     EXPECT_TRUE(waitOnMainQueue([&] { return window->framesRendered() > frames; }, 2));
 
     // Back closes the window.

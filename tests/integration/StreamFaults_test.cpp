@@ -114,8 +114,7 @@ TEST_P(StreamFaults, ViewerIsTakenBackOnceAndTheNextPlaylistPlays) {
     mainQueue().sync([] {
         auto& controller = currentVideoPlayerService()->playerController;
         ASSERT_NE(controller, nullptr);
-        controller->noProgressTimeout = kNoProgress;
-        controller->leaveAfterFailureDelay = kLeaveDelay;
+        controller->setFailureTimeouts(kNoProgress, kLeaveDelay);
     });
     timed("PlayPlaylist", [] { ::PlayPlaylist("bad"); });
 

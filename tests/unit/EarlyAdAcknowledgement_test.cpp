@@ -47,7 +47,7 @@ class EarlyAck : public PlayerControllerTest, public ::testing::WithParamInterfa
 TEST_P(EarlyAck, ResumesOnceAfterTheDismissalWhateverTheMoment) {
     const auto [kind, delay] = GetParam();
     const std::string request = requestOf(kind);
-    if (kind == Kind::midRoll) pc->midRollConfig = policy({0.5});  // cue at 15 s
+    if (kind == Kind::midRoll) pc->setMidRollConfig(policy({0.5}));  // cue at 15 s
     registerUnityCallback(hostCallback);
     if (delay == kInsideCallback) ackOn = request;
     startPlaylist("pl-1");
@@ -74,7 +74,7 @@ TEST_P(EarlyAck, ResumesOnceAfterTheDismissalWhateverTheMoment) {
     EXPECT_EQ(playingURL(), urlOf(expected));
     EXPECT_TRUE(pc->isPlaying);
     EXPECT_FALSE(pc->shouldWaitForAd);
-    EXPECT_NE(pc->hostingController, nullptr);
+    EXPECT_NE(pc->hostingController(), nullptr);
     EXPECT_GT(pc->currentTime.get(), 1.0);
 }
 

@@ -143,11 +143,12 @@ TEST_F(HostText, PauseWithNoPlayerStillShowsTheControls) {
     pc->backToHome();
     vp.advance(1);  // the dismissal dropped the player
     ASSERT_EQ(pc->player.get(), nullptr);
-    pc->showControls = false;
-    pc->shouldBePlayingAfterResume = true;
+    if (pc->showControls) pc->toggleControls();
+    ASSERT_FALSE(pc->showControls);
+    ASSERT_TRUE(pc->shouldBePlayingAfterResume());  // still from the playback before
     kavelin_pause();
     EXPECT_TRUE(pc->showControls);
-    EXPECT_FALSE(pc->shouldBePlayingAfterResume);
+    EXPECT_FALSE(pc->shouldBePlayingAfterResume());
     EXPECT_EQ(events.events().back(), (HostEvent{"OnVideoPause", "Paused"}));
 }
 
@@ -169,7 +170,7 @@ class GermanHost : public PlayerControllerTest {
 };
 
 TEST_F(GermanHost, MidRollPayloadAndLogLinesUseADecimalPoint) {
-    pc->midRollConfig = policy({0.25});  // 7.5 s into a 30 s clip
+    pc->setMidRollConfig(policy({0.25}));  // 7.5 s into a 30 s clip
     startPlaylist("pl-1");
     vp.advance(8);
     EXPECT_EQ(events.count("OnMidRollAdRequired"), 1u);

@@ -27,7 +27,7 @@ TEST_P(PlaybackFailure, ScreenSaysSoThenLeavesAsTheViewerWouldAndLaterCallsWork)
     subscriptionStatus() = fault.premium ? SubscriptionStatus::premium : SubscriptionStatus::free;
     startPlaylist("pl-1");
     vp.advance(3);
-    const double given = fault.waitsForTheLimit ? pc->noProgressTimeout : 0;
+    const double given = fault.waitsForTheLimit ? pc->noProgressTimeout() : 0;
     events.clear();
     fault.inject(*simPlayer());
 
@@ -44,12 +44,12 @@ TEST_P(PlaybackFailure, ScreenSaysSoThenLeavesAsTheViewerWouldAndLaterCallsWork)
     EXPECT_TRUE(events.events().empty()) << "nothing for the host until the screen leaves";
 
     // Ten seconds of clock and status churn later, still one line about it.
-    vp.advance(pc->leaveAfterFailureDelay - 1);
+    vp.advance(pc->leaveAfterFailureDelay() - 1);
     EXPECT_TRUE(pc->showControls) << "controls stay up to offer the way out";
     vp.advance(30);
     EXPECT_EQ(events.take(), (Events{{"OnVideoClosed", "back"}, {"OnViewDismissed", "user_exit"}}));
     EXPECT_EQ(logs.countPrefix(kFailureLine), 1u);
-    EXPECT_EQ(pc->hostingController, nullptr);
+    EXPECT_EQ(pc->hostingController(), nullptr);
 
     startPlaylist("pl-1");
     vp.advance(2);
@@ -73,22 +73,22 @@ class PlaybackFailureWayOut : public PlayerControllerTest {};
 TEST_F(PlaybackFailureWayOut, SlowProgressRetryAndBackEachEndTheFailureOnce) {
     // A long stall that recovers in time is not a failure.
     startPlaylist("pl-1");
-    simPlayer()->stall(pc->noProgressTimeout - 1);
-    vp.advance(pc->noProgressTimeout + 5);
+    simPlayer()->stall(pc->noProgressTimeout() - 1);
+    vp.advance(pc->noProgressTimeout() + 5);
     EXPECT_FALSE(pc->playbackFailed);
     EXPECT_TRUE(pc->isPlaying);
 
     // An item that never opens fails; play is the retry of the same address.
     vp.media->addNeverReady(urlOf("a1"));
     pc->nextVideo();
-    vp.advance(pc->noProgressTimeout + 0.5);
+    vp.advance(pc->noProgressTimeout() + 0.5);
     ASSERT_TRUE(pc->playbackFailed);
     vp.media->add(urlOf("a1"), kClip);
     events.clear();
     pc->play();
     EXPECT_FALSE(pc->playbackFailed);
     EXPECT_EQ(simPlayer()->replacedItems.back(), urlOf("a1"));
-    vp.advance(pc->leaveAfterFailureDelay + 5);
+    vp.advance(pc->leaveAfterFailureDelay() + 5);
     EXPECT_EQ(events.count("OnVideoClosed"), 0u) << "the retry cancelled the way out";
     EXPECT_TRUE(pc->isPlaying);
 
@@ -97,7 +97,7 @@ TEST_F(PlaybackFailureWayOut, SlowProgressRetryAndBackEachEndTheFailureOnce) {
     vp.runUntilIdle();
     ASSERT_TRUE(pc->playbackFailed);
     pc->backToHome();
-    vp.advance(pc->leaveAfterFailureDelay + 5);
+    vp.advance(pc->leaveAfterFailureDelay() + 5);
     EXPECT_EQ(events.count("OnVideoClosed"), 1u);
     EXPECT_EQ(events.count("OnViewDismissed"), 1u);
     EXPECT_EQ(logs.countPrefix("❌ Video can't be played ("), 2u);

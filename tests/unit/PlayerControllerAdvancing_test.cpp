@@ -61,14 +61,13 @@ TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
     vp.advance(kClip);
     EXPECT_EQ(events.take(), (Events{finished(0), {"OnNextVideoAdRequired", "0"}}));
     EXPECT_TRUE(pc->shouldWaitForAd);
-    EXPECT_EQ(pc->pendingNextIndex, 0);
     vp.advance(0.1);  // teardown
     EXPECT_FALSE(simPlayer()->hasCurrentItem());
     EXPECT_TRUE(events.events().empty());
     vp.advance(0.25);  // dismissal animation over
     EXPECT_EQ(events.take(), (Events{{"OnViewDismissed", "ad_required"}}));
     EXPECT_TRUE(logs.contains("View Dismissed — waiting for ad"));
-    EXPECT_EQ(pc->hostingController, nullptr);
+    EXPECT_EQ(pc->hostingController(), nullptr);
 
     // Nothing plays while the host shows its ad; play() is refused but still echoed.
     pc->play();
@@ -79,9 +78,9 @@ TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
     service->AdCompletedResumePlayback();
     EXPECT_TRUE(logs.contains("🎯 Ad completed, resuming playback"));
     EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 1);
-    EXPECT_FALSE(pc->shouldWaitForAd || pc->pendingNextIndex.has_value());
+    EXPECT_FALSE(pc->shouldWaitForAd);
     EXPECT_EQ(position(), at(1, "a1"));
-    EXPECT_NE(pc->hostingController, nullptr);
+    EXPECT_NE(pc->hostingController(), nullptr);
     EXPECT_EQ(events.take(), (Events{kPlay}));
     EXPECT_TRUE(logs.contains("▶️ Playing next video at index: 1"));
     vp.advance(1);
@@ -90,7 +89,7 @@ TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
 }
 
 TEST_F(Advancing, AdAfterTheLastVideoOfAPlaylistMovesToTheNextPlaylist) {
-    pc->midRollConfig = policy({});  // no cooldown between the two ads
+    pc->setMidRollConfig(policy({}));  // no cooldown between the two ads
     startPlaylist("pl-2");
     for (int i = 0; i < 2; ++i) {
         vp.advance(kClip + 0.5);
@@ -136,9 +135,9 @@ TEST_F(Advancing, PlayAndSeekWhileBlockedOnlyEchoAndLogAndPremiumIsNeverBlocked)
 TEST_F(Advancing, FreeTileTapAsksForAnAdWhateverTheTrackerThenPlaysTheChosenVideo) {
     auto config = policy({});
     config.globalConstraints.maxAdsPerSession = 0;  // the tracker is not asked
-    pc->midRollConfig = config;
+    pc->setMidRollConfig(config);
     startPlaylist("pl-1");
-    pc->showPlaylist = true;
+    pc->tapOnVideo();  // the rail, to pick from
     events.clear();
     pc->onVideoSelected(video("pl-1", 2));
     EXPECT_FALSE(pc->showPlaylist);
@@ -149,7 +148,6 @@ TEST_F(Advancing, FreeTileTapAsksForAnAdWhateverTheTrackerThenPlaysTheChosenVide
 
     service->AdCompletedResumePlayback();
     EXPECT_EQ(position(), at(2, "a2"));
-    EXPECT_FALSE(pc->pendingVideo.has_value());
     EXPECT_EQ(playlist->currentVideoID.get(), "a2");
     EXPECT_EQ(events.take(), (Events{kPlay}));
 }
@@ -183,7 +181,7 @@ TEST_P(AdLimits, LetTheNextVideoPlayWithoutAnAdWhileTheyHold) {
     auto config = policy({});
     config.globalConstraints.maxAdsPerSession = c.cap;
     config.globalConstraints.minSecondsBetweenAnyAds = c.cooldown;
-    pc->midRollConfig = config;
+    pc->setMidRollConfig(config);
     // a0 ends and the host shows the between-videos ad (recorded now); a1 starts.
     startPlaylist("pl-1");
     vp.advance(kClip + 0.5);
@@ -236,7 +234,7 @@ TEST_F(Advancing, AdCompletionWithNothingPendingLiftsTheBlockAndJustPlays) {
     EXPECT_EQ(simPlayer()->playCalls, playsBefore);
     EXPECT_EQ(playingURL(), urlOf("a0"));
 
-    pc->shouldWaitForAd = true;
+    pc->setAdRequired(true);
     pc->pause();
     service->AdCompletedResumePlayback();
     EXPECT_FALSE(pc->shouldWaitForAd.get());
@@ -272,15 +270,14 @@ TEST_F(Advancing, PlaylistSelectionResumesAtTheFirstUnwatchedVideo) {
     subscriptionStatus() = SubscriptionStatus::premium;
     startPlaylist("pl-1");
     vp.advance(kClip + 11);  // a0 done, a1 past the watched mark
-    pc->dismissedCountdownRail = true;
+    pc->markCountdownRailDismissed();
     startPlaylist("pl-1");
-    EXPECT_FALSE(pc->dismissedCountdownRail);
+    EXPECT_FALSE(pc->isCountdownRailDismissed());
     EXPECT_EQ(position(), at(2, "a2"));
     EXPECT_EQ(logs.count("playlist: pl-1"), 2u);
 }
 
 TEST_F(Advancing, WithoutAPlaylistControllerAdvancingDoesNothing) {
-    pc->playlistController.reset();
     pc->onPlaylistSelected(playlists()[0]);
     EXPECT_EQ(logs.levelOf("PlaylistController not initialized"), "ERROR");
     EXPECT_FALSE(pc->showLoading);

@@ -27,7 +27,6 @@ TEST_F(Core, ObserversNeverAccumulateOverAThousandLoads) {
     vp.runUntilIdle();
     EXPECT_EQ(vp.players->playersMade(), 1);
     EXPECT_EQ(observers(), Counts(1, 1, 1, 1));
-    EXPECT_TRUE(pc->isObservingTimeControlStatus);
     // Cancelled delayed tasks do not pile up either: auto-hide, rail return and
     // the player's own clock are all that wait.
     EXPECT_LE(vp.queue->pendingCount(), 4u);
@@ -37,36 +36,32 @@ TEST_F(Core, ObserversNeverAccumulateOverAThousandLoads) {
 
     pc->cleanup();
     EXPECT_EQ(observers(), Counts());
-    EXPECT_FALSE(pc->isObservingTimeControlStatus);
 }
 
 TEST_F(Core, LoadOrderAndEdgeButtons) {
     startPlaylist("pl-1");
     EXPECT_TRUE(logs.contains("current index: 0"));
     EXPECT_EQ(edges(), std::make_pair(true, false));
-    pc->currentIndex = 1;
-    pc->loadVideo(urlOf("a1"));
+    pc->moveAndLoad(1, urlOf("a1"));
     EXPECT_EQ(edges(), std::make_pair(false, false));
-    pc->currentIndex = 2;
-    pc->loadVideo(urlOf("a2"));
+    pc->moveAndLoad(2, urlOf("a2"));
     EXPECT_EQ(edges(), std::make_pair(false, true));
     EXPECT_EQ(playlist->currentVideoID.get(), "a2");
 
     // One-item list: back disabled, forward enabled (index 0 is tested first).
     pc->setURLS({urlOf("a0")});
-    pc->currentIndex = 0;
-    pc->loadVideo(urlOf("a0"));
+    pc->moveAndLoad(0, urlOf("a0"));
     EXPECT_EQ(edges(), std::make_pair(true, false));
 }
 
 TEST_F(Core, LoadStartsFromTheBeginningEvenWithAResumePosition) {
+    pc->setMidRollConfig(policy({0.4}));  // a break at 12 s
     startPlaylist("pl-1");
     vp.advance(12);
-    pc->midRollResumePosition = 12.0;
+    ASSERT_NEAR(pc->midRollResumePosition().value_or(-1), 12.0, 1e-9);
     pc->loadVideo(urlOf("a0"));
-    EXPECT_FALSE(pc->midRollResumePosition.has_value());
+    EXPECT_FALSE(pc->midRollResumePosition().has_value());
     vp.advance(0.5);
-    EXPECT_LT(pc->currentTime.get(), 1.0);
     for (const auto& seek : simPlayer()->seeks) EXPECT_NE(seek.target, 12.0);
 }
 
@@ -75,7 +70,7 @@ TEST_F(Core, DurationIsPublishedWhenItBecomesKnown) {
     service->playPlaylist("pl-1");
     vp.advance(2.9);
     EXPECT_EQ(pc->duration.get(), 0);
-    EXPECT_FALSE(pc->midRollCuePointState.hasCuePoints());
+    EXPECT_FALSE(pc->midRollCuePointState().hasCuePoints());
     vp.advance(0.2);
     EXPECT_EQ(pc->duration.get(), 42);
     // An item that never becomes ready keeps the spinner and duration 0.
@@ -112,11 +107,11 @@ TEST_F(Core, PauseAndPlayAreIdempotentAndEchoOnlyRealStarts) {
     const int pauses = simPlayer()->pauseCalls;
     pc->pause();  // already paused
     EXPECT_EQ(simPlayer()->pauseCalls, pauses);
-    EXPECT_FALSE(pc->shouldBePlayingAfterResume);
+    EXPECT_FALSE(pc->shouldBePlayingAfterResume());
     EXPECT_TRUE(events.events().empty());
     pc->play();
     EXPECT_EQ(events.take(), (Events{kPlay}));
-    EXPECT_TRUE(pc->shouldBePlayingAfterResume);
+    EXPECT_TRUE(pc->shouldBePlayingAfterResume());
 }
 
 TEST_F(Core, SkipsAndStop) {
@@ -145,7 +140,7 @@ TEST_F(Core, SkipsAndStop) {
 
     // A stop during an ad wait does not rewind.
     vp.advance(1);
-    pc->shouldWaitForAd = true;
+    pc->setAdRequired(true);
     const size_t seeks = simPlayer()->seeks.size();
     pc->stop();
     EXPECT_EQ(simPlayer()->seeks.size(), seeks);
@@ -179,26 +174,27 @@ TEST_F(Core, InvalidURLKeepsTheSpinnerAndThePreviousItem) {
 }
 
 TEST_F(Core, OutOfRangeIndicesAreLoggedAndIgnored) {
-    startPlaylist("pl-1");
+    // No playlist, so no screen: play() would reload from a valid index.
+    pc->setURLS({urlOf("a0"), urlOf("a1"), urlOf("a2")});
+    pc->moveAndLoad(10, urlOf("a0"));  // beyond the three addresses
     events.clear();
-    pc->currentIndex = 10;  // beyond the three addresses
     pc->nextVideo();
     EXPECT_TRUE(pc->disbleForwardButton);
     pc->playApprovedVideo();
     pc->prevVideo();  // 9: still outside
     EXPECT_GT(logs.countPrefix("⚠️ prevVideo: index 9"), 0u);
     pc->pause();
-    pc->hostingController = nullptr;
     pc->play();  // no reload from a bad index; the current item just resumes
     EXPECT_EQ(playingURL(), urlOf("a0"));
     EXPECT_EQ(events.take(), (Events{kPlay}));
 
-    pc->currentIndex = -4;
+    pc->moveAndLoad(-4, urlOf("a0"));
     pc->nextVideo();
     EXPECT_GT(logs.countPrefix("⚠️ nextVideo: index -3"), 0u);
     EXPECT_EQ(playingURL(), urlOf("a0"));
 
     // More addresses than playlist videos: the missing video is not indexed.
+    startPlaylist("pl-1");
     pc->setURLS({urlOf("a0"), urlOf("a1"), urlOf("a2"), urlOf("b0"), urlOf("b1")});
     pc->playNextVideo(2);
     EXPECT_GT(logs.countPrefix("⚠️ playNextVideo: index 3"), 0u);
@@ -207,7 +203,7 @@ TEST_F(Core, OutOfRangeIndicesAreLoggedAndIgnored) {
     EXPECT_EQ(playingURL(), urlOf("a0"));
 
     // A current index outside the playlist gives no video id rather than a crash.
-    pc->currentIndex = 99;
+    pc->moveAndLoad(99, urlOf("a0"));
     EXPECT_EQ(pc->currentVideoID(), "");
     pc->attachPlaylist(playlist);
     EXPECT_GT(logs.countPrefix("⚠️ attachPlaylist: current index 99"), 0u);
@@ -267,7 +263,7 @@ TEST_F(Core, DelayedTasksDoNothingOnceTheControllerIsGone) {
     pc->switchScreenBack_and_forth();
     pc->backToHome();
     pc->autoHideControls();
-    pc->midRollConfig.adTimeoutSeconds = 0.05;
+    pc->setMidRollConfig(policy({}, 0.05));
     pc->triggerMidRollAd(1);
     service->cleanup();
     pc.reset();
@@ -306,7 +302,7 @@ TEST_F(Core, MakeWithoutPlayersSkipsEveryPlayerStep) {
     Platform bare = vp.platform();
     bare.players = nullptr;
     auto controller = PlayerController::make(bare);
-    controller->playlistController = playlist;
+    controller->attachPlaylist(playlist);
     EXPECT_EQ(controller->player.get(), nullptr);
     controller->setURLS({urlOf("a0")});
     controller->loadVideo(urlOf("a0"));
@@ -315,8 +311,7 @@ TEST_F(Core, MakeWithoutPlayersSkipsEveryPlayerStep) {
     controller->stop();
     controller->triggerMidRollAd(5);
     vp.advance(1);
-    EXPECT_FALSE(controller->midRollResumePosition.has_value());
-    EXPECT_EQ(controller->timeObserverToken, 0u);
+    EXPECT_FALSE(controller->midRollResumePosition().has_value());
     EXPECT_EQ(events.count("OnMidRollAdRequired"), 1u);
 }
 
@@ -382,7 +377,9 @@ TEST_F(RefusedLoad, PositionStaysWhereItWas) {
     vp.advance(1);
     service->AdCompletedResumePlayback();
     EXPECT_EQ(pc->currentIndex.get(), 0);
-    EXPECT_FALSE(pc->pendingVideo.has_value());
+    logs.clear();
+    service->AdCompletedResumePlayback();  // the refused choice is not tried again
+    EXPECT_FALSE(logs.contains("⚠️ Not a valid URL, nothing loaded: http://h/\x01"));
 }
 
 TEST_F(RefusedLoad, TheMediaPlayerGetsTheEncodedAddressOrThePathAsWritten) {

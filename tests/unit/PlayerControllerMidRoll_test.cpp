@@ -15,18 +15,17 @@ class MidRoll : public PlayerControllerTest {
         PlayerControllerTest::SetUp();
         vp.media->add(urlOf("a0"), 190);  // a break at half-way falls on 95.0 s
     }
-    // Waiting for the host, a break showing, a time-out armed.
-    std::tuple<bool, bool, bool> adState() const {
-        return {pc->shouldWaitForAd, pc->midRollCuePointState.isShowingAd,
-                pc->midRollFallbackWorkItem != nullptr};
+    // Waiting for the host, a break showing.
+    std::pair<bool, bool> adState() const {
+        return {pc->shouldWaitForAd, pc->midRollCuePointState().isShowingAd};
     }
 };
 
 TEST_F(MidRoll, ClockReachingACuePointAsksForOneAd) {
-    pc->midRollConfig = policy({0.5});
+    pc->setMidRollConfig(policy({0.5}));
     startPlaylist("pl-1");
     EXPECT_EQ(pc->duration.get(), 190);
-    ASSERT_EQ(pc->midRollCuePointState.cuePoints.size(), 1u);
+    ASSERT_EQ(pc->midRollCuePointState().cuePoints.size(), 1u);
     events.clear();
 
     vp.advance(94.9);
@@ -34,20 +33,19 @@ TEST_F(MidRoll, ClockReachingACuePointAsksForOneAd) {
     vp.advance(0.1);
     EXPECT_TRUE(logs.contains("⏱️ Mid-roll ad triggered at 95.0s"));
     EXPECT_EQ(events.take(), (Events{{"OnMidRollAdRequired", "95.0"}}));
-    EXPECT_EQ(adState(), std::make_tuple(true, true, true));
+    EXPECT_EQ(adState(), std::pair(true, true));
     EXPECT_FALSE(pc->isPlaying);
-    ASSERT_TRUE(pc->midRollResumePosition.has_value());
-    EXPECT_NEAR(*pc->midRollResumePosition, 95.0, 1e-9);
+    ASSERT_TRUE(pc->midRollResumePosition().has_value());
+    EXPECT_NEAR(*pc->midRollResumePosition(), 95.0, 1e-9);
     EXPECT_EQ(simPlayer()->timeControlStatus(), TimeControlStatus::paused);
 
     // The teardown 0.1 s later empties the ad state; the dismissal then tells the host.
     vp.advance(0.1);
-    EXPECT_EQ(adState(), std::make_tuple(true, false, false));
-    EXPECT_FALSE(pc->midRollCuePointState.hasCuePoints() || pc->midRollResumePosition);
+    EXPECT_EQ(adState(), std::pair(true, false));
+    EXPECT_FALSE(pc->midRollCuePointState().hasCuePoints() || pc->midRollResumePosition());
     vp.advance(0.25);
     EXPECT_EQ(events.take(), (Events{kDismissedForAd}));
     EXPECT_TRUE(pc->shouldWaitForAd);
-    EXPECT_FALSE(pc->pendingNextIndex || pc->pendingVideo);
 
     // The host's ad-finished call takes the between-videos branch and reloads the
     // same item from its beginning, with its breaks planned afresh.
@@ -56,26 +54,24 @@ TEST_F(MidRoll, ClockReachingACuePointAsksForOneAd) {
     EXPECT_EQ(playingURL(), urlOf("a0"));
     vp.runUntilIdle();
     EXPECT_LT(pc->currentTime.get(), 1.0);
-    ASSERT_EQ(pc->midRollCuePointState.cuePoints.size(), 1u);
-    EXPECT_FALSE(pc->midRollCuePointState.cuePoints[0].consumed);
+    ASSERT_EQ(pc->midRollCuePointState().cuePoints.size(), 1u);
+    EXPECT_FALSE(pc->midRollCuePointState().cuePoints[0].consumed);
 }
 
 TEST_F(MidRoll, TwoTicksAtTheSameCuePointAskOnce) {
-    pc->midRollConfig = policy({0.5});
+    pc->setMidRollConfig(policy({0.5}));
     startPlaylist("pl-1");
     vp.advance(95.0);
     EXPECT_EQ(events.count("OnMidRollAdRequired"), 1u);
-    // Even with the block lifted and playback going on, the consumed break stays quiet.
-    pc->shouldWaitForAd = false;
-    pc->isPlaying = true;
-    EXPECT_EQ(pc->midRollCuePointState.cuePointToTrigger(95.05), std::nullopt);
+    // The consumed break stays quiet when asked again.
+    EXPECT_EQ(pc->midRollCuePointState().cuePointToTrigger(95.05), std::nullopt);
     EXPECT_EQ(logs.count("⏱️ Mid-roll ad triggered at 95.0s"), 1u);
 }
 
 TEST_F(MidRoll, CapAndCooldownKeepTheReplannedBreakFromAskingAgain) {
     auto config = policy({0.5});
     config.globalConstraints.minSecondsBetweenAnyAds = 300;
-    pc->midRollConfig = config;
+    pc->setMidRollConfig(config);
     startPlaylist("pl-1");
     vp.advance(95.5);
     service->AdCompletedResumePlayback();
@@ -86,21 +82,23 @@ TEST_F(MidRoll, CapAndCooldownKeepTheReplannedBreakFromAskingAgain) {
     EXPECT_GT(logs.countPrefix("🚫 Ad blocked: cooldown "), 0u);
     EXPECT_TRUE(pc->isPlaying);
 
-    pc->midRollConfig.globalConstraints.minSecondsBetweenAnyAds.reset();
-    pc->midRollConfig.globalConstraints.maxAdsPerSession = 1;
+    config.globalConstraints.minSecondsBetweenAnyAds.reset();
+    config.globalConstraints.maxAdsPerSession = 1;
+    pc->setMidRollConfig(config);
     vp.advance(0.1);
     EXPECT_EQ(events.count("OnMidRollAdRequired"), 0u);
     EXPECT_TRUE(logs.contains("🚫 Ad blocked: session cap reached (1/1)"));
 
     // Lift the cap: the replanned, unconsumed break is due at once.
-    pc->midRollConfig.globalConstraints.maxAdsPerSession.reset();
+    config.globalConstraints.maxAdsPerSession.reset();
+    pc->setMidRollConfig(config);
     vp.advance(0.1);
     EXPECT_EQ(events.take(), (Events{{"OnMidRollAdRequired", "95.0"}}));
 }
 
 TEST_F(MidRoll, ForwardSeekOverTwoCuePointsAsksForOneAdAndRemembersTheTarget) {
     vp.media->add(urlOf("a0"), 200);
-    pc->midRollConfig = policy({0.25, 0.5});  // 50 s and 100 s
+    pc->setMidRollConfig(policy({0.25, 0.5}));  // 50 s and 100 s
     startPlaylist("pl-1");
     vp.advance(10);
     events.clear();
@@ -110,22 +108,22 @@ TEST_F(MidRoll, ForwardSeekOverTwoCuePointsAsksForOneAdAndRemembersTheTarget) {
     EXPECT_EQ(events.take(), (Events{{"OnMidRollAdRequired", "100.0"}}));
     EXPECT_TRUE(logs.contains("⏱️ Mid-roll ad triggered at 100.0s"));
     EXPECT_EQ(simPlayer()->seeks.size(), seeksBefore);  // the seek itself never ran
-    EXPECT_EQ(pc->midRollCuePointState.seekTargetAfterAd, 150.0);
-    const auto& cues = pc->midRollCuePointState.cuePoints;
+    EXPECT_EQ(pc->midRollCuePointState().seekTargetAfterAd, 150.0);
+    const auto& cues = pc->midRollCuePointState().cuePoints;
     ASSERT_EQ(cues.size(), 2u);
     EXPECT_TRUE(cues[0].consumed && cues[1].consumed);
-    EXPECT_NEAR(pc->midRollResumePosition.value_or(-1), 10.0, 1e-9);
+    EXPECT_NEAR(pc->midRollResumePosition().value_or(-1), 10.0, 1e-9);
 
     // Resuming before the teardown moves the target into the resume position.
     pc->resumeAfterMidRollAd();
-    EXPECT_EQ(pc->midRollResumePosition, 150.0);
-    EXPECT_FALSE(pc->midRollCuePointState.seekTargetAfterAd.has_value());
-    EXPECT_EQ(adState(), std::make_tuple(false, false, false));
+    EXPECT_EQ(pc->midRollResumePosition(), 150.0);
+    EXPECT_FALSE(pc->midRollCuePointState().seekTargetAfterAd.has_value());
+    EXPECT_EQ(adState(), std::pair(false, false));
 }
 
 TEST_F(MidRoll, SeekWithoutCrossingABreakSeeksWithTolerance) {
     vp.media->add(urlOf("a0"), 200);
-    pc->midRollConfig = policy({0.5});
+    pc->setMidRollConfig(policy({0.5}));
     startPlaylist("pl-1");
     pc->seekTo(40);
     ASSERT_FALSE(simPlayer()->seeks.empty());
@@ -137,37 +135,33 @@ TEST_F(MidRoll, SeekWithoutCrossingABreakSeeksWithTolerance) {
 }
 
 TEST_F(MidRoll, TimeOutShorterThanTheTeardownResumes) {
-    pc->midRollConfig = policy({0.5}, 0.05);
+    pc->setMidRollConfig(policy({0.5}, 0.05));
     startPlaylist("pl-1");
     vp.advance(95.0);
     ASSERT_TRUE(pc->shouldWaitForAd);
     vp.advance(0.05);
     EXPECT_TRUE(logs.contains("⏱️ Mid-roll ad timeout — auto-resuming"));
-    EXPECT_FALSE(pc->shouldWaitForAd || pc->midRollCuePointState.isShowingAd);
+    EXPECT_FALSE(pc->shouldWaitForAd || pc->midRollCuePointState().isShowingAd);
     // The screen still goes away, so the host hears the dismissal.
     vp.advance(0.3);
     EXPECT_EQ(events.count("OnViewDismissed"), 1u);
-    EXPECT_EQ(pc->hostingController, nullptr);
+    EXPECT_EQ(pc->hostingController(), nullptr);
 }
 
 TEST_F(MidRoll, TeardownCancelsTheTimeOut) {
-    pc->midRollConfig = policy({0.5}, 2.0);
+    pc->setMidRollConfig(policy({0.5}, 2.0));
     startPlaylist("pl-1");
     vp.advance(95.0);
-    ASSERT_NE(pc->midRollFallbackWorkItem, nullptr);
-    auto timeout = pc->midRollFallbackWorkItem;
-    vp.advance(0.1);
-    EXPECT_TRUE(timeout->isCancelled());
-    vp.advance(10);
+    vp.advance(10.1);
     EXPECT_FALSE(logs.contains("⏱️ Mid-roll ad timeout — auto-resuming"));
     EXPECT_TRUE(pc->shouldWaitForAd);  // still waiting for the host
 }
 
 TEST_F(MidRoll, PremiumViewerGetsNoPlanAndNoBreaks) {
     subscriptionStatus() = SubscriptionStatus::premium;
-    pc->midRollConfig = policy({0.25, 0.5});
+    pc->setMidRollConfig(policy({0.25, 0.5}));
     startPlaylist("pl-1");
-    EXPECT_FALSE(pc->midRollCuePointState.hasCuePoints());
+    EXPECT_FALSE(pc->midRollCuePointState().hasCuePoints());
     pc->seekTo(150);
     vp.advance(60);
     EXPECT_EQ(events.count("OnMidRollAdRequired"), 0u);
@@ -175,16 +169,17 @@ TEST_F(MidRoll, PremiumViewerGetsNoPlanAndNoBreaks) {
 }
 
 TEST_F(MidRoll, NoBreakWhileScrubbing) {
-    pc->midRollConfig = policy({0.5});
+    pc->setMidRollConfig(policy({0.5}));
     startPlaylist("pl-1");
     vp.advance(90);
-    pc->isScrubbing = true;
     const double shown = pc->currentTime;
+    pc->beginScrub();
+    pc->play();  // the host's play arrives mid-drag: the clock runs past the break
     vp.advance(10);
     EXPECT_EQ(events.count("OnMidRollAdRequired"), 0u);
     EXPECT_EQ(pc->currentTime.get(), shown);  // not published while dragging
-    pc->isScrubbing = false;
-    vp.advance(0.1);
+    pc->endScrub();                           // back to where the thumb stayed
+    vp.advance(5.5);
     EXPECT_EQ(events.count("OnMidRollAdRequired"), 1u);
 }
 
@@ -192,10 +187,10 @@ TEST_F(MidRoll, PlanUsesTheVideoIdForOverrides) {
     auto config = policy({0.5});
     config.videoOverrides = std::map<std::string, MidRollAdConfig::VideoOverride>{
         {"a0", MidRollAdConfig::VideoOverride{{20.0}, std::nullopt}}};
-    pc->midRollConfig = config;
+    pc->setMidRollConfig(config);
     startPlaylist("pl-1");
-    ASSERT_EQ(pc->midRollCuePointState.cuePoints.size(), 1u);
-    EXPECT_EQ(pc->midRollCuePointState.cuePoints[0].timestamp, 20.0);
+    ASSERT_EQ(pc->midRollCuePointState().cuePoints.size(), 1u);
+    EXPECT_EQ(pc->midRollCuePointState().cuePoints[0].timestamp, 20.0);
 }
 
 }  // namespace

@@ -10,12 +10,12 @@ using Presentation = PlayerControllerTest;
 
 TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnce) {
     startPlaylist("pl-1");
-    ASSERT_NE(pc->hostingController, nullptr);
+    ASSERT_NE(pc->hostingController(), nullptr);
     EXPECT_EQ(vp.presenter->presentCount(), 1);
     EXPECT_FALSE(pc->showPlaylist);  // the animation is still running
     vp.advance(kAnimation);
-    EXPECT_EQ(vp.presenter->presented(), pc->hostingController);
-    EXPECT_TRUE(pc->showPlaylist && pc->hasShownInitialHalfScreen);
+    EXPECT_EQ(vp.presenter->presented(), pc->hostingController());
+    EXPECT_TRUE(pc->showPlaylist);
     // The peek restarts the return task: the rail leaves five seconds later.
     vp.advance(5.0 - 0.01);
     EXPECT_TRUE(pc->showPlaylist);
@@ -26,12 +26,12 @@ TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnce) {
     EXPECT_EQ(vp.presenter->presentCount(), 1);
 
     // The rail stays while paused or scrubbing.
-    pc->showPlaylist = true;
+    pc->tapOnVideo();
     pc->pause();
     vp.advance(10);
     EXPECT_TRUE(pc->showPlaylist);
     pc->play();
-    pc->isScrubbing = true;
+    pc->beginScrub();
     vp.advance(6);
     EXPECT_TRUE(pc->showPlaylist);
 }
@@ -40,8 +40,9 @@ TEST_F(Presentation, BackButtonClosesAndReopeningPeeksTheRailAgain) {
     startPlaylist("pl-1");
     vp.advance(kAnimation);
     pc->nextVideo();
-    vp.advance(3);
-    pc->dismissedCountdownRail = true;
+    vp.advance(25);
+    pc->tapOnVideo();  // away with the countdown rail
+    ASSERT_TRUE(pc->isCountdownRailDismissed());
     events.clear();
 
     pc->backToHome();
@@ -51,18 +52,18 @@ TEST_F(Presentation, BackButtonClosesAndReopeningPeeksTheRailAgain) {
     EXPECT_TRUE(events.events().empty());
     vp.advance(kAnimation - 0.1);
     EXPECT_EQ(events.take(), (Events{{"OnViewDismissed", "user_exit"}}));
-    EXPECT_EQ(pc->hostingController, nullptr);
+    EXPECT_EQ(pc->hostingController(), nullptr);
     EXPECT_EQ(pc->player.get(), nullptr);
     EXPECT_EQ(pc->currentIndex.get(), 0);
-    EXPECT_FALSE(pc->hasShownInitialHalfScreen || pc->dismissedCountdownRail);
+    EXPECT_FALSE(pc->isCountdownRailDismissed());
     EXPECT_EQ(std::get<0>(vp.players->liveObservers()), 0u);
 
     // Reopening makes a fresh player and shows the rail once more.
-    pc->showPlaylist = false;
     startPlaylist("pl-1");
     EXPECT_EQ(vp.players->playersMade(), 2);
     EXPECT_NE(pc->player.get(), nullptr);
     EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_FALSE(pc->showPlaylist);
     vp.advance(kAnimation);
     EXPECT_TRUE(pc->showPlaylist);
 }
@@ -73,17 +74,20 @@ TEST_F(Presentation, ReopeningAfterAnAdDismissalDoesNotPeekTheRail) {
     ASSERT_FALSE(pc->showPlaylist);
     pc->onVideoSelected(video("pl-1", 2));
     vp.advance(kAnimation);
-    ASSERT_EQ(pc->hostingController, nullptr);
+    ASSERT_EQ(pc->hostingController(), nullptr);
     service->AdCompletedResumePlayback();
     EXPECT_EQ(vp.presenter->presentCount(), 2);
     vp.advance(kAnimation);
     EXPECT_FALSE(pc->showPlaylist);
-    EXPECT_TRUE(pc->hasShownInitialHalfScreen);
 }
 
-TEST_F(Presentation, DismissalWithoutAScreenStillTearsDown) {
+TEST_F(Presentation, ClosingWithoutAScreenStillTearsDown) {
     startPlaylist("pl-1");
-    pc->hostingController = nullptr;
+    pc->switchScreenBack_and_forth();
+    vp.advance(1);
+    ASSERT_EQ(pc->hostingController(), nullptr);
+    // A second close while no screen is up: the item goes, nothing is dismissed.
+    simPlayer()->replaceCurrentItem(urlOf("a1"));
     events.clear();
     pc->switchScreenBack_and_forth();
     vp.advance(1);
@@ -98,7 +102,7 @@ TEST_F(Presentation, DismissalWithoutAScreenStillTearsDown) {
 TEST_F(Presentation, WithoutTopMostViewControllerTheScreenIsBuiltButNotShown) {
     vp.presenter->setHasTopMostViewController(false);
     startPlaylist("pl-1");
-    EXPECT_NE(pc->hostingController, nullptr);
+    EXPECT_NE(pc->hostingController(), nullptr);
     EXPECT_EQ(vp.presenter->presentCount(), 0);
     vp.advance(1);
     EXPECT_FALSE(pc->showPlaylist);
@@ -112,11 +116,10 @@ TEST_F(Presentation, WithoutTopMostViewControllerTheScreenIsBuiltButNotShown) {
 }
 
 TEST_F(Presentation, WithoutPlaylistControllerPlaysWithoutAScreen) {
-    pc->playlistController.reset();
     pc->setURLS({urlOf("a1")});
     pc->loadVideo(urlOf("a1"));
     EXPECT_EQ(logs.levelOf("❌ playlistController not found"), "ERROR");
-    EXPECT_EQ(pc->hostingController, nullptr);
+    EXPECT_EQ(pc->hostingController(), nullptr);
     EXPECT_TRUE(pc->isPlaying);
     EXPECT_EQ(playingURL(), urlOf("a1"));
     // play() from outside reloads (no screen) and does not recurse without end.
@@ -149,8 +152,7 @@ TEST_F(Presentation, DismissedCountdownRailStaysAwayForThatVideo) {
     startPlaylist("pl-1");
     vp.advance(25);
     ASSERT_TRUE(pc->showPlaylist);
-    pc->markCountdownRailDismissed();
-    pc->showPlaylist = false;  // what the close button of the rail does
+    pc->tapOnVideo();
     vp.advance(4);
     EXPECT_FALSE(pc->showPlaylist);
     EXPECT_EQ(playlist->countdownVideoID.get(), "a1");  // the countdown itself runs on
@@ -189,11 +191,11 @@ TEST_F(Presentation, ControlsHideAfterFiveSecondsUnlessPausedOrScrubbing) {
 
     // Scrubbing keeps them too, and the hide task finds nothing to do.
     pc->play();
-    pc->isScrubbing = true;
+    pc->beginScrub();
+    pc->seekForward(1);  // re-arms the hide
     vp.advance(6);
     EXPECT_TRUE(pc->showControls);
-    pc->isScrubbing = false;
-    pc->autoHideControls();
+    pc->endScrub();
     vp.advance(5);
     EXPECT_FALSE(pc->showControls);
 }
@@ -232,13 +234,13 @@ TEST_F(Presentation, LoadingIndicatorFollowsThePlayerStatus) {
 
 TEST_F(Presentation, ScreenIsBuiltForThisControllerAndPlaylist) {
     startPlaylist("pl-1");
-    ASSERT_NE(pc->hostingController, nullptr);
+    ASSERT_NE(pc->hostingController(), nullptr);
     // The dismissal completion is what clears it, not the teardown.
     pc->switchScreenBack_and_forth();
     vp.advance(0.2);
-    EXPECT_NE(pc->hostingController, nullptr);
+    EXPECT_NE(pc->hostingController(), nullptr);
     vp.advance(0.2);
-    EXPECT_EQ(pc->hostingController, nullptr);
+    EXPECT_EQ(pc->hostingController(), nullptr);
     EXPECT_TRUE(logs.contains("View Dismissed — waiting for ad"));
 }
 

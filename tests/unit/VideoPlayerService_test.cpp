@@ -63,7 +63,7 @@ TEST_F(ServiceTest, CleanupDropsTheControllerUntilSetURLSMakesOneThatKnowsTheTra
     service->setURLS({"a", "b"});
     ASSERT_TRUE(service->playerController);
     EXPECT_EQ(service->playerController->getURLs(), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(service->playerController->adSessionTracker.lock(), service->adSessionTracker);
+    EXPECT_EQ(service->playerController->adSessionTracker(), service->adSessionTracker);
 }
 
 TEST(ServiceHostInput, URLListSkipsNullEntriesAndKeepsOrder) {
@@ -76,29 +76,32 @@ TEST(ServiceHostInput, URLListSkipsNullEntriesAndKeepsOrder) {
 TEST_F(ServiceTest, PolicyIsLoggedWithVersionAndBucketsAndBadOnesKeepTheLastGood) {
     service->setMidRollAdConfig(kPolicyV3);
     EXPECT_TRUE(logs.contains("✅ Mid-roll ad config loaded (v3): 4 buckets"));
-    EXPECT_EQ(pc->midRollConfig.version, 3);
+    EXPECT_EQ(pc->midRollConfig().version, 3);
 
     service->setMidRollAdConfig(R"({"version":4})");
     EXPECT_EQ(logs.countPrefix("⚠️ Failed to decode mid-roll config: "), 1u);
     EXPECT_EQ(logs.levelOf(LogCapture::messageOf(logs.lines().back())), "WARNING");
-    EXPECT_EQ(pc->midRollConfig.version, 3) << "a failed decode keeps the policy in force";
+    EXPECT_EQ(pc->midRollConfig().version, 3) << "a failed decode keeps the policy in force";
 }
 
 TEST_F(ServiceTest, PremiumResetsTheSessionAndCuePointsButTurningItOffResetsNothing) {
     service->adSessionTracker->recordAdShown();
-    pc->midRollCuePointState.cuePoints = {{60, false}};
-    pc->midRollCuePointState.isShowingAd = true;
+    pc->setMidRollConfig(policy({0.5}));
+    startPlaylist("pl-1");
+    vp.advance(kClip / 2);  // the break at half-way is showing
+    ASSERT_TRUE(pc->midRollCuePointState().isShowingAd);
 
     service->setPremium(false);
     EXPECT_TRUE(logs.contains("✅ Subscription updated:free"));
     EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 1);
-    EXPECT_TRUE(pc->midRollCuePointState.hasCuePoints());
+    EXPECT_TRUE(pc->midRollCuePointState().hasCuePoints());
 
     service->setPremium(true);
     EXPECT_TRUE(logs.contains("✅ Subscription updated:premium"));
     EXPECT_EQ(subscriptionStatus(), SubscriptionStatus::premium);
     EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 0);
-    EXPECT_FALSE(pc->midRollCuePointState.hasCuePoints() || pc->midRollCuePointState.isShowingAd);
+    EXPECT_FALSE(pc->midRollCuePointState().hasCuePoints() ||
+                 pc->midRollCuePointState().isShowingAd);
 }
 
 TEST_F(ServiceTest, UnknownAndEmptyPlaylistsAreErrorsAndStartNothing) {
@@ -109,7 +112,7 @@ TEST_F(ServiceTest, UnknownAndEmptyPlaylistsAreErrorsAndStartNothing) {
     EXPECT_EQ(logs.levelOf("❌ Playlist not found"), "ERROR");
     EXPECT_EQ(logs.levelOf("❌ Playlist has no videos"), "ERROR");
     EXPECT_TRUE(events.events().empty());
-    EXPECT_FALSE(pc->hostingController);
+    EXPECT_FALSE(pc->hostingController());
 }
 
 TEST_F(ServiceTest, SamplePlaylistPlaysBeforeTheHostSendsAnything) {

@@ -14,6 +14,7 @@ namespace {
 using Button = VideoPlayerView::CentreButton;
 using Key = VideoPlayerView::Key;
 using Kind = DrawTrace::Kind;
+using Control = PlayerController::Control;
 
 class ScreenTest : public PlayerControllerTest {
   protected:
@@ -63,6 +64,14 @@ class ScreenTest : public PlayerControllerTest {
         frame();
         return view->lastLayout();
     }
+    // The viewer's ways of bringing the controls and the rail in or out.
+    void showControls(bool shown) {
+        if (pc->showControls != shown) pc->toggleControls();
+    }
+    void showRail(bool shown) {
+        if (pc->showPlaylist != shown) pc->tapOnVideo();
+        ASSERT_EQ(pc->showPlaylist.get(), shown);
+    }
     static ImVec2 centre(const Rect& r) { return {r.midX(), r.midY()}; }
     // A point on the video that no control covers.
     ImVec2 emptyVideoSpot() {
@@ -80,8 +89,8 @@ class ScreenTest : public PlayerControllerTest {
 };
 
 TEST_F(ScreenTest, EachCentreButtonAndKeyCallsItsOperation) {
-    pc->showBackwordButton = true;
-    pc->showForwardButton = true;
+    pc->setControlShown(Control::backwordButton, true);
+    pc->setControlShown(Control::forwardButton, true);
     ASSERT_TRUE(pc->isPlaying);
     tap(Button::playPause);
     EXPECT_FALSE(pc->isPlaying);
@@ -90,7 +99,7 @@ TEST_F(ScreenTest, EachCentreButtonAndKeyCallsItsOperation) {
 
     vp.advance(5);
     EXPECT_FALSE(pc->showControls);  // faded after 5 s of playback
-    pc->showControls = true;
+    showControls(true);
     double before = simPlayer()->currentTime();
     tap(Button::for10);
     vp.advance(0.2);
@@ -118,7 +127,7 @@ TEST_F(ScreenTest, EachCentreButtonAndKeyCallsItsOperation) {
 }
 
 TEST_F(ScreenTest, DisabledPreviousIsDimmedAndInert) {
-    pc->showBackwordButton = true;
+    pc->setControlShown(Control::backwordButton, true);
     ASSERT_TRUE(pc->disableBackButton);  // first video
     tap(Button::prev);
     EXPECT_EQ(position(), at(0, "a0"));
@@ -131,7 +140,7 @@ TEST_F(ScreenTest, DisabledPreviousIsDimmedAndInert) {
 }
 
 TEST_F(ScreenTest, HiddenButtonsLeaveNoGap) {
-    pc->showBack10Button = false;
+    pc->setControlShown(Control::back10Button, false);
     const auto l = layout();
     EXPECT_TRUE(l.centreHidden[1]);
     EXPECT_TRUE(l.centreHidden[0]);  // previous is hidden by default
@@ -144,8 +153,8 @@ TEST_F(ScreenTest, HiddenButtonsLeaveNoGap) {
     EXPECT_FALSE(pc->isPlaying);
     EXPECT_EQ(trace().count(Kind::image, "backword_10"), 0u);
 
-    pc->showPlayPauseButton = false;
-    pc->showFor10Button = false;
+    pc->setControlShown(Control::playPauseButton, false);
+    pc->setControlShown(Control::for10Button, false);
     for (bool hidden : layout().centreHidden) EXPECT_TRUE(hidden);
     // The bars stay at their edges with an empty row.
     EXPECT_EQ(view->lastLayout().back, l.back);
@@ -154,8 +163,8 @@ TEST_F(ScreenTest, HiddenButtonsLeaveNoGap) {
 
 TEST_F(ScreenTest, HostFlagsHideTheBackButtonAndLogoWhichThenStopReacting) {
     const Rect back = layout().back;
-    pc->showBackButton = false;
-    pc->showLogo = false;
+    pc->setControlShown(Control::backButton, false);
+    pc->setControlShown(Control::logo, false);
     frame();
     EXPECT_EQ(trace().count(Kind::image, "backbutton") + trace().count(Kind::image, "zelkinLogo"),
               0u);
@@ -164,9 +173,9 @@ TEST_F(ScreenTest, HostFlagsHideTheBackButtonAndLogoWhichThenStopReacting) {
     view->handleKey(Key::escape);
     vp.advance(1);
     EXPECT_EQ(events.count("OnVideoClosed"), 0u);
-    EXPECT_TRUE(pc->hostingController);
+    EXPECT_TRUE(pc->hostingController());
 
-    pc->showBackButton = true;
+    pc->setControlShown(Control::backButton, true);
     frame();
     EXPECT_EQ(trace().count(Kind::image, "backbutton"), 1u);
     click(centre(back));
@@ -174,7 +183,7 @@ TEST_F(ScreenTest, HostFlagsHideTheBackButtonAndLogoWhichThenStopReacting) {
 }
 
 TEST_F(ScreenTest, NoControlReactsWhileLoading) {
-    pc->showLoading = true;
+    pc->showLoadingUI(true);
     const auto l = layout();
     const size_t seeks = simPlayer()->seeks.size();
     events.clear();
@@ -194,26 +203,26 @@ TEST_F(ScreenTest, NoControlReactsWhileLoading) {
     EXPECT_EQ(simPlayer()->seeks.size(), seeks);
 
     // Once loaded, the same back tap closes the player.
-    pc->showLoading = false;
+    pc->showLoadingUI(false);
     click(centre(l.back));
     EXPECT_EQ(events.count("OnVideoClosed"), 1u);
 }
 
 TEST_F(ScreenTest, TapOnVideoTogglesRailAndDismissesCountdownOnlyAtTheEnd) {
-    pc->showPlaylist = false;
-    pc->showControls = false;
+    showRail(false);
+    showControls(false);
     auto tapVideo = [&](bool railAfter, bool dismissedAfter) {
         settle();  // the rail has slid and the video area follows it
         click(emptyVideoSpot());
         EXPECT_EQ(pc->showPlaylist.get(), railAfter);
-        EXPECT_EQ(pc->dismissedCountdownRail, dismissedAfter);
+        EXPECT_EQ(pc->isCountdownRailDismissed(), dismissedAfter);
     };
     tapVideo(true, false);
     EXPECT_TRUE(pc->showControls);
     tapVideo(false, false);
     // Three seconds before the end the rail is the countdown rail.
     vp.advance(kClip - 3 - vp.queue->now());
-    pc->showPlaylist = true;
+    showRail(true);
     tapVideo(false, true);
     tapVideo(true, false);  // showing it again clears the mark
 }
@@ -230,7 +239,7 @@ TEST_F(ScreenTest, SliderDragPausesThenSeeksAndResumesOnlyIfItWasPlaying) {
     ImVec2 start = thumbCentre();
     const double before = pc->currentTime.get();
     pointer(start, true);
-    EXPECT_TRUE(pc->isScrubbing && pc->wasPlayingBeforeScrub);
+    EXPECT_TRUE(pc->isScrubbing);
     EXPECT_EQ(simPlayer()->timeControlStatus(), TimeControlStatus::paused);
     EXPECT_EQ(pc->hideControlsWorkItem.get(), nullptr);
 
@@ -262,7 +271,7 @@ TEST_F(ScreenTest, CardsDrawTheirStateAndBadgeAndTapsSelectVideos) {
     resize(844, 390);  // all three cards fit side by side
     playlist->videoCompleted("a2", 12);
     playlist->triggerCountdownIfNeeded("a0", 5);
-    pc->showPlaylist = true;
+    showRail(true);
     settle();
     ASSERT_NE(view->rail(), nullptr);
     EXPECT_TRUE(trace().hasText("Playing in 5s") && trace().hasText("Watched"));
@@ -294,7 +303,7 @@ TEST_F(ScreenTest, CardsDrawTheirStateAndBadgeAndTapsSelectVideos) {
 }
 
 TEST_F(ScreenTest, PhoneRotationResizesCardsRailAndCentreButtons) {
-    pc->showPlaylist = true;
+    showRail(true);
     settle();
     auto sizes = [&] {
         const auto& l = view->lastLayout();
@@ -315,7 +324,7 @@ TEST_F(ScreenTest, PhoneRotationResizesCardsRailAndCentreButtons) {
     EXPECT_FALSE(view->isAnimating(vp.queue->now()));
     EXPECT_EQ(sizes(), std::make_tuple(176.f, 50.f, 30.f));  // small buttons beside the rail
 
-    pc->showPlaylist = false;
+    showRail(false);
     settle();
     EXPECT_EQ(std::get<1>(sizes()), 100);
     EXPECT_EQ(std::get<2>(sizes()), 50);
@@ -324,14 +333,18 @@ TEST_F(ScreenTest, PhoneRotationResizesCardsRailAndCentreButtons) {
 }
 
 TEST_F(ScreenTest, ReturningToTheForegroundResumesOnlyWhenPlaybackWasWanted) {
-    pc->pause();
-    pc->shouldBePlayingAfterResume = false;
-    view->applicationDidBecomeActive();
-    EXPECT_FALSE(pc->isPlaying);
-    pc->shouldBePlayingAfterResume = true;
+    // The system paused the player behind the controller's back: resumed.
+    pc->play();
+    simPlayer()->pause();
     view->applicationDidBecomeActive();
     vp.runUntilIdle();
-    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_EQ(simPlayer()->timeControlStatus(), TimeControlStatus::playing);
+    // The viewer's own pause is kept.
+    pc->pause();
+    view->applicationDidBecomeActive();
+    vp.runUntilIdle();
+    EXPECT_FALSE(pc->isPlaying);
+    EXPECT_EQ(simPlayer()->timeControlStatus(), TimeControlStatus::paused);
 }
 
 TEST_F(ScreenTest, FailedPlaybackShowsTheMessageInsteadOfTheSpinnerAndBackReacts) {
@@ -348,9 +361,9 @@ TEST_F(ScreenTest, FailedPlaybackShowsTheMessageInsteadOfTheSpinnerAndBackReacts
 }
 
 TEST(ScreenDecisions, CountdownPhaseTimeLabelAndSizesPerDeviceAndOrientation) {
-    EXPECT_FALSE(VideoPlayerView::isCountdownPhase(3, std::numeric_limits<double>::quiet_NaN()));
-    EXPECT_TRUE(VideoPlayerView::isCountdownPhase(25, 30));
-    EXPECT_FALSE(VideoPlayerView::isCountdownPhase(24.9, 30));
+    EXPECT_FALSE(PlayerController::isCountdownPhase(3, std::numeric_limits<double>::quiet_NaN()));
+    EXPECT_TRUE(PlayerController::isCountdownPhase(25, 30));
+    EXPECT_FALSE(PlayerController::isCountdownPhase(24.9, 30));
     EXPECT_EQ(VideoPlayerView::timeLabel(65, 750), "01:05/12:30");
 
     // Sizes the layout tests do not reach already.
