@@ -29,8 +29,9 @@ namespace {
 
 // exit() called from a host callback runs on the library thread, and that thread's
 // thread_local destructors come before every exit handler: the render thread stops
-// there, before the GL driver's own handlers tear the driver down under it. When
-// the thread is parked the window is gone already and this does nothing.
+// there, and a window still opening is waited for, before the GL driver's own
+// handlers tear the driver down under them. When the thread is parked the window
+// is gone already and this does nothing.
 struct StopDrawingAtThreadExit {
     std::weak_ptr<WindowPresenter> presenter;
     ~StopDrawingAtThreadExit() {
@@ -167,6 +168,9 @@ bool WindowPresenter::ensureWindow() {
     std::weak_ptr<WindowPresenter> weak = weak_from_this();
     auto queue = queue_;
     opened_ = std::make_unique<Opened>();
+    // Armed before the opening starts: an exit meanwhile must wait for it while the
+    // GL driver it loads is still whole.
+    stopDrawingAtThreadExit(weak);
     opener_ = std::thread([this, weak, queue] {
         nameThisThread("kavelin-open");
         openNativeWindow(*opened_);
@@ -226,7 +230,6 @@ void WindowPresenter::finishOpening() {
     if (renderGlContext_) {
         renderer_ =
             std::make_shared<MpvVideoRenderer>(queue_, window_, renderGlContext_, invalidate);
-        stopDrawingAtThreadExit(weak_from_this());
     }
     VideoRenderer::install(renderer_);
     updatePolling();
