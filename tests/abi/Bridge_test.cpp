@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <memory>
 #include <set>
 #include <thread>
 
@@ -41,11 +42,11 @@ const char* kEpisodes =
 class BridgeTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        config_ = new ScratchDir("kavelin-abi");
+        config_ = std::make_unique<ScratchDir>("kavelin-abi");
         config_->asConfigHome();
         setenv("KAVELIN_HEADLESS", "1", 1);
     }
-    static void TearDownTestSuite() { delete config_; }
+    static void TearDownTestSuite() { config_.reset(); }
     void SetUp() override { ASSERT_TRUE(lib.ok()) << lib.missing; }
 
     template <typename Body>
@@ -75,21 +76,19 @@ class BridgeTest : public ::testing::Test {
             lines.push_back(out.substr(start, nl - start));
         return lines;
     }
-    static long count(const Lines& lines, const std::string& text,
-                      const std::string& alsoText = "") {
+    static long count(const Lines& lines, const std::string& text, const std::string& also = "") {
         return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) {
-            return l.find(text) != std::string::npos && l.find(alsoText) != std::string::npos;
+            return l.find(text) != std::string::npos && l.find(also) != std::string::npos;
         });
     }
     static bool contains(const Lines& lines, const std::string& text,
-                         const std::string& alsoText = "") {
-        return count(lines, text, alsoText) > 0;
+                         const std::string& also = "") {
+        return count(lines, text, also) > 0;
     }
 
-    static ScratchDir* config_;
+    static inline std::unique_ptr<ScratchDir> config_;
     HostLibrary lib{KAVELIN_LIB_PATH};
 };
-ScratchDir* BridgeTest::config_ = nullptr;
 
 TEST_F(BridgeTest, ExportsExactlyTheHeadersFunctionsAndVersion) {
     FILE* nm = popen((std::string("nm -D --defined-only ") + KAVELIN_LIB_PATH).c_str(), "r");

@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <thread>
 
 #include "support/HostLibrary.h"
 #include "support/ScratchDir.h"
@@ -78,8 +77,8 @@ TEST(EndToEndTest, FreeViewerSessionWithBetweenVideosAndMidRollAdsOnRealPlayback
         at = expectEvent("OnNextVideoAdRequired:0", at);
         at = expectEvent("OnViewDismissed:ad_required", at);
         // While the host shows its ad nothing of the next video starts, though the
-        // player may open videos ahead.
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+        // player may open videos ahead: watched for a second.
+        EXPECT_FALSE(HostEvents::waitFor("OnVideoPlay:true", at, 1)) << HostEvents::dump();
         EXPECT_EQ(HostEvents::texts(at + 1), std::vector<std::string>{});
         lib.AdCompletedResumePlayback();
 

@@ -52,7 +52,7 @@ TEST_F(AdSessionTrackerTest, RecordingCountsAndStampsTheWallClockAndNoLimitsNeve
     EXPECT_EQ(log.messages().size(), 5u);  // the five records only
 }
 
-TEST_F(AdSessionTrackerTest, SessionCapIsTestedFirstAndAskingNeverCounts) {
+TEST_F(AdSessionTrackerTest, SessionCapIsTestedFirstAskingNeverCountsAndResetClearsIt) {
     auto c = limits(2, std::nullopt);
     for (int shown = 0; shown < 2; ++shown) {
         EXPECT_TRUE(tracker.canShowAd(c));
@@ -70,6 +70,14 @@ TEST_F(AdSessionTrackerTest, SessionCapIsTestedFirstAndAskingNeverCounts) {
     EXPECT_FALSE(tracker.canShowAd(limits(3, 10.0)));
     EXPECT_THAT(log.messages(), ElementsAre("🚫 Ad blocked: session cap reached (2/2)",
                                             "🚫 Ad blocked: cooldown 0s / 10s"));
+
+    // Reset starts a new session, silently: neither cap nor cooldown applies any more.
+    log.clear();
+    tracker.reset();
+    EXPECT_THAT(log.messages(), IsEmpty());
+    EXPECT_EQ(tracker.totalAdsShown(), 0);
+    EXPECT_EQ(tracker.lastAdTimestamp(), std::nullopt);
+    EXPECT_TRUE(tracker.canShowAd(limits(1, 60.0)));
 
     AdSessionTracker fresh([this] { return now; });
     EXPECT_FALSE(fresh.canShowAd(limits(0, std::nullopt)));
@@ -96,18 +104,6 @@ TEST_F(AdSessionTrackerTest, CooldownRunsOnTheWallClockEvenWhenItIsSetBack) {
     EXPECT_THAT(log.messages(),
                 ElementsAre("🚫 Ad blocked: cooldown 30s / 60s", "🚫 Ad blocked: cooldown 60s / 60s",
                             "🚫 Ad blocked: cooldown -10s / 60s"));
-}
-
-TEST_F(AdSessionTrackerTest, ResetStartsANewSessionSilently) {
-    auto c = limits(1, 60.0);
-    record();
-    EXPECT_FALSE(tracker.canShowAd(c));
-    log.clear();
-    tracker.reset();
-    EXPECT_THAT(log.messages(), IsEmpty());
-    EXPECT_EQ(tracker.totalAdsShown(), 0);
-    EXPECT_EQ(tracker.lastAdTimestamp(), std::nullopt);
-    EXPECT_TRUE(tracker.canShowAd(c));  // neither cap nor cooldown applies any more
 }
 
 TEST(AdSessionTrackerClock, DefaultsToTheSystemClock) {

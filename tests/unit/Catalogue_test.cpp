@@ -49,26 +49,22 @@ void expectError(const std::string& actual, const std::string& expected, const s
 }
 
 TEST(SubscriptionStatus, RawValuesAreExactAndTheProcessTierStartsFree) {
-    EXPECT_EQ(rawValue(SubscriptionStatus::free), "free");
-    EXPECT_EQ(rawValue(SubscriptionStatus::premium), "premium");
-    EXPECT_EQ(subscriptionStatusFromRaw("free"), SubscriptionStatus::free);
-    EXPECT_EQ(subscriptionStatusFromRaw("premium"), SubscriptionStatus::premium);
+    for (auto [status, raw] : {std::pair{SubscriptionStatus::free, "free"},
+                               std::pair{SubscriptionStatus::premium, "premium"}}) {
+        EXPECT_EQ(rawValue(status), raw);
+        EXPECT_EQ(subscriptionStatusFromRaw(raw), status);
+    }
     for (const char* bad : {"Premium", "FREE", "", "premium "})
         EXPECT_EQ(subscriptionStatusFromRaw(bad), std::nullopt) << bad;
-
     EXPECT_EQ(subscriptionStatus(), SubscriptionStatus::free);
-    subscriptionStatus() = SubscriptionStatus::premium;
-    EXPECT_EQ(subscriptionStatus(), SubscriptionStatus::premium);
-    subscriptionStatus() = SubscriptionStatus::free;
 }
 
 TEST(EpisodeToVideo, TrimsOnlyTheEndsOfTheUrl) {
     Episode e{"7", "\n  media/a.mp4  ", " img/7.png ", "Seven", 1, 95};
     Video v = e.toVideo("pl-1");
-    EXPECT_EQ(std::tie(v.id, v.url, v.title, v.description),
-              std::make_tuple("7", "media/a.mp4", "Seven", "pl-1"));
-    EXPECT_EQ(v.thumbnail, " img/7.png ");  // only the address is cleaned
-    EXPECT_FALSE(v.isWatched);
+    // Only the address is cleaned.
+    EXPECT_EQ(std::tie(v.id, v.url, v.title, v.description, v.thumbnail, v.isWatched),
+              std::make_tuple("7", "media/a.mp4", "Seven", "pl-1", " img/7.png ", false));
     const std::pair<std::string, std::string> urls[] = {
         {"\t\r\n a b\tc \r\n", "a b\tc"},
         // no-break space, U+2028, U+3000
@@ -105,8 +101,8 @@ TEST(HostDocuments, DecodeTheHostsArrays) {
     EXPECT_EQ(groups[0].episodes[1].length, 95);
 }
 
-TEST(HostDocuments, OneBadElementRejectsTheWholePlaylistDocument) {
-    const std::pair<std::string, std::string> cases[] = {
+TEST(HostDocuments, OneBadElementOrFieldRejectsTheWholeDocument) {
+    const std::pair<std::string, std::string> lists[] = {
         {R"([{"id":"a","name":"A","thumbnail":"t"},{"id":"b","name":"B"}])",
          R"(key "thumbnail" not found at [1])"},
         {R"([{"id":"a","name":7,"thumbnail":"t"}])",
@@ -117,10 +113,7 @@ TEST(HostDocuments, OneBadElementRejectsTheWholePlaylistDocument) {
          "value at [1]: expected an object, found string"},
         {R"({"id":"a","name":"A","thumbnail":"t"})", "top level: expected an array, found object"},
         {"null", "top level: expected an array, found null"}};
-    for (const auto& [doc, error] : cases) expectError(playlistsError(doc), error, doc);
-}
-
-TEST(HostDocuments, EpisodeFieldsAndStructureAreStrict) {
+    for (const auto& [doc, error] : lists) expectError(playlistsError(doc), error, doc);
     json deep = json::array();
     for (int p = 0; p < 2; ++p)
         deep.push_back({{"id", "pl-" + std::to_string(p)},
@@ -157,7 +150,7 @@ TEST(HostDocuments, EpisodeFieldsAndStructureAreStrict) {
         EXPECT_EQ(decodeEpisodeResponses(episodeWith("length", raw))[0].episodes[0].length, value);
 }
 
-TEST(DocumentText, EveryParseFailureIsADecodingError) {
+TEST(DocumentText, EveryParseFailureIsADecodingErrorAndSizeOrDepthIsNone) {
     const std::string bad[] = {
         "",
         "   \n",
@@ -180,25 +173,20 @@ TEST(DocumentText, EveryParseFailureIsADecodingError) {
     }
     // A leading byte-order mark is tolerated, as the platform decoder does.
     EXPECT_TRUE(decodePlaylistResponses("\xEF\xBB\xBF[]").empty());
-}
 
-TEST(DocumentText, LargeAndDeepDocuments) {
     // About 10 MB of episodes: 20 playlists of 3000.
-    std::string text = "[";
+    json doc = json::array();
     for (int p = 0; p < 20; ++p) {
-        text +=
-            std::string(p ? "," : "") + R"({"id":"pl-)" + std::to_string(p) + R"(","episodes":[)";
+        json episodes = json::array();
         for (int i = 0; i < 3000; ++i) {
-            const auto n = std::to_string(i);
-            text +=
-                std::string(i ? "," : "") + R"({"index":")" + n +
-                R"(","url":"https://cdn.example.com/media/episode/)" + n +
-                R"(/index.m3u8","thumbnail":"https://cdn.example.com/img/)" + n +
-                R"(.png","title":"An episode with a moderately long title","isActive":1,"length":120})";
+            json e = episode(std::to_string(i));
+            e["url"] = "https://cdn.example.com/media/episode/" + std::to_string(i) + "/index.m3u8";
+            e["title"] = "An episode with a moderately long title and then some more words";
+            episodes.push_back(e);
         }
-        text += "]}";
+        doc.push_back({{"id", "pl-" + std::to_string(p)}, {"episodes", episodes}});
     }
-    text += "]";
+    std::string text = doc.dump();
     ASSERT_GT(text.size(), 9'000'000u);
     auto list = decodeEpisodeResponses(text);
     ASSERT_EQ(list.size(), 20u);
@@ -216,13 +204,13 @@ TEST(DocumentText, LargeAndDeepDocuments) {
     EXPECT_EQ(playlistsError(nested), "value at [0]: expected an object, found array");
 }
 
-TEST(PlaylistRecord, OptionalFieldsMayBeAbsentOrNullAndRequiredOnesMustBeThere) {
-    Playlist p =
+TEST(Records, OptionalFieldsMayBeAbsentRequiredOnesMustBeThereAndEveryFieldRoundTrips) {
+    Playlist sparse =
         decodePlaylist(json::parse(R"({"id":"p","name":null,"thumbnail":"t","videos":[]})"));
-    EXPECT_EQ(std::tie(p.id, p.name, p.thumbnail, p.description),
+    EXPECT_EQ(std::tie(sparse.id, sparse.name, sparse.thumbnail, sparse.description),
               std::make_tuple("p", std::nullopt, "t", std::nullopt));
-    EXPECT_TRUE(p.videos.empty());
-    EXPECT_EQ(encode(p), json::parse(R"({"id":"p","thumbnail":"t","videos":[]})"));
+    EXPECT_TRUE(sparse.videos.empty());
+    EXPECT_EQ(encode(sparse), json::parse(R"({"id":"p","thumbnail":"t","videos":[]})"));
 
     auto error = [](const std::string& text) {
         return decodingError([](const std::string& t) { decodePlaylist(json::parse(t)); }, text);
@@ -239,9 +227,7 @@ TEST(PlaylistRecord, OptionalFieldsMayBeAbsentOrNullAndRequiredOnesMustBeThere) 
          R"(key "isWatched" at videos[0]: expected a boolean, found string)"},
         {"[]", "top level: expected an object, found array"}};
     for (const auto& [doc, expected] : cases) EXPECT_EQ(error(doc), expected) << doc;
-}
 
-TEST(RecordEncoding, RoundTripsEveryField) {
     Video v("v1", "av://lavfi:testsrc", "Title", "pl-9", "file:///t.svg");
     v.isWatched = true;
     EXPECT_EQ(encode(v).size(), 6u);
@@ -268,16 +254,20 @@ TEST(RecordEncoding, RoundTripsEveryField) {
     EXPECT_EQ(back[0].episodes[1].isActive, -1);
 }
 
-TEST(SampleCatalogue, HasTheStatedShape) {
+TEST(SampleCatalogue, HasTheStatedShapeAndSettableCopies) {
     const Playlist* samples[] = {&SampleVideos::Playlist1(), &SampleVideos::Playlist2(),
                                  &SampleVideos::Playlist3()};
     const size_t sizes[] = {10, 3, 4};
     std::set<std::string> playlistIds, videoIds, thumbnails, urls;
     const std::string thumbnailRoot = "kavelin:Thumbnails/";
     const std::regex urlShape(R"(edl://file=av://lavfi:[^,; \[\]\t\n]*,length=(\d+)[^ \[\]\t\n]*)");
+    ASSERT_EQ(Playlist::allPlaylists().size(), 3u);
+    ASSERT_EQ(playlists().size(), 3u);
     for (int i = 0; i < 3; ++i) {
         const Playlist& p = *samples[i];
         EXPECT_EQ(p.videos.size(), sizes[i]);
+        EXPECT_EQ(Playlist::allPlaylists()[i].id, p.id);
+        EXPECT_EQ(playlists()[i].videos.size(), p.videos.size());
         EXPECT_FALSE(p.id.empty());
         EXPECT_TRUE(playlistIds.insert(p.id).second);
         ASSERT_TRUE(p.name && p.thumbnail && p.description);
@@ -300,17 +290,8 @@ TEST(SampleCatalogue, HasTheStatedShape) {
             EXPECT_TRUE(urls.insert(v.url).second) << v.url;
         }
     }
-}
-
-TEST(SampleCatalogue, StaticListsAreCopiesAndSettable) {
-    EXPECT_EQ(Playlist::mockPlaylist().id, SampleVideos::Playlist1().id);
+    EXPECT_EQ(Playlist::mockPlaylist().id, samples[0]->id);
     EXPECT_EQ(Playlist::mockPlaylist().videos.size(), 10u);
-    ASSERT_EQ(Playlist::allPlaylists().size(), 3u);
-    EXPECT_EQ(Playlist::allPlaylists()[0].id, SampleVideos::Playlist1().id);
-    EXPECT_EQ(Playlist::allPlaylists()[1].id, SampleVideos::Playlist2().id);
-    EXPECT_EQ(Playlist::allPlaylists()[2].id, SampleVideos::Playlist3().id);
-    ASSERT_EQ(playlists().size(), 3u);
-    EXPECT_EQ(playlists()[2].videos.size(), 4u);
 
     // Changing the settable copies leaves the samples themselves alone.
     Playlist saved = Playlist::mockPlaylist();
@@ -320,7 +301,6 @@ TEST(SampleCatalogue, StaticListsAreCopiesAndSettable) {
     Playlist::mockPlaylist() = saved;
     std::vector<Playlist> savedList = playlists();
     playlists() = {Playlist("only", std::nullopt, std::nullopt, std::nullopt, {})};
-    EXPECT_EQ(playlists().size(), 1u);
     EXPECT_EQ(Playlist::allPlaylists().size(), 3u);
     playlists() = savedList;
 }

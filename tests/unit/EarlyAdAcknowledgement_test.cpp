@@ -8,23 +8,19 @@
 namespace kavelin::testing {
 namespace {
 
-enum class Kind { nextVideo, tile, midRoll };
+// A kind of request: the event that asks for the ad and the video that plays after it.
+struct Kind {
+    const char* name;
+    std::string request;
+    const char* thenPlays;
+};
+const Kind kNextVideo{"NextVideo", "OnNextVideoAdRequired", "a1"};
+const Kind kTile{"Tile", "OnVideoTileClicked", "a2"};
+const Kind kMidRoll{"MidRoll", "OnMidRollAdRequired", "a0"};
 constexpr double kInsideCallback = -1;
 
 // The kind of request, and the acknowledgement's delay after it (or kInsideCallback).
 using Case = std::tuple<Kind, double>;
-
-std::string requestOf(Kind kind) {
-    switch (kind) {
-        case Kind::nextVideo:
-            return "OnNextVideoAdRequired";
-        case Kind::tile:
-            return "OnVideoTileClicked";
-        case Kind::midRoll:
-            return "OnMidRollAdRequired";
-    }
-    return "";
-}
 
 class EarlyAck : public PlayerControllerTest, public ::testing::WithParamInterface<Case> {
   protected:
@@ -46,15 +42,15 @@ class EarlyAck : public PlayerControllerTest, public ::testing::WithParamInterfa
 
 TEST_P(EarlyAck, ResumesOnceAfterTheDismissalWhateverTheMoment) {
     const auto [kind, delay] = GetParam();
-    const std::string request = requestOf(kind);
-    if (kind == Kind::midRoll) pc->setMidRollConfig(policy({0.5}));  // cue at 15 s
+    const std::string& request = kind.request;
+    if (request == kMidRoll.request) pc->setMidRollConfig(policy({0.5}));  // cue at 15 s
     registerUnityCallback(hostCallback);
     if (delay == kInsideCallback) ackOn = request;
     startPlaylist("pl-1");
     vp.advance(2);
     events.clear();
 
-    if (kind == Kind::tile) pc->onVideoSelected(video("pl-1", 2));
+    if (request == kTile.request) pc->onVideoSelected(video("pl-1", 2));
     for (int i = 0; i < 700 && events.count(request) == 0; ++i) vp.advance(0.05);
     ASSERT_EQ(events.count(request), 1u);
     if (delay != kInsideCallback) {
@@ -70,8 +66,7 @@ TEST_P(EarlyAck, ResumesOnceAfterTheDismissalWhateverTheMoment) {
     EXPECT_EQ(at[2], (HostEvent{"OnVideoPlay", "true"}));
     EXPECT_EQ(events.count("OnViewDismissed"), 1u);
     EXPECT_EQ(vp.presenter->presentCount(), 2);  // reopened once
-    const char* expected = kind == Kind::nextVideo ? "a1" : kind == Kind::tile ? "a2" : "a0";
-    EXPECT_EQ(playingURL(), urlOf(expected));
+    EXPECT_EQ(playingURL(), urlOf(kind.thenPlays));
     EXPECT_TRUE(pc->isPlaying);
     EXPECT_FALSE(pc->shouldWaitForAd);
     EXPECT_NE(pc->hostingController(), nullptr);
@@ -79,15 +74,13 @@ TEST_P(EarlyAck, ResumesOnceAfterTheDismissalWhateverTheMoment) {
 }
 
 std::string caseName(const ::testing::TestParamInfo<Case>& info) {
-    static const char* const kinds[] = {"NextVideo", "Tile", "MidRoll"};
-    const auto [kind, d] = info.param;
-    return std::string(kinds[static_cast<int>(kind)]) +
+    const auto& [kind, d] = info.param;
+    return kind.name +
            (d < 0 ? "InsideCallback" : "After" + std::to_string(static_cast<int>(d * 1000)) + "ms");
 }
 
 INSTANTIATE_TEST_SUITE_P(KindsAndMoments, EarlyAck,
-                         ::testing::Combine(::testing::Values(Kind::nextVideo, Kind::tile,
-                                                              Kind::midRoll),
+                         ::testing::Combine(::testing::Values(kNextVideo, kTile, kMidRoll),
                                             ::testing::Values(kInsideCallback, 0.05, 0.2, 1.0)),
                          caseName);
 

@@ -5,22 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "Kavelin/Extentions/UIImage+Ext.h"
 #include "Kavelin/Model/Catalogue.h"
+#include "support/ScopedEnv.h"
 #include "support/ScratchDir.h"
+#include "support/VirtualPlatform.h"
 
 using namespace kavelin;
 
 namespace {
-
-std::string fileBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
-}
 
 TEST(EmbeddedResources, SampleThumbnailsAndFontsAreBuiltIn) {
     unsetenv("KAVELIN_RESOURCES_DIR");
@@ -37,7 +31,7 @@ TEST(EmbeddedResources, SampleThumbnailsAndFontsAreBuiltIn) {
     // The faces set-up fetched are the ones inside, byte for byte.
     for (const char* face : {"Poppins-Medium.ttf", "Poppins-SemiBold.ttf"}) {
         const std::string fetched =
-            fileBytes(KAVELIN_SOURCE_DIR "/build/fonts/" + std::string(face));
+            kavelin::testing::readFile(KAVELIN_SOURCE_DIR "/build/fonts/" + std::string(face));
         if (fetched.empty()) continue;
         auto inside = embeddedResource(face);
         ASSERT_TRUE(inside) << face;
@@ -50,7 +44,7 @@ TEST(EmbeddedResources, DevelopmentFolderShadowsOnlyWhatItHolds) {
     std::ofstream(dir.path / "Play.svg") << "edited";
     const std::string outside = dir.path.filename().string() + "-outside.svg";
     std::ofstream(dir.path.parent_path() / outside) << "secret";
-    setenv("KAVELIN_TEST_RESOURCES", dir.path.c_str(), 1);
+    ScopedEnv variable("KAVELIN_TEST_RESOURCES", dir.path.c_str());
     const auto builtInPause = embeddedResource("Pause.svg");
     ASSERT_TRUE(builtInPause && embeddedResource("Play.svg"));
     struct Case {
@@ -69,7 +63,6 @@ TEST(EmbeddedResources, DevelopmentFolderShadowsOnlyWhatItHolds) {
         EXPECT_EQ(resourceBytes(c.name, c.variable), c.expected)
             << c.name << " via " << (c.variable ? c.variable : "-");
     std::filesystem::remove(dir.path.parent_path() / outside);
-    unsetenv("KAVELIN_TEST_RESOURCES");
 }
 
 }  // namespace

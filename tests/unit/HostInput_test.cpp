@@ -50,7 +50,12 @@ class BadInput : public PlayerControllerTest {
     }
 };
 
-TEST_F(BadInput, NegativeURLCountIsLoggedAndTheListKept) {
+TEST_F(BadInput, URLListSkipsNullEntriesANegativeCountIsLoggedAndTheListKept) {
+    const char* urls[] = {"a", nullptr, "b"};
+    EXPECT_EQ(urlsFromHost(urls, 3), (std::vector<std::string>{"a", "b"}));
+    EXPECT_TRUE(urlsFromHost(urls, 0).empty());
+    EXPECT_TRUE(urlsFromHost(nullptr, 2).empty());
+
     pc->setURLS({"a", "b"});
     const char* list[] = {"x"};
     for (int32_t count : {-1, -2147483647 - 1}) {

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <future>
 #include <limits>
@@ -66,7 +68,16 @@ TEST(VirtualMainQueue, CancelledItemsNeverRunAndReleaseTheirCaptures) {
     EXPECT_FALSE(ran);
 }
 
-TEST(ThreadMainQueue, SyncHopsOntoTheQueueWaitsAndNestsInline) {
+// Polls `done` for at most `seconds` of real time: a thread queue has no virtual clock.
+template <class Pred>
+bool waitUntil(Pred done, double seconds = 5) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!done() && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return done();
+}
+
+TEST(ThreadMainQueue, SyncHopsOntoTheQueueWaitsNestsInlineAndStopsAtShutdown) {
     ThreadMainQueue q;
     std::thread::id ranOn;
     bool wasCurrent = false;
@@ -85,9 +96,17 @@ TEST(ThreadMainQueue, SyncHopsOntoTheQueueWaitsAndNestsInline) {
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 
     EXPECT_THROW(q.sync([] { throw std::runtime_error("boom"); }), std::runtime_error);
-    int after = 0;
-    q.sync([&] { after = 1; });
-    EXPECT_EQ(after, 1) << "the queue keeps serving after a failed task";
+    std::atomic<int> ran{0};
+    q.sync([&] { ran = 1; });
+    EXPECT_EQ(ran.load(), 1) << "the queue keeps serving after a failed task";
+
+    // Shutdown runs what is queued, then drops later posts.
+    q.async([&] { ran += 10; });
+    q.shutdown();
+    EXPECT_EQ(ran.load(), 11);
+    q.async([&] { ran += 100; });
+    q.sync([&] { ran += 1000; });  // must return, not hang
+    EXPECT_EQ(ran.load(), 11);
 }
 
 TEST(ThreadMainQueue, DelayedWorkRunsInOrderAndCancellationHolds) {
@@ -109,17 +128,6 @@ TEST(ThreadMainQueue, DelayedWorkRunsInOrderAndCancellationHolds) {
     q.sync([&] { EXPECT_EQ(ran, (std::vector<int>{1, 2, 3})); });
 }
 
-TEST(ThreadMainQueue, ShutdownRunsQueuedWorkThenDropsLaterPosts) {
-    auto q = std::make_unique<ThreadMainQueue>();
-    std::atomic<int> ran{0};
-    q->async([&] { ran += 1; });
-    q->shutdown();
-    EXPECT_EQ(ran.load(), 1);
-    q->async([&] { ran += 10; });
-    q->sync([&] { ran += 100; });  // must return, not hang
-    EXPECT_EQ(ran.load(), 1);
-}
-
 // The window pumps input from the idle hook, so it must run on the queue whether
 // the queue is idle or kept busy by frames and clock ticks (keys were lost on a
 // loaded machine), and stop once cleared.
@@ -127,21 +135,20 @@ TEST(ThreadMainQueue, IdleHookRunsOnTheQueueIdleOrBusyUntilCleared) {
     ThreadMainQueue q;
     std::atomic<int> calls{0}, busyCalls{0};
     std::atomic<bool> onQueue{true}, busy{true}, spinning{false};
-    std::promise<void> idleThrice, busyThrice;
     q.setIdleHook(
         [&] {
             if (!q.isCurrent()) onQueue = false;
-            if (++calls == 3) idleThrice.set_value();
-            if (spinning && ++busyCalls == 3) busyThrice.set_value();
+            ++calls;
+            if (spinning) ++busyCalls;
         },
         0.005);
-    ASSERT_EQ(idleThrice.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    ASSERT_TRUE(waitUntil([&] { return calls >= 3; }));
     std::function<void()> work = [&] {
         spinning = busy.load();
         if (busy) q.async(work);  // the next task is always ready before this one ends
     };
     q.async(work);
-    EXPECT_EQ(busyThrice.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_TRUE(waitUntil([&] { return busyCalls >= 3; }));
     busy = false;
     q.setIdleHook(nullptr, 0);
     q.sync([] {});
@@ -169,22 +176,19 @@ TEST(ThreadMainQueue, IdleHookWakesOnItsDescriptorAndAfterWorkOnly) {
             ++calls;
         },
         60.0, fds[0]);
-    auto waitFor = [&](int n, int tenMs = 500) {
-        for (int i = 0; i < tenMs && calls.load() < n; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return calls.load();
+    auto callsReach = [&](int n, double seconds = 5) {
+        return waitUntil([&] { return calls >= n; }, seconds);
     };
-    const int first = waitFor(1);
-    ASSERT_GE(first, 1);
+    ASSERT_TRUE(callsReach(1));
+    const int first = calls.load();
     ASSERT_EQ(::write(fds[1], "x", 1), 1);
-    EXPECT_GE(waitFor(first + 1), first + 1);
+    EXPECT_TRUE(callsReach(first + 1));
     const int afterByte = calls.load();
     q.sync([] {});
-    EXPECT_GE(waitFor(afterByte + 1), afterByte + 1);
+    EXPECT_TRUE(callsReach(afterByte + 1));
     ::close(fds[1]);
     q.sync([] {});
-    const int afterHangUp = waitFor(1 << 20, 20);  // a spinning loop would count thousands
-    EXPECT_LE(afterHangUp, afterByte + 4);
+    EXPECT_FALSE(callsReach(afterByte + 5, 0.2)) << "a spinning loop would count thousands";
     EXPECT_TRUE(onQueue.load());
     q.setIdleHook(nullptr, 0);
     ::close(fds[0]);
@@ -193,47 +197,32 @@ TEST(ThreadMainQueue, IdleHookWakesOnItsDescriptorAndAfterWorkOnly) {
 // Delays come from remote documents (ad time-outs, cue points). Whatever number
 // arrives, a delay too large for the clock means "not for a very long time",
 // never an overflowed tick count that fires at once; negative or NaN means now.
-struct Delay {
-    const char* name;
-    double seconds;
-    bool runsNow;
-};
+TEST(ThreadMainQueue, HostileDelaysSaturateOnBothQueues) {
+    constexpr double kInf = std::numeric_limits<double>::infinity();
+    const std::pair<double, bool> delays[] = {{1e300, false},       {1e10, false}, {kInf, false},
+                                              {std::nan(""), true}, {-kInf, true}, {-1e300, true}};
+    for (const auto& [seconds, runsNow] : delays) {
+        SCOPED_TRACE(seconds);
+        VirtualMainQueue virtualQueue;
+        bool ran = false;
+        virtualQueue.asyncAfter(seconds, [&] { ran = true; });
+        virtualQueue.advance(1e6);  // eleven days later
+        EXPECT_EQ(ran, runsNow);
+        // Advancing by the same hostile amount must not wrap the clock backwards.
+        const double before = virtualQueue.now();
+        virtualQueue.advance(seconds);
+        EXPECT_GE(virtualQueue.now(), before);
 
-class HostileDelayTest : public ::testing::TestWithParam<Delay> {};
-
-TEST_P(HostileDelayTest, BothQueuesSaturate) {
-    VirtualMainQueue virtualQueue;
-    bool ran = false;
-    virtualQueue.asyncAfter(GetParam().seconds, [&] { ran = true; });
-    virtualQueue.advance(1e6);  // eleven days later
-    EXPECT_EQ(ran, GetParam().runsNow);
-    // Advancing by the same hostile amount must not wrap the clock backwards.
-    const double before = virtualQueue.now();
-    virtualQueue.advance(GetParam().seconds);
-    EXPECT_GE(virtualQueue.now(), before);
-
-    ThreadMainQueue q;
-    bool threadRan = false;  // written and read on the queue only
-    q.asyncAfter(GetParam().seconds, [&] { threadRan = true; });
-    // A wrapped deadline would lie in the past and fire before this marker.
-    std::promise<bool> seen;
-    q.asyncAfter(0.05, [&] { seen.set_value(threadRan); });
-    auto future = seen.get_future();
-    ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    EXPECT_EQ(future.get(), GetParam().runsNow);
-}
-
-constexpr double kInf = std::numeric_limits<double>::infinity();
-INSTANTIATE_TEST_SUITE_P(
-    Values, HostileDelayTest,
-    ::testing::Values(Delay{"huge", 1e300, false}, Delay{"pastInt64Nanos", 1e10, false},
-                      Delay{"infinity", kInf, false},
-                      Delay{"nan", std::numeric_limits<double>::quiet_NaN(), true},
-                      Delay{"minusInfinity", -kInf, true}, Delay{"negative", -1e300, true}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-pid_t currentTid() {
-    return static_cast<pid_t>(::syscall(SYS_gettid));
+        ThreadMainQueue q;
+        bool threadRan = false;  // written and read on the queue only
+        q.asyncAfter(seconds, [&] { threadRan = true; });
+        // A wrapped deadline would lie in the past and fire before this marker.
+        std::promise<bool> seen;
+        q.asyncAfter(0.05, [&] { seen.set_value(threadRan); });
+        auto future = seen.get_future();
+        ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_EQ(future.get(), runsNow);
+    }
 }
 
 bool threadAlive(pid_t tid) {
@@ -242,7 +231,7 @@ bool threadAlive(pid_t tid) {
 
 pid_t queueTid(ThreadMainQueue& q) {
     pid_t tid = 0;
-    q.sync([&] { tid = currentTid(); });
+    q.sync([&] { tid = static_cast<pid_t>(::syscall(SYS_gettid)); });
     return tid;
 }
 
@@ -272,29 +261,21 @@ TEST(ThreadMainQueueRestart, ParkRunsReadyWorkThenItsLastTaskAndJoinsTheThread) 
     EXPECT_NE(second, first);
     EXPECT_EQ(posted.load(), 1);
     EXPECT_TRUE(q.hasThread());
-
     // The timer that was not due at the park still fires on the new thread.
-    for (int i = 0; i < 100 && !timerRan; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_TRUE(timerRan.load());
-}
+    EXPECT_TRUE(waitUntil([&] { return timerRan.load(); }, 1));
 
-TEST(ThreadMainQueueRestart, ParkFromTheQueueEndsTheThreadAfterTheCurrentTask) {
-    ThreadMainQueue q;
-    pid_t tid = 0;
+    // Parked from the queue itself (a host callback calling cleanup), park returns
+    // at once and the thread ends after the current task.
     bool afterPark = false;
     std::atomic<bool> lastRan{false};
     q.sync([&] {
-        tid = currentTid();
-        q.park([&] { lastRan = true; });  // a host callback calling cleanup lands here
-        afterPark = true;                 // must return, not wait for itself
+        q.park([&] { lastRan = true; });
+        afterPark = true;
     });
     EXPECT_TRUE(afterPark);
-    for (int i = 0; i < 100 && threadAlive(tid); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_FALSE(threadAlive(tid));
+    EXPECT_TRUE(waitUntil([&] { return !threadAlive(second); }, 1));
     EXPECT_TRUE(lastRan.load());
-    EXPECT_NE(queueTid(q), tid) << "the next call starts (and joins) a fresh thread";
+    EXPECT_NE(queueTid(q), second) << "the next call starts (and joins) a fresh thread";
 }
 
 TEST(ThreadMainQueueRestart, CallsRacingWithParksAllRunExactlyOnce) {

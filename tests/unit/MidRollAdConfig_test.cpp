@@ -88,11 +88,8 @@ TEST(MidRollAdConfig, DecodesEveryFieldAndRoundTrips) {
     EXPECT_EQ(o.maxBreaks, 1);
     EXPECT_EQ(c.videoOverrides->at("Video-42").maxBreaks, std::nullopt);
 
-    // Encoding gives the document back, absent keys left out.
-    json encoded = c.encode();
-    EXPECT_EQ(encoded, kExample);
-    EXPECT_FALSE(encoded["videoOverrides"]["Video-42"].contains("maxBreaks"));
-    EXPECT_EQ(MidRollAdConfig::decode(std::string_view(encoded.dump())).encode(), encoded);
+    // Encoding gives the document back, absent keys (Video-42's maxBreaks) left out.
+    EXPECT_EQ(c.encode(), kExample);
 }
 
 TEST(MidRollAdConfig, OptionalKeysMayBeMissingOrNullAndUnknownOrOddValuesPass) {

@@ -39,6 +39,11 @@ std::vector<double> timestamps(const MidRollCuePointState& s) {
     for (const auto& cue : s.cuePoints) out.push_back(cue.timestamp);
     return out;
 }
+std::vector<bool> consumed(const MidRollCuePointState& s) {
+    std::vector<bool> out;
+    for (const auto& cue : s.cuePoints) out.push_back(cue.consumed);
+    return out;
+}
 
 // A plan of exactly these points, unfiltered (gap 0, no zones).
 MidRollCuePointState planned(std::vector<double> seconds) {
@@ -172,13 +177,7 @@ TEST(CuePointPlanning, ReplanningReArmsAndLeavesAdStateAlone) {
     EXPECT_FALSE(s.hasCuePoints());
 }
 
-std::vector<bool> consumed(const MidRollCuePointState& s) {
-    std::vector<bool> out;
-    for (const auto& cue : s.cuePoints) out.push_back(cue.consumed);
-    return out;
-}
-
-TEST(CuePointQueries, DueCheckReturnsTheEarliestUnconsumedPastPoint) {
+TEST(CuePointQueries, DueCheckGivesTheEarliestMissedPointAndForwardSeeksCostTheLatest) {
     auto s = planned({60, 150});
     EXPECT_EQ(s.cuePointToTrigger(59.9), std::nullopt);
     EXPECT_EQ(s.cuePointToTrigger(60.0), 60.0);
@@ -187,23 +186,20 @@ TEST(CuePointQueries, DueCheckReturnsTheEarliestUnconsumedPastPoint) {
     s.markConsumed(60);
     EXPECT_EQ(s.cuePointToTrigger(149), std::nullopt);
     EXPECT_EQ(s.cuePointToTrigger(400), 150.0);
-}
+    // Seeks backward, standing still, crossing nothing unconsumed, or from no start cost
+    // no break.
+    for (auto [from, to] : {std::pair{300.0, 10.0}, {100.0, 100.0}, {10.0, 100.0}, {NAN, 100.0}})
+        EXPECT_EQ(s.handleSeek(from, to), std::nullopt) << from << " -> " << to;
+    EXPECT_EQ(consumed(s), (std::vector<bool>{true, false}));
 
-TEST(CuePointQueries, ForwardSeekCostsOneBreakTheLatestAndBackwardNone) {
-    auto s = planned({60, 150, 250});
+    // A forward seek costs one break, the latest crossed: the start position is excluded,
+    // the target included.
+    s = planned({60, 150, 250});
     EXPECT_EQ(s.handleSeek(10, 200), 150.0);
     EXPECT_EQ(consumed(s), (std::vector<bool>{true, false, false}));
-    // The start position is excluded, the target included.
     EXPECT_EQ(s.handleSeek(150, 200), std::nullopt);
     EXPECT_EQ(s.handleSeek(200, 250), 250.0);
     EXPECT_FALSE(s.cuePoints[2].consumed);
-
-    auto b = planned({60, 150});
-    b.markConsumed(60);
-    // Backward, standing still, nothing unconsumed crossed, or no start.
-    for (auto [from, to] : {std::pair{300.0, 10.0}, {100.0, 100.0}, {10.0, 100.0}, {NAN, 100.0}})
-        EXPECT_EQ(b.handleSeek(from, to), std::nullopt) << from << " -> " << to;
-    EXPECT_EQ(consumed(b), (std::vector<bool>{true, false}));
 }
 
 TEST(CuePointQueries, MarkConsumedWithinHalfASecondStrictly) {

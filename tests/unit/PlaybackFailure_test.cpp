@@ -17,10 +17,9 @@ struct Fault {
     bool waitsForTheLimit;
 };
 
-class PlaybackFailure : public PlayerControllerTest, public ::testing::WithParamInterface<Fault> {
-  protected:
-    static constexpr const char* kFailureLine = "❌ Video can't be played (";
-};
+constexpr const char* kFailureLine = "❌ Video can't be played (";
+
+class PlaybackFailure : public PlayerControllerTest, public ::testing::WithParamInterface<Fault> {};
 
 TEST_P(PlaybackFailure, ScreenSaysSoThenLeavesAsTheViewerWouldAndLaterCallsWork) {
     const Fault& fault = GetParam();
@@ -68,7 +67,7 @@ INSTANTIATE_TEST_SUITE_P(
         Fault{"StallsForGoodPremium", true, [](SimulatedMediaPlayer& p) { p.stall(1e6); }, true}),
     [](const auto& info) { return std::string(info.param.name); });
 
-class PlaybackFailureWayOut : public PlayerControllerTest {};
+using PlaybackFailureWayOut = PlayerControllerTest;
 
 TEST_F(PlaybackFailureWayOut, SlowProgressRetryAndBackEachEndTheFailureOnce) {
     // A long stall that recovers in time is not a failure.
@@ -100,7 +99,7 @@ TEST_F(PlaybackFailureWayOut, SlowProgressRetryAndBackEachEndTheFailureOnce) {
     vp.advance(pc->leaveAfterFailureDelay() + 5);
     EXPECT_EQ(events.count("OnVideoClosed"), 1u);
     EXPECT_EQ(events.count("OnViewDismissed"), 1u);
-    EXPECT_EQ(logs.countPrefix("❌ Video can't be played ("), 2u);
+    EXPECT_EQ(logs.countPrefix(kFailureLine), 2u);
 }
 
 }  // namespace

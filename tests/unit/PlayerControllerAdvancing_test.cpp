@@ -55,7 +55,8 @@ TEST_F(Advancing, PremiumPlayerIsToldTheVideoThatFollowsFreeOneIsNot) {
     EXPECT_FALSE(simPlayer()->preparedNext.has_value());
 }
 
-TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
+TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideoOrPlaylist) {
+    pc->setMidRollConfig(policy({}));  // no cooldown between the ads
     startPlaylist("pl-1");
     events.clear();
     vp.advance(kClip);
@@ -86,25 +87,40 @@ TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideo) {
     vp.advance(1);
     EXPECT_TRUE(pc->isPlaying);
     EXPECT_GT(pc->currentTime.get(), 0.5);
-}
 
-TEST_F(Advancing, AdAfterTheLastVideoOfAPlaylistMovesToTheNextPlaylist) {
-    pc->setMidRollConfig(policy({}));  // no cooldown between the two ads
-    startPlaylist("pl-2");
+    // The ad after the last video of a playlist moves on to the next playlist.
     for (int i = 0; i < 2; ++i) {
         vp.advance(kClip + 0.5);
         service->AdCompletedResumePlayback();
         vp.runUntilIdle();
     }
-    EXPECT_EQ(playlist->currentPlaylist->id, "pl-1");
-    EXPECT_EQ(playingURL(), urlOf("a0"));
+    EXPECT_EQ(playlist->currentPlaylist->id, "pl-2");
+    EXPECT_EQ(playingURL(), urlOf("b0"));
     EXPECT_EQ(events.count("OnNextVideoAdRequired"), 2u);
 }
 
-TEST_F(Advancing, PlayAndSeekWhileBlockedOnlyEchoAndLogAndPremiumIsNeverBlocked) {
+TEST_F(Advancing, AdCompletionLiftsTheBlockAndPlayOrSeekWhileBlockedOnlyEchoUnlessPremium) {
     startPlaylist("pl-1");
-    pc->pause();
     events.clear();
+    const int playsAtStart = simPlayer()->playCalls;
+    service->AdCompletedResumePlayback();
+    // Nothing pending and already playing: play() returns at once, nothing reloads.
+    EXPECT_TRUE(events.events().empty());
+    EXPECT_EQ(simPlayer()->playCalls, playsAtStart);
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+    pc->setAdRequired(true);
+    pc->pause();
+    service->AdCompletedResumePlayback();
+    EXPECT_FALSE(pc->shouldWaitForAd.get());
+    EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 2);
+    EXPECT_EQ(logs.count("🎯 Ad completed, resuming playback"), 2u);
+    // play() ran after the block was lifted, so it was not refused.
+    EXPECT_EQ(events.take(), (Events{kPlay}));
+    EXPECT_FALSE(logs.contains(kBlocked));
+    EXPECT_TRUE(pc->isPlaying);
+    EXPECT_EQ(playingURL(), urlOf("a0"));
+
+    pc->pause();
     SetAdRequired(true);
     EXPECT_TRUE(pc->shouldWaitForAd);
     const int playsBefore = simPlayer()->playCalls;
@@ -132,7 +148,7 @@ TEST_F(Advancing, PlayAndSeekWhileBlockedOnlyEchoAndLogAndPremiumIsNeverBlocked)
     EXPECT_EQ(logs.count(kBlocked), 2u);
 }
 
-TEST_F(Advancing, FreeTileTapAsksForAnAdWhateverTheTrackerThenPlaysTheChosenVideo) {
+TEST_F(Advancing, FreeTileTapWaitsForAnAdWhateverTheTrackerPremiumTileTapLoadsAtOnce) {
     auto config = policy({});
     config.globalConstraints.maxAdsPerSession = 0;  // the tracker is not asked
     pc->setMidRollConfig(config);
@@ -150,12 +166,8 @@ TEST_F(Advancing, FreeTileTapAsksForAnAdWhateverTheTrackerThenPlaysTheChosenVide
     EXPECT_EQ(position(), at(2, "a2"));
     EXPECT_EQ(playlist->currentVideoID.get(), "a2");
     EXPECT_EQ(events.take(), (Events{kPlay}));
-}
 
-TEST_F(Advancing, PremiumTileTapLoadsAtOnce) {
     subscriptionStatus() = SubscriptionStatus::premium;
-    startPlaylist("pl-1");
-    events.clear();
     pc->onVideoSelected(video("pl-1", 1));
     EXPECT_EQ(events.take(), (Events{kPlay}));
     EXPECT_EQ(position(), at(1, "a1"));
@@ -165,13 +177,13 @@ TEST_F(Advancing, PremiumTileTapLoadsAtOnce) {
     EXPECT_EQ(position(), at(0, "b1"));
 }
 
+// An empty refusal line means the limit no longer holds and a1's end asks for an ad.
 struct AdLimit {
     const char* name;
     std::optional<int64_t> cap;
     std::optional<double> cooldown;
     double wallShift;
-    Events afterA1;
-    std::string log;
+    std::string refusal;
 };
 
 class AdLimits : public PlayerControllerTest, public ::testing::WithParamInterface<AdLimit> {};
@@ -191,9 +203,11 @@ TEST_P(AdLimits, LetTheNextVideoPlayWithoutAnAdWhileTheyHold) {
 
     vp.shiftWallClock(c.wallShift);
     vp.advance(kClip);
-    EXPECT_EQ(events.take(), c.afterA1);
-    if (!c.log.empty()) {
-        EXPECT_TRUE(logs.contains(c.log));
+    if (c.refusal.empty()) {
+        EXPECT_EQ(events.take(), (Events{finished(1), {"OnNextVideoAdRequired", "1"}}));
+    } else {
+        EXPECT_EQ(events.take(), (Events{finished(1), kPlay}));
+        EXPECT_TRUE(logs.contains(c.refusal));
         EXPECT_EQ(playingURL(), urlOf("a2"));
         EXPECT_FALSE(pc->shouldWaitForAd);
     }
@@ -205,57 +219,24 @@ TEST_P(AdLimits, LetTheNextVideoPlayWithoutAnAdWhileTheyHold) {
 
 INSTANTIATE_TEST_SUITE_P(
     Limits, AdLimits,
-    ::testing::Values(
-        AdLimit{"cap",
-                1,
-                std::nullopt,
-                0,
-                {finished(1), kPlay},
-                "🚫 Ad blocked: session cap reached (1/1)"},
-        // 30 s after the ad: refused, a2 follows at once.
-        AdLimit{"cooldown",
-                std::nullopt,
-                45,
-                0,
-                {finished(1), kPlay},
-                "🚫 Ad blocked: cooldown 30s / 45s"},
-        // The device clock jumps ahead while a1 plays: the cooldown follows it.
-        AdLimit{
-            "wallClock", std::nullopt, 45, 20, {finished(1), {"OnNextVideoAdRequired", "1"}}, ""}),
+    ::testing::Values(AdLimit{"cap", 1, std::nullopt, 0, "🚫 Ad blocked: session cap reached (1/1)"},
+                      // 30 s after the ad: refused, a2 follows at once.
+                      AdLimit{"cooldown", std::nullopt, 45, 0, "🚫 Ad blocked: cooldown 30s / 45s"},
+                      // The device clock jumps ahead while a1 plays: the cooldown follows it.
+                      AdLimit{"wallClock", std::nullopt, 45, 20, ""}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(Advancing, AdCompletionWithNothingPendingLiftsTheBlockAndJustPlays) {
-    startPlaylist("pl-1");
-    events.clear();
-    const int playsBefore = simPlayer()->playCalls;
-    service->AdCompletedResumePlayback();
-    // Already playing: play() returns at once and nothing reloads.
-    EXPECT_TRUE(events.events().empty());
-    EXPECT_EQ(simPlayer()->playCalls, playsBefore);
-    EXPECT_EQ(playingURL(), urlOf("a0"));
-
-    pc->setAdRequired(true);
-    pc->pause();
-    service->AdCompletedResumePlayback();
-    EXPECT_FALSE(pc->shouldWaitForAd.get());
-    EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 2);
-    EXPECT_EQ(logs.count("🎯 Ad completed, resuming playback"), 2u);
-    // play() ran after the block was lifted, so it was not refused.
-    EXPECT_EQ(events.take(), (Events{kPlay}));
-    EXPECT_FALSE(logs.contains(kBlocked));
-    EXPECT_TRUE(pc->isPlaying);
-    EXPECT_EQ(playingURL(), urlOf("a0"));
-}
-
-TEST_F(Advancing, NextAndPreviousStopAtTheEdges) {
+TEST_F(Advancing, NextAndPreviousStopAtTheEdgesAndTheButtonsFollow) {
     subscriptionStatus() = SubscriptionStatus::premium;
     startPlaylist("pl-1");
+    EXPECT_TRUE(logs.contains("current index: 0"));
     pc->prevVideo();
-    EXPECT_TRUE(pc->disableBackButton);
+    EXPECT_TRUE(pc->disableBackButton && !pc->disbleForwardButton);
     EXPECT_EQ(playingURL(), urlOf("a0"));
     pc->nextVideo();
     pc->nextVideo();
     EXPECT_EQ(playingURL(), urlOf("a2"));
+    EXPECT_EQ(playlist->currentVideoID.get(), "a2");
     EXPECT_TRUE(pc->disbleForwardButton && !pc->disableBackButton);
     events.clear();
     pc->nextVideo();
@@ -264,6 +245,11 @@ TEST_F(Advancing, NextAndPreviousStopAtTheEdges) {
     pc->prevVideo();
     EXPECT_EQ(position(), at(1, "a1"));
     EXPECT_FALSE(pc->disableBackButton || pc->disbleForwardButton);
+
+    // One-item list: back disabled, forward enabled (index 0 is tested first).
+    pc->setURLS({urlOf("a0")});
+    pc->moveAndLoad(0, urlOf("a0"));
+    EXPECT_TRUE(pc->disableBackButton && !pc->disbleForwardButton);
 }
 
 TEST_F(Advancing, PlaylistSelectionResumesAtTheFirstUnwatchedVideo) {

@@ -14,8 +14,6 @@ class Core : public PlayerControllerTest {
     // Live time, status, duration and end-of-item observers.
     using Counts = SimulatedMediaPlayer::ObserverCounts;
     Counts observers() const { return vp.players->liveObservers(); }
-    // Whether previous and next are disabled.
-    std::pair<bool, bool> edges() const { return {pc->disableBackButton, pc->disbleForwardButton}; }
 };
 
 TEST_F(Core, ObserversNeverAccumulateOverAThousandLoads) {
@@ -38,22 +36,6 @@ TEST_F(Core, ObserversNeverAccumulateOverAThousandLoads) {
     EXPECT_EQ(observers(), Counts());
 }
 
-TEST_F(Core, LoadOrderAndEdgeButtons) {
-    startPlaylist("pl-1");
-    EXPECT_TRUE(logs.contains("current index: 0"));
-    EXPECT_EQ(edges(), std::make_pair(true, false));
-    pc->moveAndLoad(1, urlOf("a1"));
-    EXPECT_EQ(edges(), std::make_pair(false, false));
-    pc->moveAndLoad(2, urlOf("a2"));
-    EXPECT_EQ(edges(), std::make_pair(false, true));
-    EXPECT_EQ(playlist->currentVideoID.get(), "a2");
-
-    // One-item list: back disabled, forward enabled (index 0 is tested first).
-    pc->setURLS({urlOf("a0")});
-    pc->moveAndLoad(0, urlOf("a0"));
-    EXPECT_EQ(edges(), std::make_pair(true, false));
-}
-
 TEST_F(Core, LoadStartsFromTheBeginningEvenWithAResumePosition) {
     pc->setMidRollConfig(policy({0.4}));  // a break at 12 s
     startPlaylist("pl-1");
@@ -65,14 +47,22 @@ TEST_F(Core, LoadStartsFromTheBeginningEvenWithAResumePosition) {
     for (const auto& seek : simPlayer()->seeks) EXPECT_NE(seek.target, 12.0);
 }
 
-TEST_F(Core, DurationIsPublishedWhenItBecomesKnown) {
-    vp.media->add(urlOf("a0"), 42, 3.0);
+TEST_F(Core, DurationAndSpinnerFollowTheItemStatus) {
+    vp.media->add(urlOf("a0"), 42, 3.0);  // ready only after three seconds
     service->playPlaylist("pl-1");
     vp.advance(2.9);
     EXPECT_EQ(pc->duration.get(), 0);
+    EXPECT_TRUE(pc->showLoading);  // waiting to play
     EXPECT_FALSE(pc->midRollCuePointState().hasCuePoints());
     vp.advance(0.2);
     EXPECT_EQ(pc->duration.get(), 42);
+    EXPECT_FALSE(pc->showLoading);
+    simPlayer()->stall(1.0);
+    vp.runUntilIdle();
+    EXPECT_TRUE(pc->showLoading);
+    EXPECT_TRUE(pc->isPlaying);  // the controller's belief is left alone
+    vp.advance(1.0);
+    EXPECT_FALSE(pc->showLoading);
     // An item that never becomes ready keeps the spinner and duration 0.
     vp.media->addNeverReady(urlOf("a1"));
     pc->nextVideo();
@@ -83,7 +73,7 @@ TEST_F(Core, DurationIsPublishedWhenItBecomesKnown) {
     EXPECT_EQ(events.count("OnVideoFinished"), 0u);
 }
 
-TEST_F(Core, ClockPublishesOnlyMovesBeyondJitter) {
+TEST_F(Core, ClockIgnoresJitterPauseAndPlayAreIdempotentSkipsAndStopRewind) {
     startPlaylist("pl-1");
     int changes = 0;
     double last = pc->currentTime;
@@ -96,10 +86,7 @@ TEST_F(Core, ClockPublishesOnlyMovesBeyondJitter) {
     vp.advance(2.0);
     EXPECT_EQ(changes, 20);
     EXPECT_NEAR(pc->currentTime.get(), 2.0, 1e-9);
-}
 
-TEST_F(Core, PauseAndPlayAreIdempotentAndEchoOnlyRealStarts) {
-    startPlaylist("pl-1");
     events.clear();
     pc->play();  // already playing
     EXPECT_TRUE(events.events().empty());
@@ -112,10 +99,7 @@ TEST_F(Core, PauseAndPlayAreIdempotentAndEchoOnlyRealStarts) {
     pc->play();
     EXPECT_EQ(events.take(), (Events{kPlay}));
     EXPECT_TRUE(pc->shouldBePlayingAfterResume());
-}
 
-TEST_F(Core, SkipsAndStop) {
-    startPlaylist("pl-1");
     vp.advance(4);
     pc->seekBackward(10);
     EXPECT_EQ(simPlayer()->seeks.back().target, 0);
@@ -158,7 +142,7 @@ TEST(FormatTime, MinutesAndSecondsWithNothingBelowZero) {
     EXPECT_FALSE(PlayerController::formatTime(1e300).empty());
 }
 
-TEST_F(Core, InvalidURLKeepsTheSpinnerAndThePreviousItem) {
+TEST_F(Core, InvalidURLKeepsTheSpinnerAndThePreviousItemValidOnesLoadEncoded) {
     startPlaylist("pl-1");
     vp.advance(2);
     ASSERT_FALSE(pc->showLoading);
@@ -171,9 +155,15 @@ TEST_F(Core, InvalidURLKeepsTheSpinnerAndThePreviousItem) {
     EXPECT_TRUE(events.events().empty());
     vp.advance(1);
     EXPECT_GT(pc->currentTime.get(), 2.5);
+
+    // A valid address reaches the player encoded, or as written if it is a path.
+    pc->loadVideo("clips/first clip.mp4");
+    EXPECT_EQ(playingURL(), "clips/first clip.mp4");
+    pc->loadVideo("http://cdn/a b.mp4");
+    EXPECT_EQ(playingURL(), "http://cdn/a%20b.mp4");
 }
 
-TEST_F(Core, OutOfRangeIndicesAreLoggedAndIgnored) {
+TEST_F(Core, OutOfRangeIndicesAndEmptyPlaylistsAreLoggedAndIgnored) {
     // No playlist, so no screen: play() would reload from a valid index.
     pc->setURLS({urlOf("a0"), urlOf("a1"), urlOf("a2")});
     pc->moveAndLoad(10, urlOf("a0"));  // beyond the three addresses
@@ -207,9 +197,7 @@ TEST_F(Core, OutOfRangeIndicesAreLoggedAndIgnored) {
     EXPECT_EQ(pc->currentVideoID(), "");
     pc->attachPlaylist(playlist);
     EXPECT_GT(logs.countPrefix("⚠️ attachPlaylist: current index 99"), 0u);
-}
 
-TEST_F(Core, EmptyPlaylistsAreNotIndexed) {
     subscriptionStatus() = SubscriptionStatus::premium;
     playlists().push_back(Playlist("pl-empty", "Empty", std::nullopt, std::nullopt, {}));
     startPlaylist("pl-2");
@@ -317,13 +305,8 @@ TEST_F(Core, MakeWithoutPlayersSkipsEveryPlayerStep) {
 
 // Which host addresses load, what the media player is handed for them, and that a
 // refused one never moves the playlist position.
-struct AddressCase {
-    const char* given;
-    std::optional<std::string> handed;
-};
-
 TEST(PlayerAddress, AnyURIReferenceLoadsOnlyEmptyOrControlCharactersAreRefused) {
-    const AddressCase cases[] = {
+    const std::pair<const char*, std::optional<std::string>> cases[] = {
         {"media/e1.m3u8", "media/e1.m3u8"},                // relative: the player resolves it
         {"/srv/my videos/é.mp4", "/srv/my videos/é.mp4"},  // a path, as written
         {"not a url", "not a url"},
@@ -340,7 +323,7 @@ TEST(PlayerAddress, AnyURIReferenceLoadsOnlyEmptyOrControlCharactersAreRefused) 
         {"clip\x7f.mp4", std::nullopt},
         {"clip\xC2\x85.mp4", std::nullopt},  // NEL, a C1 control
     };
-    for (const auto& c : cases) EXPECT_EQ(playerAddress(c.given), c.handed) << c.given;
+    for (const auto& [given, handed] : cases) EXPECT_EQ(playerAddress(given), handed) << given;
     for (const auto& playlist : Playlist::allPlaylists())
         for (const auto& v : playlist.videos) EXPECT_EQ(playerAddress(v.url), v.url);
 }
@@ -380,14 +363,6 @@ TEST_F(RefusedLoad, PositionStaysWhereItWas) {
     logs.clear();
     service->AdCompletedResumePlayback();  // the refused choice is not tried again
     EXPECT_FALSE(logs.contains("⚠️ Not a valid URL, nothing loaded: http://h/\x01"));
-}
-
-TEST_F(RefusedLoad, TheMediaPlayerGetsTheEncodedAddressOrThePathAsWritten) {
-    startPlaylist("pl-1");
-    pc->loadVideo("clips/first clip.mp4");
-    EXPECT_EQ(playingURL(), "clips/first clip.mp4");
-    pc->loadVideo("http://cdn/a b.mp4");
-    EXPECT_EQ(playingURL(), "http://cdn/a%20b.mp4");
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ class MidRoll : public PlayerControllerTest {
     }
 };
 
-TEST_F(MidRoll, ClockReachingACuePointAsksForOneAd) {
+TEST_F(MidRoll, ClockReachingACuePointAsksForOneAdOnce) {
     pc->setMidRollConfig(policy({0.5}));
     startPlaylist("pl-1");
     EXPECT_EQ(pc->duration.get(), 190);
@@ -31,8 +31,9 @@ TEST_F(MidRoll, ClockReachingACuePointAsksForOneAd) {
     vp.advance(94.9);
     EXPECT_TRUE(events.events().empty());
     vp.advance(0.1);
-    EXPECT_TRUE(logs.contains("⏱️ Mid-roll ad triggered at 95.0s"));
     EXPECT_EQ(events.take(), (Events{{"OnMidRollAdRequired", "95.0"}}));
+    // The consumed break stays quiet when asked again.
+    EXPECT_EQ(pc->midRollCuePointState().cuePointToTrigger(95.05), std::nullopt);
     EXPECT_EQ(adState(), std::pair(true, true));
     EXPECT_FALSE(pc->isPlaying);
     ASSERT_TRUE(pc->midRollResumePosition().has_value());
@@ -56,15 +57,6 @@ TEST_F(MidRoll, ClockReachingACuePointAsksForOneAd) {
     EXPECT_LT(pc->currentTime.get(), 1.0);
     ASSERT_EQ(pc->midRollCuePointState().cuePoints.size(), 1u);
     EXPECT_FALSE(pc->midRollCuePointState().cuePoints[0].consumed);
-}
-
-TEST_F(MidRoll, TwoTicksAtTheSameCuePointAskOnce) {
-    pc->setMidRollConfig(policy({0.5}));
-    startPlaylist("pl-1");
-    vp.advance(95.0);
-    EXPECT_EQ(events.count("OnMidRollAdRequired"), 1u);
-    // The consumed break stays quiet when asked again.
-    EXPECT_EQ(pc->midRollCuePointState().cuePointToTrigger(95.05), std::nullopt);
     EXPECT_EQ(logs.count("⏱️ Mid-roll ad triggered at 95.0s"), 1u);
 }
 
@@ -96,12 +88,19 @@ TEST_F(MidRoll, CapAndCooldownKeepTheReplannedBreakFromAskingAgain) {
     EXPECT_EQ(events.take(), (Events{{"OnMidRollAdRequired", "95.0"}}));
 }
 
-TEST_F(MidRoll, ForwardSeekOverTwoCuePointsAsksForOneAdAndRemembersTheTarget) {
+TEST_F(MidRoll, SeekOverNoBreakIsTolerantOverTwoAsksForOneAdAndRemembersTheTarget) {
     vp.media->add(urlOf("a0"), 200);
     pc->setMidRollConfig(policy({0.25, 0.5}));  // 50 s and 100 s
     startPlaylist("pl-1");
-    vp.advance(10);
     events.clear();
+    pc->seekTo(40);
+    ASSERT_FALSE(simPlayer()->seeks.empty());
+    const auto last = simPlayer()->seeks.back();
+    EXPECT_EQ(
+        std::make_tuple(last.target, last.toleranceBefore, last.toleranceAfter, last.hasCompletion),
+        std::make_tuple(40.0, 0.1, 0.1, false));
+    vp.advance(SimulatedMediaPlayer::seekLatency);  // landed at 40 s
+    EXPECT_TRUE(events.events().empty());
     const size_t seeksBefore = simPlayer()->seeks.size();
 
     pc->seekTo(150);
@@ -112,26 +111,13 @@ TEST_F(MidRoll, ForwardSeekOverTwoCuePointsAsksForOneAdAndRemembersTheTarget) {
     const auto& cues = pc->midRollCuePointState().cuePoints;
     ASSERT_EQ(cues.size(), 2u);
     EXPECT_TRUE(cues[0].consumed && cues[1].consumed);
-    EXPECT_NEAR(pc->midRollResumePosition().value_or(-1), 10.0, 1e-9);
+    EXPECT_NEAR(pc->midRollResumePosition().value_or(-1), 40.0, 1e-9);
 
     // Resuming before the teardown moves the target into the resume position.
     pc->resumeAfterMidRollAd();
     EXPECT_EQ(pc->midRollResumePosition(), 150.0);
     EXPECT_FALSE(pc->midRollCuePointState().seekTargetAfterAd.has_value());
     EXPECT_EQ(adState(), std::pair(false, false));
-}
-
-TEST_F(MidRoll, SeekWithoutCrossingABreakSeeksWithTolerance) {
-    vp.media->add(urlOf("a0"), 200);
-    pc->setMidRollConfig(policy({0.5}));
-    startPlaylist("pl-1");
-    pc->seekTo(40);
-    ASSERT_FALSE(simPlayer()->seeks.empty());
-    const auto& last = simPlayer()->seeks.back();
-    EXPECT_EQ(
-        std::make_tuple(last.target, last.toleranceBefore, last.toleranceAfter, last.hasCompletion),
-        std::make_tuple(40.0, 0.1, 0.1, false));
-    EXPECT_EQ(events.count("OnMidRollAdRequired"), 0u);
 }
 
 TEST_F(MidRoll, TimeOutShorterThanTheTeardownResumes) {
@@ -157,17 +143,6 @@ TEST_F(MidRoll, TeardownCancelsTheTimeOut) {
     EXPECT_TRUE(pc->shouldWaitForAd);  // still waiting for the host
 }
 
-TEST_F(MidRoll, PremiumViewerGetsNoPlanAndNoBreaks) {
-    subscriptionStatus() = SubscriptionStatus::premium;
-    pc->setMidRollConfig(policy({0.25, 0.5}));
-    startPlaylist("pl-1");
-    EXPECT_FALSE(pc->midRollCuePointState().hasCuePoints());
-    pc->seekTo(150);
-    vp.advance(60);
-    EXPECT_EQ(events.count("OnMidRollAdRequired"), 0u);
-    EXPECT_TRUE(pc->isPlaying);
-}
-
 TEST_F(MidRoll, NoBreakWhileScrubbing) {
     pc->setMidRollConfig(policy({0.5}));
     startPlaylist("pl-1");
@@ -183,14 +158,24 @@ TEST_F(MidRoll, NoBreakWhileScrubbing) {
     EXPECT_EQ(events.count("OnMidRollAdRequired"), 1u);
 }
 
-TEST_F(MidRoll, PlanUsesTheVideoIdForOverrides) {
-    auto config = policy({0.5});
+TEST_F(MidRoll, PlanUsesTheVideoIdForOverridesAndAPremiumViewerGetsNoPlanAndNoBreaks) {
+    auto config = policy({0.25, 0.5});
     config.videoOverrides = std::map<std::string, MidRollAdConfig::VideoOverride>{
         {"a0", MidRollAdConfig::VideoOverride{{20.0}, std::nullopt}}};
     pc->setMidRollConfig(config);
     startPlaylist("pl-1");
     ASSERT_EQ(pc->midRollCuePointState().cuePoints.size(), 1u);
     EXPECT_EQ(pc->midRollCuePointState().cuePoints[0].timestamp, 20.0);
+
+    subscriptionStatus() = SubscriptionStatus::premium;
+    pc->setMidRollConfig(policy({0.25, 0.5}));
+    startPlaylist("pl-1");
+    EXPECT_FALSE(pc->midRollCuePointState().hasCuePoints());
+    events.clear();
+    pc->seekTo(150);
+    vp.advance(60);
+    EXPECT_EQ(events.count("OnMidRollAdRequired"), 0u);
+    EXPECT_TRUE(pc->isPlaying);
 }
 
 }  // namespace

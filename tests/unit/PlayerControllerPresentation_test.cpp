@@ -8,7 +8,7 @@ constexpr double kAnimation = kPresentationFadeSeconds;
 
 using Presentation = PlayerControllerTest;
 
-TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnce) {
+TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnceTimersHideItOnlyInPlayback) {
     startPlaylist("pl-1");
     ASSERT_NE(pc->hostingController(), nullptr);
     EXPECT_EQ(vp.presenter->presentCount(), 1);
@@ -21,13 +21,21 @@ TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnce) {
     EXPECT_TRUE(pc->showPlaylist);
     vp.advance(0.02);
     EXPECT_FALSE(pc->showPlaylist);
+    // The auto-hide timer shows it for five seconds of playback.
+    pc->startAutoHideTimer();
+    EXPECT_TRUE(pc->showPlaylist);
+    vp.advance(4.9);
+    EXPECT_TRUE(pc->showPlaylist);
+    vp.advance(0.2);
+    EXPECT_FALSE(pc->showPlaylist);
     // Later loads reuse the screen.
     pc->nextVideo();
     EXPECT_EQ(vp.presenter->presentCount(), 1);
 
-    // The rail stays while paused or scrubbing.
+    // The rail stays while paused or scrubbing, whichever timer put it up.
     pc->tapOnVideo();
     pc->pause();
+    pc->startAutoHideTimer();
     vp.advance(10);
     EXPECT_TRUE(pc->showPlaylist);
     pc->play();
@@ -36,7 +44,7 @@ TEST_F(Presentation, FirstLoadPresentsTheScreenAndPeeksTheRailOnce) {
     EXPECT_TRUE(pc->showPlaylist);
 }
 
-TEST_F(Presentation, BackButtonClosesAndReopeningPeeksTheRailAgain) {
+TEST_F(Presentation, BackButtonClosesAndReopeningPeeksTheRailAgainButNotAfterAnAd) {
     startPlaylist("pl-1");
     vp.advance(kAnimation);
     pc->nextVideo();
@@ -66,26 +74,29 @@ TEST_F(Presentation, BackButtonClosesAndReopeningPeeksTheRailAgain) {
     EXPECT_FALSE(pc->showPlaylist);
     vp.advance(kAnimation);
     EXPECT_TRUE(pc->showPlaylist);
-}
 
-TEST_F(Presentation, ReopeningAfterAnAdDismissalDoesNotPeekTheRail) {
-    startPlaylist("pl-1");
+    // Reopening after an ad dismissal does not.
     vp.advance(6);
     ASSERT_FALSE(pc->showPlaylist);
     pc->onVideoSelected(video("pl-1", 2));
     vp.advance(kAnimation);
     ASSERT_EQ(pc->hostingController(), nullptr);
     service->AdCompletedResumePlayback();
-    EXPECT_EQ(vp.presenter->presentCount(), 2);
+    EXPECT_EQ(vp.presenter->presentCount(), 3);
     vp.advance(kAnimation);
     EXPECT_FALSE(pc->showPlaylist);
 }
 
-TEST_F(Presentation, ClosingWithoutAScreenStillTearsDown) {
+TEST_F(Presentation, DismissalCompletionClearsTheScreenAndClosingWithoutOneStillTearsDown) {
     startPlaylist("pl-1");
+    ASSERT_NE(pc->hostingController(), nullptr);
+    // The dismissal completion is what clears it, not the teardown.
     pc->switchScreenBack_and_forth();
-    vp.advance(1);
+    vp.advance(0.2);
+    EXPECT_NE(pc->hostingController(), nullptr);
+    vp.advance(0.2);
     ASSERT_EQ(pc->hostingController(), nullptr);
+    EXPECT_TRUE(logs.contains("View Dismissed — waiting for ad"));
     // A second close while no screen is up: the item goes, nothing is dismissed.
     simPlayer()->replaceCurrentItem(urlOf("a1"));
     events.clear();
@@ -130,7 +141,7 @@ TEST_F(Presentation, WithoutPlaylistControllerPlaysWithoutAScreen) {
     EXPECT_TRUE(pc->isPlaying);
 }
 
-TEST_F(Presentation, WatchedAfterTenSecondsAndCountdownRailInTheLastFive) {
+TEST_F(Presentation, WatchedAfterTenSecondsCountdownRailInTheLastFiveUnlessDismissed) {
     startPlaylist("pl-1");
     vp.advance(9.9);
     EXPECT_FALSE(playlist->videos[0].isWatched);
@@ -144,18 +155,15 @@ TEST_F(Presentation, WatchedAfterTenSecondsAndCountdownRailInTheLastFive) {
     EXPECT_TRUE(pc->showPlaylist);
     EXPECT_EQ(playlist->countdownVideoID.get(), "a1");
     EXPECT_EQ(playlist->remainingTime.get(), 5);
-    vp.advance(3.0);
-    EXPECT_EQ(playlist->remainingTime.get(), 2);
-}
-
-TEST_F(Presentation, DismissedCountdownRailStaysAwayForThatVideo) {
-    startPlaylist("pl-1");
-    vp.advance(25);
+    // Dismissed, the rail stays away for that video while the countdown runs on.
+    vp.advance(0.9);
     ASSERT_TRUE(pc->showPlaylist);
     pc->tapOnVideo();
-    vp.advance(4);
+    vp.advance(2.1);
+    EXPECT_EQ(playlist->remainingTime.get(), 2);
+    vp.advance(1.9);
     EXPECT_FALSE(pc->showPlaylist);
-    EXPECT_EQ(playlist->countdownVideoID.get(), "a1");  // the countdown itself runs on
+    EXPECT_EQ(playlist->countdownVideoID.get(), "a1");
     pc->clearCountdownRailDismissal();
     vp.advance(0.1);
     EXPECT_TRUE(pc->showPlaylist);
@@ -198,50 +206,6 @@ TEST_F(Presentation, ControlsHideAfterFiveSecondsUnlessPausedOrScrubbing) {
     pc->endScrub();
     vp.advance(5);
     EXPECT_FALSE(pc->showControls);
-}
-
-TEST_F(Presentation, StartAutoHideTimerShowsTheRailForFiveSecondsOfPlayback) {
-    startPlaylist("pl-1");
-    vp.advance(6);
-    ASSERT_FALSE(pc->showPlaylist);
-    pc->startAutoHideTimer();
-    EXPECT_TRUE(pc->showPlaylist);
-    vp.advance(4.9);
-    EXPECT_TRUE(pc->showPlaylist);
-    vp.advance(0.2);
-    EXPECT_FALSE(pc->showPlaylist);
-
-    pc->pause();
-    pc->startAutoHideTimer();
-    vp.advance(6);
-    EXPECT_TRUE(pc->showPlaylist);  // paused: left up
-}
-
-TEST_F(Presentation, LoadingIndicatorFollowsThePlayerStatus) {
-    vp.media->add(urlOf("a0"), kClip, 2.0);  // ready only after two seconds
-    service->playPlaylist("pl-1");
-    vp.advance(0.5);
-    EXPECT_TRUE(pc->showLoading);  // waiting to play
-    vp.advance(2.0);
-    EXPECT_FALSE(pc->showLoading);
-    simPlayer()->stall(1.0);
-    vp.runUntilIdle();
-    EXPECT_TRUE(pc->showLoading);
-    EXPECT_TRUE(pc->isPlaying);  // the controller's belief is left alone
-    vp.advance(1.0);
-    EXPECT_FALSE(pc->showLoading);
-}
-
-TEST_F(Presentation, ScreenIsBuiltForThisControllerAndPlaylist) {
-    startPlaylist("pl-1");
-    ASSERT_NE(pc->hostingController(), nullptr);
-    // The dismissal completion is what clears it, not the teardown.
-    pc->switchScreenBack_and_forth();
-    vp.advance(0.2);
-    EXPECT_NE(pc->hostingController(), nullptr);
-    vp.advance(0.2);
-    EXPECT_EQ(pc->hostingController(), nullptr);
-    EXPECT_TRUE(logs.contains("View Dismissed — waiting for ad"));
 }
 
 }  // namespace

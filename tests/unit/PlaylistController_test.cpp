@@ -78,18 +78,7 @@ TEST_F(PlaylistControllerTest, StartsOnTheFirstPlaylistWritesTheLoadedMapAndSays
               "🧼 PlaylistController instance cleaned up – resources released successfully!");
 }
 
-TEST_F(PlaylistControllerTest, UsesThePlatformStoreWhenNoneIsGiven) {
-    Platform platform;
-    platform.queue = queue;
-    platform.defaults = store;
-    Platform::install(platform);
-    store->setObject(kKey, json{{"B", {"B-v1"}}});
-    PlaylistController(nullptr).videoCompleted("A-v2", 10.0);
-    EXPECT_EQ(store->object(kKey), (json{{"A", {"A-v2"}}, {"B", {"B-v1"}}}));
-    Platform::install(Platform{});
-}
-
-TEST_F(PlaylistControllerTest, AVideoCountsAsWatchedFromTenSecondsUnderTheCurrentPlaylist) {
+TEST_F(PlaylistControllerTest, AVideoCountsAsWatchedFromTenSecondsAndCardsShowWhereItStands) {
     auto pc = make();
     pc->videoCompleted("A-v1", 9.99);
     EXPECT_TRUE(pc->completedVideosByPlaylist->empty());
@@ -108,6 +97,16 @@ TEST_F(PlaylistControllerTest, AVideoCountsAsWatchedFromTenSecondsUnderTheCurren
     pc->videoCompleted("A-v2", 10);
     EXPECT_TRUE(pc->allVideosWatched());
     EXPECT_EQ(pc->firstUnwatchedVideoID(), 3u);
+
+    pc->videoStarted("A-v0");
+    pc->triggerCountdownIfNeeded("A-v0", 3);
+    // Watched but playing, watched but up next, watched, untouched.
+    const VideoState expected[] = {VideoState::watching, VideoState::nextVideo,
+                                   VideoState::completed, VideoState::none};
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(pc->state(pc->videos[i]), expected[i]) << i;
+    // Watched marks belong to the current playlist only.
+    pc->userSelectedPlaylist(B);
+    EXPECT_EQ(pc->state(Video("A-v2", "", "", "", "")), VideoState::none);
 }
 
 TEST_F(PlaylistControllerTest, EveryTickAnnouncesTheMapButTheFileIsWrittenOnce) {
@@ -163,22 +162,7 @@ TEST_F(PlaylistControllerTest, CountdownArmsInTheLastFiveSecondsAndStaysUntilCan
     EXPECT_EQ(pc->currentVideoID.get(), Id("A-v3"));
 }
 
-TEST_F(PlaylistControllerTest, CardStateIsCurrentThenCountdownThenWatched) {
-    auto pc = make();
-    for (const char* id : {"A-v0", "A-v1", "A-v2"}) pc->videoCompleted(id, 10);
-    pc->videoStarted("A-v0");
-    pc->triggerCountdownIfNeeded("A-v0", 3);
-    // Watched but playing, watched but up next, watched, untouched.
-    const VideoState expected[] = {VideoState::watching, VideoState::nextVideo,
-                                   VideoState::completed, VideoState::none};
-    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(pc->state(pc->videos[i]), expected[i]) << i;
-
-    // Watched marks belong to the current playlist only.
-    pc->userSelectedPlaylist(B);
-    EXPECT_EQ(pc->state(Video("A-v2", "", "", "", "")), VideoState::none);
-}
-
-TEST_F(PlaylistControllerTest, SelectingAPlaylistResumesAtItsFirstUnwatchedVideo) {
+TEST_F(PlaylistControllerTest, SelectingAPlaylistResumesAtItsFirstUnwatchedVideoAndNextWraps) {
     auto pc = make();
     auto select = [&](const Playlist& p, std::vector<const char*> watched) {
         pc->userSelectedPlaylist(p);
@@ -192,15 +176,12 @@ TEST_F(PlaylistControllerTest, SelectingAPlaylistResumesAtItsFirstUnwatchedVideo
     EXPECT_EQ(select(B, {"B-v0", "B-v2"}), Resume("B-v1", 1u, "B-v1", false));
     ASSERT_EQ(pc->videos.size(), 3u);
     EXPECT_FALSE(pc->videos[0].isWatched);  // a fresh working copy of the playlist
-    EXPECT_EQ(pc->nextPlaylist->value().id, "C");
     // Fully watched: starts over at its first video.
     EXPECT_EQ(select(C, {"C-v0", "C-v1"}), Resume("C-v0", std::nullopt, "C-v0", true));
     EXPECT_EQ(select(Playlist("E", std::nullopt, std::nullopt, std::nullopt, {}), {}),
               Resume(std::nullopt, std::nullopt, std::nullopt, true));
-}
 
-TEST_F(PlaylistControllerTest, NextPlaylistWrapsAroundTheCatalogue) {
-    auto pc = make();
+    // The next playlist follows the current one round the catalogue.
     const std::pair<Playlist, const char*> cases[] = {
         {A, "B"}, {B, "C"}, {C, "A"}, {makePlaylist("not-in-catalogue", 1), "A"}};
     for (const auto& [current, next] : cases) {
@@ -213,7 +194,7 @@ TEST_F(PlaylistControllerTest, NextPlaylistWrapsAroundTheCatalogue) {
     EXPECT_EQ(pc->loadAllplaylist().size(), 1u);
 }
 
-TEST_F(PlaylistControllerTest, WatchedSetsSurviveControllersAndStores) {
+TEST_F(PlaylistControllerTest, WatchedSetsSurviveControllersAndStoresAndLiveInThePlatformStore) {
     {
         auto first = make();
         first->videoCompleted("A-v0", 10);
@@ -233,6 +214,15 @@ TEST_F(PlaylistControllerTest, WatchedSetsSurviveControllersAndStores) {
     // The store writes what is pending when the process exits (its own tests show),
     // so the controller only has to hand each change over at once.
     EXPECT_EQ(store->object(kKey), (json{{"A", {"A-v0", "A-v3"}}, {"B", {"B-v2"}}}));
+
+    // Without a store of its own, the controller reads and writes the platform's.
+    Platform platform;
+    platform.queue = queue;
+    platform.defaults = store;
+    Platform::install(platform);
+    PlaylistController(nullptr).videoCompleted("A-v2", 10.0);
+    EXPECT_EQ(store->object(kKey), (json{{"A", {"A-v0", "A-v2", "A-v3"}}, {"B", {"B-v2"}}}));
+    Platform::install(Platform{});
 }
 
 TEST_F(PlaylistControllerTest, BadEntriesLoadAsEmptyAndAreOverwritten) {

@@ -40,6 +40,7 @@ class RailTest : public PlayerControllerTest {
         frame({x, 700}, true);
         frame({x, 700}, false);
     }
+    void tapCard(size_t index) { tap(area.x + rail->cardOffset(index) - offset() + 30); }
     float offset() const { return rail->scrollOffset(vp.queue->now()); }
     const DrawTrace& trace() const { return imgui->trace; }
 
@@ -51,19 +52,14 @@ class RailTest : public PlayerControllerTest {
     int interactions = 0;
 };
 
-TEST_F(RailTest, ListsTheVideosThenTheNextPlaylistAndDrawsOnlyWhatIsInView) {
+TEST_F(RailTest, ListsVideosThenNextPlaylistAndScrollsTheCurrentCardToTheLeadingEdge) {
     frame();
     EXPECT_EQ(rail->cardCount(), 6u);
     EXPECT_TRUE(rail->hasNextPlaylistCard());
     // 180-wide cards 15 apart after a 16 padding: two fit in 390 points.
-    EXPECT_TRUE(trace().hasText("Title a0"));
-    EXPECT_TRUE(trace().hasText("Title a1"));
+    EXPECT_TRUE(trace().hasText("Title a0") && trace().hasText("Title a1"));
     EXPECT_FALSE(trace().hasText("Title a3"));
     EXPECT_FLOAT_EQ(rail->cardOffset(2), 16 + 2 * (180 + 15));
-}
-
-TEST_F(RailTest, ScrollsTheCurrentCardToTheLeadingEdgeAnimated) {
-    frame();
     EXPECT_FLOAT_EQ(offset(), 16);  // a0 itself at the edge, past the padding
     playlist->videoStarted("a3");
     frame();
@@ -98,14 +94,14 @@ TEST_F(RailTest, DragsScrollAndReportEveryChangeTapsSelect) {
     EXPECT_TRUE(selected.empty());  // a drag is not a tap
 
     // A tap on the card under the pointer plays it.
-    tap(area.x + rail->cardOffset(1) - offset() + 30);
+    tapCard(1);
     EXPECT_EQ(selected, std::vector<std::string>{"a1"});
 
     // Scrolled to the end, a tap on the playlist card selects the next playlist.
     playlist->videoStarted("a5");
     frame();
     vp.advance(0.5);
-    tap(area.x + rail->cardOffset(6) - offset() + 30);
+    tapCard(6);
     EXPECT_EQ(selectedPlaylists, std::vector<std::string>{"pl-2"});
 }
 
@@ -123,30 +119,22 @@ TEST_F(RailTest, EmptyPlaylistShowsOnlyTheNextPlaylistCard) {
     EXPECT_TRUE(trace().items.empty());
 }
 
-TEST(PlaylistCardGeometry, ThreeStackedCardsAndABottomRoundedBand) {
+TEST(PlaylistCard, ThreeStackedCardsABottomBandAndTapsOnePaddingBelowItsOrigin) {
     auto g = PlaylistCardView::geometry({0, 0, 200, 100}, 30);
     // The back cards rise by twice and once the 10-point offset; the band sits at the bottom.
     EXPECT_EQ(std::make_tuple(g.cornerRadius, g.back1.w, g.back1.h, g.back1.midY(), g.back2.w,
                               g.back2.midY(), g.front.w, g.front.h, g.titleBand.h),
               std::make_tuple(10.f, 176.f, 95.f, 30.f, 188.f, 45.f, 200.f, 80.f, 30.f));
     EXPECT_FLOAT_EQ(g.titleBand.bottom(), g.front.bottom());
-    EXPECT_EQ(cornerRadius(g.cornerRadius, bottomLeft | bottomRight).drawFlags(),
-              ImDrawFlags_RoundCornersBottom);
-}
 
-// The next-playlist card's stack carries the default padding above it, so it sits
-// 16 points lower in the rail than the video cards beside it.
-TEST(PlaylistCardGeometry, NextPlaylistCardTakesTapsOnePaddingBelowItsOrigin) {
+    // The stack carries the default padding above it, so the card sits 16 points lower
+    // in the rail than the video cards beside it.
     HeadlessImGui h({400, 400});
     PlaylistCardView card("Name pl-2", "", std::make_shared<VirtualMainQueue>(), {180, 130}, false);
     auto tap = [&](float y, bool down) {
         bool tapped = false;
-        h.frame(
-            0,
-            [&](Frame& f) {
-                tapped = card.draw(f, {0, 0});
-            },
-            {90, y}, down);
+        auto draw = [&](Frame& f) { tapped = card.draw(f, {0, 0}); };
+        h.frame(0, draw, {90, y}, down);
         return tapped;
     };
     // The card covers y 16 to 146.

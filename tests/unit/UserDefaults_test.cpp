@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
+#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/log/VPLogger.h"
 #include "support/ScopedEnv.h"
 #include "support/VirtualPlatform.h"
@@ -39,13 +39,13 @@ class UserDefaultsTest : public ::testing::Test {
         return std::make_unique<UserDefaults>(file, queue);
     }
     json onDisk() const { return json::parse(readFile(file)); }
-    std::vector<std::string> warnings() const {
-        std::vector<std::string> out;
-        for (const auto& line : logs.lines())
-            if (line.find("[WARNING] ") != std::string::npos) out.push_back(line);
+    // What stands beside the state file (itself included) under names starting with `prefix`.
+    std::vector<fs::path> beside(const std::string& prefix = "") const {
+        std::vector<fs::path> out;
+        for (const auto& entry : fs::directory_iterator(file.parent_path()))
+            if (entry.path().filename().string().starts_with(prefix)) out.push_back(entry.path());
         return out;
     }
-
     ScratchDir dir;
     fs::path file = dir.path / "Kavelin" / "UserDefaults.json";
     std::shared_ptr<VirtualMainQueue> queue = std::make_shared<VirtualMainQueue>();
@@ -109,7 +109,7 @@ TEST_F(UserDefaultsTest, DefaultPathFollowsXdgConfigHomeThenHomeAndTheRealStoreU
     EXPECT_EQ(onDisk(), (json{{"k", "v"}}));
 }
 
-TEST_F(UserDefaultsTest, ChangesReachTheFileAboutASecondLaterAtMostOncePerSecond) {
+TEST_F(UserDefaultsTest, ChangesReachTheFileAboutASecondLaterAtMostOncePerSecondAndOnlyChanges) {
     auto store = makeStore();
     for (int i = 0; i < 50; ++i) {
         store->setObject("counter", i);
@@ -129,13 +129,12 @@ TEST_F(UserDefaultsTest, ChangesReachTheFileAboutASecondLaterAtMostOncePerSecond
     }
     EXPECT_GE(store->fileWriteCount(), 1u + 9u);
     EXPECT_LE(store->fileWriteCount(), 1u + 10u);
-}
 
-TEST_F(UserDefaultsTest, AnUnchangedValueSchedulesNoWriteButAnotherTypeIsAChange) {
-    auto store = makeStore();
+    // An unchanged value schedules no write, but the same value as another type is a change.
     const json big = json{{"p1", json::array({"a", "b", "c"})}, {"p2", json::array()}};
     store->setObject("map", big);
     store->flush();
+    const size_t written = store->fileWriteCount();
     for (int tick = 0; tick < 100; ++tick) {
         store->setObject("map", big);
         store->setObject("map", json(big));
@@ -143,12 +142,12 @@ TEST_F(UserDefaultsTest, AnUnchangedValueSchedulesNoWriteButAnotherTypeIsAChange
     }
     EXPECT_EQ(queue->pendingCount(), 0u);
     store->flush();
-    EXPECT_EQ(store->fileWriteCount(), 1u);
+    EXPECT_EQ(store->fileWriteCount(), written);
     for (const json& n : {json(1), json("1")}) {
         store->setObject("n", n);
         store->flush();
     }
-    EXPECT_EQ(store->fileWriteCount(), 3u);
+    EXPECT_EQ(store->fileWriteCount(), written + 2);
 }
 
 TEST_F(UserDefaultsTest, FlushDestructionAndProcessExitWritePendingChanges) {
@@ -194,11 +193,7 @@ TEST_F(UserDefaultsTest, RewritingReplacesTheFileAndLeftoverTempFilesAreNeverDat
     store->flush();
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(reader), {}), first);
     EXPECT_EQ(onDisk()["generation"], 2);
-    // Only the file itself is left in the directory.
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(file.parent_path()))
-        names.push_back(entry.path().filename().string());
-    EXPECT_EQ(names, std::vector<std::string>{"UserDefaults.json"});
+    EXPECT_EQ(beside(), std::vector<fs::path>{file}) << "only the file itself is left";
     store.reset();
 
     writeFile(file.parent_path() / "UserDefaults.json.d4E5f6", R"({"generation":"half)");
@@ -220,10 +215,11 @@ TEST_F(UserDefaultsTest, UnwritableDirectoryWarnsOnceAndKeepsWorkingFromMemory) 
     store->flush();
     EXPECT_EQ(store->object("tick"), json(29));
     EXPECT_EQ(store->fileWriteCount(), 0u);
-    ASSERT_EQ(warnings().size(), 1u);
-    EXPECT_NE(warnings()[0].find("] ⚠️ "), std::string::npos) << warnings()[0];
+    ASSERT_EQ(logs.lines().size(), 1u);
+    EXPECT_EQ(logs.levelOf(logs.messages()[0]), "WARNING");
+    EXPECT_NE(logs.lines()[0].find("] ⚠️ "), std::string::npos) << logs.lines()[0];
     store.reset();
-    EXPECT_EQ(warnings().size(), 1u);
+    EXPECT_EQ(logs.lines().size(), 1u);
 }
 
 // A crash, a full disk or a curious user can leave anything at the state file's
@@ -240,16 +236,9 @@ struct Damage {
     bool directory = false;
 };
 
-class DamagedStateFileTest : public UserDefaultsTest, public ::testing::WithParamInterface<Damage> {
-  protected:
-    std::vector<fs::path> asideFiles() const {
-        std::vector<fs::path> out;
-        for (const auto& entry : fs::directory_iterator(file.parent_path()))
-            if (entry.path().filename().string().starts_with("UserDefaults.json.corrupt-"))
-                out.push_back(entry.path());
-        return out;
-    }
-};
+class DamagedStateFileTest : public UserDefaultsTest,
+                             public ::testing::WithParamInterface<Damage> {};
+const std::string kAside = "UserDefaults.json.corrupt-";
 
 TEST_P(DamagedStateFileTest, KeepsReadableEntriesLogsOnceAndMovesTheFileAside) {
     const auto& damage = GetParam();
@@ -265,14 +254,14 @@ TEST_P(DamagedStateFileTest, KeepsReadableEntriesLogsOnceAndMovesTheFileAside) {
     EXPECT_EQ(logs.levelOf(logs.messages().at(0)), "ERROR");
 
     // Nothing is lost before the next write replaces the file ...
-    EXPECT_TRUE(asideFiles().empty());
+    EXPECT_TRUE(beside(kAside).empty());
     store->setObject("new", 1);
     store->flush();
     auto expected = damage.kept;
     expected["new"] = 1;
     EXPECT_EQ(onDisk(), expected);
     // ... which first moves the damaged one aside, byte for byte.
-    const auto aside = asideFiles();
+    const auto aside = beside(kAside);
     ASSERT_EQ(aside.size(), 1u);
     if (damage.directory)
         EXPECT_TRUE(fs::is_directory(aside[0] / "inside"));
@@ -318,11 +307,11 @@ constexpr const char* kKey = "zelkin.playlistSDK.completedVideosByPlaylist";
     VPLogger::setEnabled(false);
     auto queue = std::make_shared<ThreadMainQueue>();
     auto store = std::make_shared<UserDefaults>(file, queue);
-    nlohmann::json marks = nlohmann::json::array();
+    json marks = json::array();
     for (int mark = 0;; ++mark) {
         queue->sync([&] {
             marks.push_back(std::to_string(mark));
-            store->setObject(kKey, nlohmann::json{{"pl", marks}});
+            store->setObject(kKey, json{{"pl", marks}});
         });
         if (::write(out, &mark, sizeof mark) != sizeof mark) ::_exit(1);
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -364,12 +353,9 @@ TEST(MarksSurviveKill, FileAlwaysParsesAndLosesAtMostTheLastSecond) {
 
         size_t saved = 0;
         if (fs::exists(file)) {  // whenever there is a file, it is whole
-            std::ifstream in(file, std::ios::binary);
-            const auto parsed = nlohmann::json::parse(in, nullptr, false);
+            const auto parsed = json::parse(readFile(file), nullptr, false);
             ASSERT_TRUE(parsed.is_object());
-            saved = parsed.value(kKey, nlohmann::json::object())
-                        .value("pl", nlohmann::json::array())
-                        .size();
+            saved = parsed.value(kKey, json::object()).value("pl", json::array()).size();
         }
         // Marks are appended in order: every one reported before the window is saved.
         for (const auto& [mark, when] : seen)

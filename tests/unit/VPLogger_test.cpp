@@ -20,7 +20,7 @@ class VPLoggerTest : public ::testing::Test {
     std::vector<std::string> lines;
 };
 
-TEST_F(VPLoggerTest, LineHasTagTimestampLevelFileLineAndMessage) {
+TEST_F(VPLoggerTest, LinesCarryTagTimestampLevelFileLineAndMessageUntilSwitchedOff) {
     VPLogger::log("🎯 Ad completed, resuming playback");
     const int line = __LINE__ - 1;
     ASSERT_EQ(lines.size(), 1u);
@@ -29,27 +29,25 @@ TEST_F(VPLoggerTest, LineHasTagTimestampLevelFileLineAndMessage) {
     std::smatch m;
     ASSERT_TRUE(std::regex_match(lines[0], m, format)) << lines[0];
     EXPECT_EQ(std::stoi(m[1]), line);
-}
 
-TEST_F(VPLoggerTest, LevelsBareFileNamesEmptyMessagesAndTheOffSwitch) {
     VPLogger::warning("⏳ Waiting for episodes...");
     VPLogger::error("❌ Playlist not found");
     VPLogger::print("", LogType::log, "Plain.swift", 7);
-    ASSERT_EQ(lines.size(), 3u);
+    ASSERT_EQ(lines.size(), 4u);
     // Levels are named as the host filters them.
-    EXPECT_NE(lines[0].find(" : [WARNING] ["), std::string::npos);
-    EXPECT_NE(lines[1].find(" : [ERROR] ["), std::string::npos);
+    EXPECT_NE(lines[1].find(" : [WARNING] ["), std::string::npos);
+    EXPECT_NE(lines[2].find(" : [ERROR] ["), std::string::npos);
     EXPECT_EQ(logTypeFromRaw("WARNING"), LogType::warning);
     EXPECT_EQ(logTypeFromRaw("warning"), std::nullopt);
     // A file without a slash is printed whole; an empty message keeps the blank.
-    EXPECT_TRUE(lines[2].ends_with("[LOG] [Plain.swift:7] ")) << lines[2];
+    EXPECT_TRUE(lines[3].ends_with("[LOG] [Plain.swift:7] ")) << lines[3];
 
     VPLogger::setEnabled(false);
     VPLogger::log("hidden");
     VPLogger::error("hidden too");
     VPLogger::setEnabled(true);
     VPLogger::log("visible");
-    EXPECT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines.size(), 5u);
 }
 
 TEST(VPLoggerStdout, EachLineReachesStandardOutputWithItsLineFeed) {

@@ -66,13 +66,6 @@ TEST_F(ServiceTest, CleanupDropsTheControllerUntilSetURLSMakesOneThatKnowsTheTra
     EXPECT_EQ(service->playerController->adSessionTracker(), service->adSessionTracker);
 }
 
-TEST(ServiceHostInput, URLListSkipsNullEntriesAndKeepsOrder) {
-    const char* urls[] = {"a", nullptr, "b"};
-    EXPECT_EQ(urlsFromHost(urls, 3), (std::vector<std::string>{"a", "b"}));
-    EXPECT_TRUE(urlsFromHost(urls, 0).empty());
-    EXPECT_TRUE(urlsFromHost(nullptr, 2).empty());
-}
-
 TEST_F(ServiceTest, PolicyIsLoggedWithVersionAndBucketsAndBadOnesKeepTheLastGood) {
     service->setMidRollAdConfig(kPolicyV3);
     EXPECT_TRUE(logs.contains("✅ Mid-roll ad config loaded (v3): 4 buckets"));
@@ -104,7 +97,7 @@ TEST_F(ServiceTest, PremiumResetsTheSessionAndCuePointsButTurningItOffResetsNoth
                  pc->midRollCuePointState().isShowingAd);
 }
 
-TEST_F(ServiceTest, UnknownAndEmptyPlaylistsAreErrorsAndStartNothing) {
+TEST_F(ServiceTest, UnknownAndEmptyPlaylistsStartNothingTheSampleOnePlaysBeforeTheHostSendsAny) {
     playlists().push_back(Playlist("empty", "Empty", std::nullopt, std::nullopt, {}));
     service->playPlaylist("nope");
     service->playPlaylist("empty");
@@ -113,9 +106,7 @@ TEST_F(ServiceTest, UnknownAndEmptyPlaylistsAreErrorsAndStartNothing) {
     EXPECT_EQ(logs.levelOf("❌ Playlist has no videos"), "ERROR");
     EXPECT_TRUE(events.events().empty());
     EXPECT_FALSE(pc->hostingController());
-}
 
-TEST_F(ServiceTest, SamplePlaylistPlaysBeforeTheHostSendsAnything) {
     playlists() = Playlist::allPlaylists();
     const Playlist& sample = playlists().at(1);
     for (const auto& v : sample.videos) vp.media->add(v.url, 30);
@@ -125,7 +116,7 @@ TEST_F(ServiceTest, SamplePlaylistPlaysBeforeTheHostSendsAnything) {
     EXPECT_EQ(events.count("OnVideoPlay"), 1u);
 }
 
-TEST_F(ServiceTest, MergeKeepsHostOrderAndEverythingTheHostSent) {
+TEST_F(ServiceTest, MergeKeepsHostOrderAndEverythingTheHostSentAnEmptyDocumentStillWaits) {
     std::vector<PlaylistResponse> lists = {{"p2", "Two", "t2"}, {"p1", "One", "t1"}};
     std::vector<EpisodeResponse> groups = {
         {"p1",
@@ -146,9 +137,7 @@ TEST_F(ServiceTest, MergeKeepsHostOrderAndEverythingTheHostSent) {
     EXPECT_EQ(std::tie(first.id, first.url, first.description), std::make_tuple("9", "u9", "p1"));
     EXPECT_TRUE(logs.contains("Mapped playlist: Two with 0 videos"));
     EXPECT_TRUE(logs.contains("Mapped playlist: One with 3 videos"));
-}
 
-TEST_F(ServiceTest, EmptyPlaylistDocumentStillWaits) {
     service->setEpisodesFromUnity(R"([{"id":"p","episodes":[]}])");
     service->setPlaylistsFromUnity("[]");
     EXPECT_EQ(logs.count("⏳ Waiting for playlists..."), 2u);

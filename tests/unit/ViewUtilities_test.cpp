@@ -39,7 +39,7 @@ TEST(Stacks, HiddenItemsTakeNoRoomAndTheRestStaysCentred) {
     EXPECT_TRUE(none[0].empty());
 }
 
-TEST(Animation, EasesAndRetargetsFromWhereItIs) {
+TEST(Animation, EasesRetargetsFromWhereItIsAndFadesHiddenViewsBackIn) {
     AnimatedValue v(0);
     v.animateTo(1, 10, 1);
     EXPECT_FLOAT_EQ(v.value(10), 0);
@@ -51,9 +51,8 @@ TEST(Animation, EasesAndRetargetsFromWhereItIs) {
     v.animateTo(0, 11.5, 1);
     v.animateTo(1, 12, 1);  // turned around half way
     EXPECT_FLOAT_EQ(v.value(12), 0.5f);
-}
 
-TEST(HiddenViewModifier, RemovesAtOnceAndFadesBackInOverAQuarterSecond) {
+    // A hidden view goes at once and fades back in over a quarter second.
     AnimatedValue fade(1);
     EXPECT_EQ(isHidden(true).opacity(fade, 0), 0);
     EXPECT_FLOAT_EQ(isHidden(false).opacity(fade, 1), 0);
@@ -79,19 +78,14 @@ TEST(VideoGeometry, FitLetterBoxesAndFillCrops) {
     EXPECT_FLOAT_EQ(uv.uv1.y, 1);
 }
 
-TEST(ImageResize, StretchesToExactlyTheRequestedSize) {
-    Image img;
-    img.width = 2;
-    img.height = 1;
-    img.rgba = {255, 0, 0, 255, 0, 0, 255, 255};
+TEST(Images, ResizeStretchesToExactlyTheRequestedSizeAndOnlyRealPicturesDecode) {
+    Image img{2, 1, {255, 0, 0, 255, 0, 0, 255, 255}};
     Image big = img.resized(8, 3);
     ASSERT_EQ(std::make_tuple(big.width, big.height, big.rgba.size()), std::make_tuple(8, 3, 96u));
     EXPECT_EQ(big.rgba[0], 255);                            // left stays red
     EXPECT_EQ(big.rgba[7 * 4 + 2] - big.rgba[7 * 4], 255);  // right stays blue
     EXPECT_TRUE(img.resized(0, 5).empty());
-}
 
-TEST(ImageDecoding, OnlyRealPicturesDecode) {
     EXPECT_FALSE(decodeImage("").has_value());
     EXPECT_FALSE(decodeImage("<html>nope</html>").has_value());
     auto svg = decodeImage(
@@ -155,9 +149,11 @@ TEST(TextFitting, LongTitlesWrapToTwoLinesAndEndInAnEllipsis) {
         EXPECT_LE(font.font->CalcTextSizeA(font.size, FLT_MAX, 0, line.c_str()).x, 180);
 }
 
-TEST(Slider, WorksInHundredthsAndClampsToTheDuration) {
+TEST(Slider, WorksInHundredthsClampsAndReportsATapOnTheThumbWithoutChangingTheValue) {
     double value = 0;
-    SwiftUISlider::Binding binding{[&] { return value; }, [&](double v) { value = v; }};
+    int writes = 0;
+    std::vector<bool> editing;
+    SwiftUISlider::Binding binding{[&] { return value; }, [&](double v) { value = v, ++writes; }};
     SwiftUISlider unknown(binding, false, 0);
     auto control = [](const SwiftUISlider& s) {
         const auto& c = s.control();
@@ -171,40 +167,30 @@ TEST(Slider, WorksInHundredthsAndClampsToTheDuration) {
     EXPECT_EQ(control(slider), std::make_tuple(6000.f, 6000.f, 45.f));  // thumb at the end
     Rect r{0, 0, 445, 45};
     EXPECT_FLOAT_EQ(SwiftUISlider::thumbRect(slider.control(), r).right(), 445);
-}
 
-TEST(Slider, TapOnTheThumbReportsStartAndEndWithoutChangingTheValue) {
     HeadlessImGui h;
-    double value = 10;
-    int writes = 0;
-    std::vector<bool> editing;
-    SwiftUISlider::Binding binding{[&] { return value; },
-                                   [&](double v) {
-                                       value = v;
-                                       ++writes;
-                                   }};
+    value = 10;
     auto onEditing = [&](bool e) { editing.push_back(e); };
-    SwiftUISlider slider(binding, false, 40, onEditing);
-    Rect r{100, 100, 430, 30};
-    ImVec2 thumb{SwiftUISlider::thumbRect(slider.control(), r).midX(), r.midY()};
-    h.frame(
-        0, [&](Frame& f) { slider.draw(f, r); }, thumb, true);
-    EXPECT_TRUE(slider.coordinator().isDragging);
+    SwiftUISlider tapped(binding, false, 40, onEditing);
+    r = {100, 100, 430, 30};
+    auto draw = [&](Frame& f) { tapped.draw(f, r); };
+    auto frame = [&](double t, ImVec2 mouse, bool down) { h.frame(t, draw, mouse, down); };
+    ImVec2 thumb{SwiftUISlider::thumbRect(tapped.control(), r).midX(), r.midY()};
+    frame(0, thumb, true);
+    EXPECT_TRUE(tapped.coordinator().isDragging);
     // Rotating mid-drag reconfigures the artwork; the clock does not move the thumb.
     value = 30;
-    slider.updateUIView(binding, true, 40, onEditing);
-    EXPECT_FLOAT_EQ(slider.control().thumbSize, 45);
-    EXPECT_EQ(slider.control().configurations, 2);
-    EXPECT_FLOAT_EQ(slider.control().value, 1000);
+    tapped.updateUIView(binding, true, 40, onEditing);
+    EXPECT_FLOAT_EQ(tapped.control().thumbSize, 45);
+    EXPECT_EQ(tapped.control().configurations, 2);
+    EXPECT_FLOAT_EQ(tapped.control().value, 1000);
     value = 10;
-    h.frame(
-        0.1, [&](Frame& f) { slider.draw(f, r); }, thumb);
+    frame(0.1, thumb, false);
     EXPECT_EQ(editing, (std::vector<bool>{true, false}));
     EXPECT_EQ(writes, 0);
-    EXPECT_FALSE(slider.coordinator().isDragging);
+    EXPECT_FALSE(tapped.coordinator().isDragging);
     // A press on the track away from the thumb is not a drag.
-    h.frame(
-        0.2, [&](Frame& f) { slider.draw(f, r); }, {r.right() - 5, r.midY()}, true);
+    frame(0.2, {r.right() - 5, r.midY()}, true);
     EXPECT_EQ(editing.size(), 2u);
 }
 

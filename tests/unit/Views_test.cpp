@@ -64,7 +64,6 @@ class ScreenTest : public PlayerControllerTest {
         frame();
         return view->lastLayout();
     }
-    // The viewer's ways of bringing the controls and the rail in or out.
     void showControls(bool shown) {
         if (pc->showControls != shown) pc->toggleControls();
     }
@@ -79,6 +78,17 @@ class ScreenTest : public PlayerControllerTest {
         return {l.videoArea.midX(), (l.back.bottom() + l.centre[2].y) / 2};
     }
     DrawTrace& trace() { return imgui->trace; }
+    // Close events sent at once by a tap on the back button; `andEscape` also presses
+    // Escape and gives a close that must not come a second to arrive.
+    size_t closesFromBack(const Rect& back, bool andEscape = false) {
+        events.clear();
+        click(centre(back));
+        if (andEscape) {
+            view->handleKey(Key::escape);
+            vp.advance(1);
+        }
+        return events.count("OnVideoClosed");
+    }
 
     std::optional<HeadlessImGui> imgui;
     std::shared_ptr<OrientationObserver> orientation = std::make_shared<OrientationObserver>();
@@ -88,46 +98,9 @@ class ScreenTest : public PlayerControllerTest {
     bool down = false;
 };
 
-TEST_F(ScreenTest, EachCentreButtonAndKeyCallsItsOperation) {
+TEST_F(ScreenTest, EachCentreButtonAndKeyCallsItsOperationButADisabledOneIsDimmedAndInert) {
     pc->setControlShown(Control::backwordButton, true);
     pc->setControlShown(Control::forwardButton, true);
-    ASSERT_TRUE(pc->isPlaying);
-    tap(Button::playPause);
-    EXPECT_FALSE(pc->isPlaying);
-    tap(Button::playPause);
-    EXPECT_TRUE(pc->isPlaying);
-
-    vp.advance(5);
-    EXPECT_FALSE(pc->showControls);  // faded after 5 s of playback
-    showControls(true);
-    double before = simPlayer()->currentTime();
-    tap(Button::for10);
-    vp.advance(0.2);
-    EXPECT_NEAR(simPlayer()->currentTime(), before + 10.2, 0.15);
-    tap(Button::back10);
-    vp.advance(0.2);
-    EXPECT_NEAR(simPlayer()->currentTime(), before + 0.4, 0.15);
-    tap(Button::next);
-    EXPECT_EQ(position(), at(1, "a1"));
-    tap(Button::prev);
-    EXPECT_EQ(position(), at(0, "a0"));
-
-    view->handleKey(Key::space);
-    EXPECT_FALSE(pc->isPlaying);
-    view->handleKey(Key::space);
-    EXPECT_TRUE(pc->isPlaying);
-    vp.advance(12);
-    before = simPlayer()->currentTime();
-    view->handleKey(Key::left);
-    vp.advance(0.2);
-    EXPECT_NEAR(simPlayer()->currentTime(), before - 9.8, 0.15);
-    events.clear();
-    view->handleKey(Key::escape);
-    EXPECT_EQ(events.take(), (Events{{"OnVideoClosed", "back"}}));
-}
-
-TEST_F(ScreenTest, DisabledPreviousIsDimmedAndInert) {
-    pc->setControlShown(Control::backwordButton, true);
     ASSERT_TRUE(pc->disableBackButton);  // first video
     tap(Button::prev);
     EXPECT_EQ(position(), at(0, "a0"));
@@ -137,13 +110,42 @@ TEST_F(ScreenTest, DisabledPreviousIsDimmedAndInert) {
     EXPECT_FLOAT_EQ(prev->opacity, 0.5f);
     // A dimmed button still takes the tap: the video under it is not toggled.
     EXPECT_TRUE(pc->showPlaylist);
+
+    ASSERT_TRUE(pc->isPlaying);
+    for (auto toggle : {std::function<void()>([&] { tap(Button::playPause); }),
+                        std::function<void()>([&] { view->handleKey(Key::space); })}) {
+        toggle();
+        EXPECT_FALSE(pc->isPlaying);
+        toggle();
+        EXPECT_TRUE(pc->isPlaying);
+    }
+
+    vp.advance(5);
+    EXPECT_FALSE(pc->showControls);  // faded after 5 s of playback
+    showControls(true);
+    auto seeksBy = [&](double delta, const std::function<void()>& act) {
+        const double before = simPlayer()->currentTime();
+        act();
+        vp.advance(0.2);
+        EXPECT_NEAR(simPlayer()->currentTime(), before + delta + 0.2, 0.15);
+    };
+    seeksBy(10, [&] { tap(Button::for10); });
+    seeksBy(-10, [&] { tap(Button::back10); });
+    tap(Button::next);
+    EXPECT_EQ(position(), at(1, "a1"));
+    tap(Button::prev);
+    EXPECT_EQ(position(), at(0, "a0"));
+    vp.advance(12);
+    seeksBy(-10, [&] { view->handleKey(Key::left); });
+    events.clear();
+    view->handleKey(Key::escape);
+    EXPECT_EQ(events.take(), (Events{{"OnVideoClosed", "back"}}));
 }
 
-TEST_F(ScreenTest, HiddenButtonsLeaveNoGap) {
+TEST_F(ScreenTest, HostFlagsHideButtonsWithoutLeavingGapsAndHiddenOnesStopReacting) {
     pc->setControlShown(Control::back10Button, false);
     const auto l = layout();
-    EXPECT_TRUE(l.centreHidden[1]);
-    EXPECT_TRUE(l.centreHidden[0]);  // previous is hidden by default
+    EXPECT_TRUE(l.centreHidden[1] && l.centreHidden[0]);  // previous is hidden by default
     // play/pause and forward 10 close up, and the pair is centred.
     Rect play = l.centre[2], forward = l.centre[3];
     EXPECT_FLOAT_EQ(forward.x - play.right(), VideoPlayerView::UI::controlSpacing);
@@ -159,40 +161,29 @@ TEST_F(ScreenTest, HiddenButtonsLeaveNoGap) {
     // The bars stay at their edges with an empty row.
     EXPECT_EQ(view->lastLayout().back, l.back);
     EXPECT_EQ(view->lastLayout().slider, l.slider);
-}
 
-TEST_F(ScreenTest, HostFlagsHideTheBackButtonAndLogoWhichThenStopReacting) {
-    const Rect back = layout().back;
+    // A hidden back button stops reacting, to Escape too, and reacts again once shown.
     pc->setControlShown(Control::backButton, false);
     pc->setControlShown(Control::logo, false);
     frame();
     EXPECT_EQ(trace().count(Kind::image, "backbutton") + trace().count(Kind::image, "zelkinLogo"),
               0u);
-    events.clear();
-    click(centre(back));
-    view->handleKey(Key::escape);
-    vp.advance(1);
-    EXPECT_EQ(events.count("OnVideoClosed"), 0u);
+    EXPECT_EQ(closesFromBack(l.back, true), 0u);
     EXPECT_TRUE(pc->hostingController());
 
     pc->setControlShown(Control::backButton, true);
     frame();
     EXPECT_EQ(trace().count(Kind::image, "backbutton"), 1u);
-    click(centre(back));
-    EXPECT_EQ(events.count("OnVideoClosed"), 1u);
+    EXPECT_EQ(closesFromBack(l.back), 1u);
 }
 
 TEST_F(ScreenTest, NoControlReactsWhileLoading) {
     pc->showLoadingUI(true);
     const auto l = layout();
     const size_t seeks = simPlayer()->seeks.size();
-    events.clear();
-    click(centre(l.back));
     click(centre(l.centre[2]));
-    view->handleKey(Key::escape);
     view->handleKey(Key::space);
-    vp.advance(1);
-    EXPECT_EQ(events.count("OnVideoClosed"), 0u);
+    EXPECT_EQ(closesFromBack(l.back, true), 0u);
     EXPECT_TRUE(pc->isPlaying);
 
     // The thumb sits near the start: pressing and dragging it does not scrub.
@@ -202,10 +193,8 @@ TEST_F(ScreenTest, NoControlReactsWhileLoading) {
     pointer({l.slider.x + 80, l.slider.midY()}, false);
     EXPECT_EQ(simPlayer()->seeks.size(), seeks);
 
-    // Once loaded, the same back tap closes the player.
     pc->showLoadingUI(false);
-    click(centre(l.back));
-    EXPECT_EQ(events.count("OnVideoClosed"), 1u);
+    EXPECT_EQ(closesFromBack(l.back), 1u);
 }
 
 TEST_F(ScreenTest, TapOnVideoTogglesRailAndDismissesCountdownOnlyAtTheEnd) {
@@ -333,18 +322,15 @@ TEST_F(ScreenTest, PhoneRotationResizesCardsRailAndCentreButtons) {
 }
 
 TEST_F(ScreenTest, ReturningToTheForegroundResumesOnlyWhenPlaybackWasWanted) {
-    // The system paused the player behind the controller's back: resumed.
-    pc->play();
-    simPlayer()->pause();
-    view->applicationDidBecomeActive();
-    vp.runUntilIdle();
-    EXPECT_EQ(simPlayer()->timeControlStatus(), TimeControlStatus::playing);
-    // The viewer's own pause is kept.
-    pc->pause();
-    view->applicationDidBecomeActive();
-    vp.runUntilIdle();
-    EXPECT_FALSE(pc->isPlaying);
-    EXPECT_EQ(simPlayer()->timeControlStatus(), TimeControlStatus::paused);
+    // Paused by the system behind the controller's back: resumed. The viewer's own pause is kept.
+    for (bool viewerPaused : {false, true}) {
+        viewerPaused ? pc->pause() : (pc->play(), simPlayer()->pause());
+        view->applicationDidBecomeActive();
+        vp.runUntilIdle();
+        EXPECT_EQ(pc->isPlaying.get(), !viewerPaused);
+        EXPECT_EQ(simPlayer()->timeControlStatus(),
+                  viewerPaused ? TimeControlStatus::paused : TimeControlStatus::playing);
+    }
 }
 
 TEST_F(ScreenTest, FailedPlaybackShowsTheMessageInsteadOfTheSpinnerAndBackReacts) {
@@ -355,9 +341,7 @@ TEST_F(ScreenTest, FailedPlaybackShowsTheMessageInsteadOfTheSpinnerAndBackReacts
     frame();
     EXPECT_TRUE(trace().hasText(VideoPlayerView::UI::failedTitle));
     EXPECT_TRUE(trace().hasText(VideoPlayerView::UI::failedHint));
-    events.clear();
-    click(centre(layout().back));
-    EXPECT_EQ(events.count("OnVideoClosed"), 1u) << "the back button reacts at once";
+    EXPECT_EQ(closesFromBack(layout().back), 1u);
 }
 
 TEST(ScreenDecisions, CountdownPhaseTimeLabelAndSizesPerDeviceAndOrientation) {
