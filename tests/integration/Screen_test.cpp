@@ -182,9 +182,13 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     mainQueue().sync([&] { pc->setControlShown(PlayerController::Control::logo, false); });
     EXPECT_TRUE(waitOnMainQueue([&] { return window->framesRendered() > frames; }, 2));
 
-    // Back closes the window.
+    // Back closes the window, and the dropped player takes its render context along.
+    size_t attached = 0;
+    mainQueue().sync([&] { attached = window->attachedPlayers(); });
+    EXPECT_EQ(attached, 1u);
     mainQueue().sync([&] { pc->backToHome(); });
     EXPECT_TRUE(waitOnMainQueue([&] { return !window->isShown(); }, 5));
+    EXPECT_TRUE(waitOnMainQueue([&] { return window->attachedPlayers() == 0; }, 5));
     mainQueue().sync([&] {
         currentVideoPlayerService().reset();
         service.reset();

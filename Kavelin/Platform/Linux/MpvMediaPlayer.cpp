@@ -198,7 +198,12 @@ MpvMediaPlayer::MpvMediaPlayer(std::shared_ptr<MainQueue> queue, Options options
 }
 
 MpvMediaPlayer::~MpvMediaPlayer() {
+    if (auto hook = std::exchange(beforeDestroy_, nullptr)) hook();
     core_->close();
+}
+
+void MpvMediaPlayer::setBeforeDestroy(std::function<void()> hook) {
+    beforeDestroy_ = std::move(hook);
 }
 
 mpv_handle* MpvMediaPlayer::handle() const {

@@ -63,6 +63,10 @@ class MpvMediaPlayer final : public MediaPlayer {
     // Switches the video output at run time, e.g. to "libmpv" once the window has
     // a render context, and back to "null" before that context is freed.
     void setVideoOutput(const std::string& videoOutput);
+    // Runs first when the player is destroyed, while mpv is still whole: the window
+    // frees the render context it made on `handle()` there. One at a time; empty
+    // clears it.
+    void setBeforeDestroy(std::function<void()> hook);
 
     void replaceCurrentItem(std::optional<std::string> url) override;
     bool hasCurrentItem() const override;
@@ -98,6 +102,7 @@ class MpvMediaPlayer final : public MediaPlayer {
   private:
     class Core;
     std::shared_ptr<Core> core_;
+    std::function<void()> beforeDestroy_;
 };
 
 }  // namespace kavelin

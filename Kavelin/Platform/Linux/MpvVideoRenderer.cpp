@@ -162,15 +162,18 @@ void MpvVideoRenderer::renderPending(Entry& e) {
 
 void MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player,
                               std::function<void(bool)> done) {
-    collect();
     auto* mpv = dynamic_cast<MpvMediaPlayer*>(player.get());
     if (!mpv || !mpv->handle()) {
         done(false);
         return;
     }
+    if (entries_.count(player.get())) forget(player.get());
     auto entry = std::make_shared<Entry>();
-    entry->player = player;
+    entry->player = mpv;
     entries_[player.get()] = entry;  // released in order after the creation below
+    mpv->setBeforeDestroy([weak = weak_from_this(), key = player.get()] {
+        if (auto self = weak.lock()) self->forget(key);
+    });
     mpv_handle* handle = mpv->handle();
     auto finish = [queue = queue_, entry, done = std::move(done)](bool created) {
         queue->async([entry, done, created] {
@@ -231,17 +234,12 @@ void MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
     });
 }
 
-void MpvVideoRenderer::collect() {
-    for (auto it = entries_.begin(); it != entries_.end();) {
-        if (it->second->player.use_count() == 1) {
-            auto entry = it->second;
-            it = entries_.erase(it);
-            release(entry);
-            entry->player.reset();  // mpv goes after its render context, on this queue
-        } else {
-            ++it;
-        }
-    }
+void MpvVideoRenderer::forget(MediaPlayer* player) {
+    auto it = entries_.find(player);
+    if (it == entries_.end()) return;
+    auto entry = it->second;
+    entries_.erase(it);
+    release(entry);
 }
 
 void MpvVideoRenderer::detachAll() {
@@ -249,8 +247,8 @@ void MpvVideoRenderer::detachAll() {
     entries_.clear();
     for (auto& [key, entry] : entries) {
         release(entry);
-        if (auto* mpv = dynamic_cast<MpvMediaPlayer*>(entry->player.get()))
-            mpv->setVideoOutput("null");
+        entry->player->setBeforeDestroy(nullptr);
+        entry->player->setVideoOutput("null");
     }
 }
 

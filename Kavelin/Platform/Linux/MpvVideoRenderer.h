@@ -18,14 +18,17 @@ struct mpv_render_context;
 
 namespace kavelin {
 
+class MpvMediaPlayer;
+
 // Draws libmpv players into textures through mpv's OpenGL render API.
 //
 // mpv must not wait on a thread that itself calls into mpv, and our main queue
 // drives the players; so mpv renders on a thread of its own, with a GL context
 // that shares textures with the window's. The main queue only picks up the
-// newest finished texture. Each attached player is kept alive until nobody else
-// holds it, so that its render context is freed before mpv itself goes away.
-class MpvVideoRenderer final : public VideoRenderer {
+// newest finished texture. A player frees its render context first thing when it
+// is destroyed, before mpv itself goes away.
+class MpvVideoRenderer final : public VideoRenderer,
+                               public std::enable_shared_from_this<MpvVideoRenderer> {
   public:
     // `renderContext` shares objects with the window's context and is used only
     // by the render thread. `onNewFrame` runs on the main queue.
@@ -43,8 +46,6 @@ class MpvVideoRenderer final : public VideoRenderer {
                                          int pixelHeight, bool fill) override;
     // The window has shown the frame handed out last: its texture may be reused.
     void endFrame();
-    // Frees the contexts of players nobody else holds any more.
-    void collect();
     // Frees everything (the window is about to go).
     void detachAll();
     // Ends the render thread for good; later render work is dropped.
@@ -61,8 +62,8 @@ class MpvVideoRenderer final : public VideoRenderer {
     };
     // Shared between the main queue, the render thread and mpv's callback.
     struct Entry {
-        std::shared_ptr<MediaPlayer> player;  // main queue only
-        bool fill = false;                    // main queue only
+        MpvMediaPlayer* player = nullptr;  // main queue only; unhooks itself when destroyed
+        bool fill = false;                 // main queue only
         mpv_render_context* context = nullptr;
         Slot slots[kSlots];
         int latest = -1;  // newest finished slot
@@ -83,6 +84,8 @@ class MpvVideoRenderer final : public VideoRenderer {
     bool post(std::function<void()> task);
     void renderPending(Entry& entry);
     void release(const std::shared_ptr<Entry>& entry);
+    // The player is being destroyed: its context goes now.
+    void forget(MediaPlayer* player);
 
     std::shared_ptr<MainQueue> queue_;
     SDL_Window* window_;

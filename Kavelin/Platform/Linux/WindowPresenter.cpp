@@ -179,7 +179,6 @@ void WindowPresenter::dismiss(const std::shared_ptr<HostingController>& screen, 
                 if (self->window_) SDL_HideWindow(self->window_);
                 self->shown_ = false;
                 if (self->screen_ == screen) self->screen_.reset();
-                if (self->renderer_) self->renderer_->collect();
                 self->updatePolling();
             }
         }
@@ -215,6 +214,10 @@ void WindowPresenter::renderNow() {
     renderFrame();
 }
 
+size_t WindowPresenter::attachedPlayers() const {
+    return renderer_ ? renderer_->attachedCount() : 0;
+}
+
 WindowPresenter::Capture WindowPresenter::capture() {
     Capture out;
     if (window_) renderFrame(&out);
@@ -229,7 +232,6 @@ void WindowPresenter::renderFrame(Capture* capture) {
     dirty_ = false;
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
     acquireGl();
-    if (renderer_) renderer_->collect();
 
     ImGui_ImplOpenGL3_NewFrame();
     ImGui_ImplSDL2_NewFrame();

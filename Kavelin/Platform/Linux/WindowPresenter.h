@@ -62,6 +62,8 @@ class WindowPresenter final : public ScreenPresenter,
     };
     // Draws a frame now and reads it back.
     Capture capture();
+    // Players whose pictures the window draws (each holds a render context).
+    size_t attachedPlayers() const;
     // Draws a frame now, as if something had changed, once the frame before it is
     // out.
     void renderNow();
