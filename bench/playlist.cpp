@@ -13,10 +13,10 @@
 #include "Kavelin/Model/Catalogue.h"
 #include "Kavelin/Model/MidRollAdConfig.h"
 #include "Kavelin/Model/MidRollCuePointState.h"
-#include "Kavelin/Platform/UserDefaults.h"
-#include "support/VirtualMainQueue.h"
+#include "Kavelin/Platform/Linux/FileUserDefaults.h"
 #include "Kavelin/Playlist/Controllers/PlaylistController.h"
 #include "Kavelin/log/VPLogger.h"
+#include "support/VirtualMainQueue.h"
 
 namespace {
 
@@ -52,7 +52,7 @@ MidRollCuePointState threeCuePoints() {
 struct Fixture {
     fs::path dir;
     std::shared_ptr<VirtualMainQueue> queue = std::make_shared<VirtualMainQueue>();
-    std::shared_ptr<UserDefaults> store;
+    std::shared_ptr<FileUserDefaults> store;
     std::unique_ptr<PlaylistController> controller;
 
     Fixture() {
@@ -60,7 +60,7 @@ struct Fixture {
         if (!::mkdtemp(tmpl.data())) std::abort();
         dir = tmpl;
         playlists() = {makePlaylist("P1", 50), makePlaylist("P2", 50), makePlaylist("P3", 50)};
-        store = std::make_shared<UserDefaults>(dir / "UserDefaults.json", queue);
+        store = std::make_shared<FileUserDefaults>(dir / "UserDefaults.json", queue);
         controller = std::make_unique<PlaylistController>(store);
     }
     ~Fixture() {

@@ -1,4 +1,5 @@
 #include "Kavelin/Platform/Linux/Environment.h"
+#include "Kavelin/Platform/Linux/FileUserDefaults.h"
 #include "Kavelin/Platform/Linux/HeadlessPresenter.h"
 #include "Kavelin/Platform/Linux/MpvMediaPlayerFactory.h"
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
@@ -23,7 +24,7 @@ Platform makeRealPlatform() {
         p.presenter = std::make_shared<HeadlessPresenter>(p.queue);
         p.players = players;
     }
-    p.defaults = std::make_shared<UserDefaults>(UserDefaults::defaultPath(), p.queue);
+    p.defaults = std::make_shared<FileUserDefaults>(FileUserDefaults::defaultPath(), p.queue);
     p.wallClock = [] { return std::chrono::system_clock::now(); };
     return p;
 }

@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
-#include "Kavelin/Platform/UserDefaults.h"
-#include "support/VirtualMainQueue.h"
+#include "Kavelin/Platform/Linux/FileUserDefaults.h"
 #include "Kavelin/log/VPLogger.h"
+#include "support/VirtualMainQueue.h"
 
 // The watched-state file as the library reads it at start: whatever a torn write
 // or a stranger left there, loading keeps what it can and never misbehaves.
@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
 
     auto queue = std::make_shared<kavelin::VirtualMainQueue>();
-    kavelin::UserDefaults store(file, queue);
+    kavelin::FileUserDefaults store(file, queue);
     size_t dropped = 0;
     const auto salvaged = kavelin::salvageObject(
         std::string_view(reinterpret_cast<const char*>(data), size), dropped);

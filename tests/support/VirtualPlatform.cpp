@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "Kavelin/Platform/Linux/FileUserDefaults.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 #include "Kavelin/log/VPLogger.h"
 
@@ -14,7 +15,7 @@ VirtualPlatform::VirtualPlatform() {
     media = std::make_shared<SimulatedMediaLibrary>();
     players = std::make_shared<SimulatedMediaPlayerFactory>(queue, media);
     presenter = std::make_shared<HeadlessPresenter>(queue);
-    defaults = std::make_shared<UserDefaults>(directory_.path / "UserDefaults.json", queue);
+    defaults = std::make_shared<FileUserDefaults>(directory_.path / "UserDefaults.json", queue);
     // A fixed, readable starting point keeps wall-clock log lines reproducible.
     wallStart_ = std::chrono::system_clock::time_point(std::chrono::seconds(1'750'000'000));
 

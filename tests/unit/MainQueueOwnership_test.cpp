@@ -2,8 +2,8 @@
 // stops at once, naming itself; on the queue it runs.
 #include <gtest/gtest.h>
 
-#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
+#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/VideoPlayerBridgging.h"
 
 namespace kavelin {

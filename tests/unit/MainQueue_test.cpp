@@ -13,10 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "Kavelin/Platform/Linux/FileUserDefaults.h"
 #include "Kavelin/Platform/Linux/HeadlessPresenter.h"
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/Platform/Platform.h"
-#include "Kavelin/Platform/UserDefaults.h"
 #include "support/VirtualMainQueue.h"
 #include "support/VirtualPlatform.h"
 
@@ -309,21 +309,22 @@ TEST(ThreadMainQueueRestart, ReleasingTheLibraryThreadWritesThePendingMarks) {
     Platform platform;
     platform.queue = queue;
     platform.presenter = std::make_shared<HeadlessPresenter>(queue);
-    platform.defaults = std::make_shared<UserDefaults>(dir.path / "UserDefaults.json", queue);
+    auto store = std::make_shared<FileUserDefaults>(dir.path / "UserDefaults.json", queue);
+    platform.defaults = store;
     Platform::install(platform);
 
     // A change is written about a second later unless the thread is released first.
-    queue->sync([&] { platform.defaults->setObject("watched", "v1"); });
-    EXPECT_EQ(platform.defaults->fileWriteCount(), 0u);
+    queue->sync([&] { store->setObject("watched", "v1"); });
+    EXPECT_EQ(store->fileWriteCount(), 0u);
     Platform::releaseThread();
-    EXPECT_EQ(platform.defaults->fileWriteCount(), 1u);
+    EXPECT_EQ(store->fileWriteCount(), 1u);
     EXPECT_FALSE(queue->hasThread());
     EXPECT_TRUE(std::filesystem::exists(dir.path / "UserDefaults.json"));
 
-    queue->sync([&] { platform.defaults->setObject("watched", "v2"); });
+    queue->sync([&] { store->setObject("watched", "v2"); });
     EXPECT_TRUE(queue->hasThread()) << "the next call brought a thread back";
     Platform::releaseThread();
-    EXPECT_EQ(platform.defaults->fileWriteCount(), 2u);
+    EXPECT_EQ(store->fileWriteCount(), 2u);
     queue->shutdown();
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Kavelin/Platform/Linux/FileUserDefaults.h"
 #include "Kavelin/Platform/Platform.h"
 #include "support/VirtualPlatform.h"
 
@@ -41,7 +42,7 @@ class PlaylistControllerTest : public ::testing::Test {
     }
     void reopenStore() {
         store.reset();  // teardown writes what the coalescing timer still held
-        store = std::make_shared<UserDefaults>(file, queue);
+        store = std::make_shared<FileUserDefaults>(file, queue);
     }
     json onDisk() {
         store->flush();
@@ -56,7 +57,7 @@ class PlaylistControllerTest : public ::testing::Test {
     std::filesystem::path file = dir.path / "Kavelin" / "UserDefaults.json";
     std::vector<Playlist> savedCatalogue;
     std::shared_ptr<VirtualMainQueue> queue = std::make_shared<VirtualMainQueue>();
-    std::shared_ptr<UserDefaults> store = std::make_shared<UserDefaults>(file, queue);
+    std::shared_ptr<FileUserDefaults> store = std::make_shared<FileUserDefaults>(file, queue);
     testing::LogCapture logs;
 };
 

@@ -1,5 +1,3 @@
-#include "Kavelin/Platform/UserDefaults.h"
-
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -16,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "Kavelin/Platform/Linux/FileUserDefaults.h"
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/Platform/Platform.h"
 #include "Kavelin/log/VPLogger.h"
@@ -35,8 +34,8 @@ void writeFile(const fs::path& path, const std::string& bytes) {
 
 class UserDefaultsTest : public ::testing::Test {
   protected:
-    std::unique_ptr<UserDefaults> makeStore() {
-        return std::make_unique<UserDefaults>(file, queue);
+    std::unique_ptr<FileUserDefaults> makeStore() {
+        return std::make_unique<FileUserDefaults>(file, queue);
     }
     json onDisk() const { return json::parse(readFile(file)); }
     // What stands beside the state file (itself included) under names starting with `prefix`.
@@ -88,11 +87,11 @@ TEST_F(UserDefaultsTest, ValuesKeepTheirTypesAcrossInstancesAndRemovalsStick) {
 TEST_F(UserDefaultsTest, DefaultPathFollowsXdgConfigHomeThenHomeAndTheRealStoreUsesIt) {
     {
         ScopedEnv xdg("XDG_CONFIG_HOME", "/srv/cfg");
-        EXPECT_EQ(UserDefaults::defaultPath(), fs::path("/srv/cfg/Kavelin/UserDefaults.json"));
+        EXPECT_EQ(FileUserDefaults::defaultPath(), fs::path("/srv/cfg/Kavelin/UserDefaults.json"));
     }
     {
         ScopedEnv xdg("XDG_CONFIG_HOME", nullptr), home("HOME", "/home/viewer");
-        EXPECT_EQ(UserDefaults::defaultPath(),
+        EXPECT_EQ(FileUserDefaults::defaultPath(),
                   fs::path("/home/viewer/.config/Kavelin/UserDefaults.json"));
     }
     ScopedEnv xdg("XDG_CONFIG_HOME", dir.path.c_str());
@@ -103,7 +102,9 @@ TEST_F(UserDefaultsTest, DefaultPathFollowsXdgConfigHomeThenHomeAndTheRealStoreU
             real.defaults->setObject("k", "v");
             real.defaults->flush();
         });
-        EXPECT_EQ(real.defaults->fileWriteCount(), 1u);
+        auto* file = dynamic_cast<FileUserDefaults*>(real.defaults.get());
+        ASSERT_NE(file, nullptr) << "the real platform keeps its marks in the file store";
+        EXPECT_EQ(file->fileWriteCount(), 1u);
         if (auto* thread = dynamic_cast<ThreadMainQueue*>(real.queue.get())) thread->shutdown();
     }
     EXPECT_EQ(onDisk(), (json{{"k", "v"}}));
@@ -170,7 +171,7 @@ TEST_F(UserDefaultsTest, FlushDestructionAndProcessExitWritePendingChanges) {
     ASSERT_GE(child, 0);
     if (child == 0) {
         // A store nobody flushes or destroys, as the platform's is.
-        auto* leaked = new UserDefaults(file, std::make_shared<VirtualMainQueue>());
+        auto* leaked = new FileUserDefaults(file, std::make_shared<VirtualMainQueue>());
         leaked->setObject("fromChild", json::array({"x", "y"}));
         std::exit(0);
     }
@@ -206,7 +207,8 @@ TEST_F(UserDefaultsTest, RewritingReplacesTheFileAndLeftoverTempFilesAreNeverDat
 TEST_F(UserDefaultsTest, UnwritableDirectoryWarnsOnceAndKeepsWorkingFromMemory) {
     // A regular file where the directory should be: unwritable even for root.
     writeFile(dir.path / "blocker", "not a directory");
-    auto store = std::make_unique<UserDefaults>(dir.path / "blocker" / "Kavelin" / "x.json", queue);
+    auto store =
+        std::make_unique<FileUserDefaults>(dir.path / "blocker" / "Kavelin" / "x.json", queue);
     for (int tick = 0; tick < 30; ++tick) {
         store->setObject("tick", tick);
         queue->advance(0.1);
@@ -306,7 +308,7 @@ constexpr const char* kKey = "zelkin.playlistSDK.completedVideosByPlaylist";
 [[noreturn]] void recordMarks(const fs::path& file, int out) {
     VPLogger::setEnabled(false);
     auto queue = std::make_shared<ThreadMainQueue>();
-    auto store = std::make_shared<UserDefaults>(file, queue);
+    auto store = std::make_shared<FileUserDefaults>(file, queue);
     json marks = json::array();
     for (int mark = 0;; ++mark) {
         queue->sync([&] {

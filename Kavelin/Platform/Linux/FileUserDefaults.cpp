@@ -1,4 +1,4 @@
-#include "Kavelin/Platform/UserDefaults.h"
+#include "Kavelin/Platform/Linux/FileUserDefaults.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -34,7 +34,7 @@ struct ExitFlushable {
 };
 }  // namespace
 
-struct UserDefaults::State final : ExitFlushable {
+struct FileUserDefaults::State final : ExitFlushable {
     std::filesystem::path file;
     std::shared_ptr<MainQueue> queue;
 
@@ -199,7 +199,7 @@ std::optional<nlohmann::json> salvageObject(std::string_view text, size_t& dropp
 
 namespace {}  // namespace
 
-void UserDefaults::State::load() {
+void FileUserDefaults::State::load() {
     std::string problem;
     std::string text;
     // Non-blocking: a FIFO in the file's place must not hang the first entry point.
@@ -239,7 +239,7 @@ void UserDefaults::State::load() {
                     " entries, the file will be moved to " + asidePath.string());
 }
 
-void UserDefaults::State::markDirty(const std::shared_ptr<State>& self) {
+void FileUserDefaults::State::markDirty(const std::shared_ptr<State>& self) {
     dirty = true;
     if (pendingFlush || !queue) return;
     std::weak_ptr<State> weak = self;
@@ -253,7 +253,7 @@ void UserDefaults::State::markDirty(const std::shared_ptr<State>& self) {
     queue->asyncAfter(kFlushDelaySeconds, pendingFlush);
 }
 
-void UserDefaults::State::cancelPendingLocked() {
+void FileUserDefaults::State::cancelPendingLocked() {
     // Items may only be cancelled on their queue; elsewhere the item fires later,
     // finds nothing dirty and writes nothing.
     if (pendingFlush && queue && queue->isCurrent()) {
@@ -262,7 +262,7 @@ void UserDefaults::State::cancelPendingLocked() {
     }
 }
 
-void UserDefaults::State::flushLocked() {
+void FileUserDefaults::State::flushLocked() {
     cancelPendingLocked();
     if (!dirty) return;
     // Replace, never throw, on ill-formed UTF-8 a host may have handed us.
@@ -283,7 +283,7 @@ void UserDefaults::State::flushLocked() {
     }
 }
 
-bool UserDefaults::State::writeAtomically(const std::string& text, std::string& error) const {
+bool FileUserDefaults::State::writeAtomically(const std::string& text, std::string& error) const {
     const auto dir = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
     std::error_code ec;
     std::filesystem::create_directories(dir, ec);
@@ -346,7 +346,7 @@ bool UserDefaults::State::writeAtomically(const std::string& text, std::string& 
     return true;
 }
 
-UserDefaults::UserDefaults(std::filesystem::path file, std::shared_ptr<MainQueue> queue)
+FileUserDefaults::FileUserDefaults(std::filesystem::path file, std::shared_ptr<MainQueue> queue)
     : state_(std::make_shared<State>()) {
     state_->file = std::move(file);
     state_->queue = std::move(queue);
@@ -354,12 +354,12 @@ UserDefaults::UserDefaults(std::filesystem::path file, std::shared_ptr<MainQueue
     registerForExit(state_);
 }
 
-UserDefaults::~UserDefaults() {
+FileUserDefaults::~FileUserDefaults() {
     std::lock_guard lock(state_->mutex);
     state_->flushLocked();
 }
 
-std::filesystem::path UserDefaults::defaultPath() {
+std::filesystem::path FileUserDefaults::defaultPath() {
     std::filesystem::path base;
     if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg)
         base = xdg;
@@ -370,7 +370,7 @@ std::filesystem::path UserDefaults::defaultPath() {
     return base / "Kavelin" / "UserDefaults.json";
 }
 
-std::optional<nlohmann::json> UserDefaults::object(const std::string& key) const {
+std::optional<nlohmann::json> FileUserDefaults::object(const std::string& key) const {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::lock_guard lock(state_->mutex);
     auto it = state_->values.find(key);
@@ -378,7 +378,7 @@ std::optional<nlohmann::json> UserDefaults::object(const std::string& key) const
     return *it;
 }
 
-void UserDefaults::setObject(const std::string& key, const nlohmann::json& value) {
+void FileUserDefaults::setObject(const std::string& key, const nlohmann::json& value) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::lock_guard lock(state_->mutex);
     auto it = state_->values.find(key);
@@ -391,7 +391,7 @@ void UserDefaults::setObject(const std::string& key, const nlohmann::json& value
     state_->markDirty(state_);
 }
 
-void UserDefaults::setObject(const std::string& key, nlohmann::json&& value) {
+void FileUserDefaults::setObject(const std::string& key, nlohmann::json&& value) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::lock_guard lock(state_->mutex);
     auto it = state_->values.find(key);
@@ -404,19 +404,19 @@ void UserDefaults::setObject(const std::string& key, nlohmann::json&& value) {
     state_->markDirty(state_);
 }
 
-void UserDefaults::removeObject(const std::string& key) {
+void FileUserDefaults::removeObject(const std::string& key) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     std::lock_guard lock(state_->mutex);
     if (state_->values.erase(key) == 0) return;
     state_->markDirty(state_);
 }
 
-void UserDefaults::flush() {
+void FileUserDefaults::flush() {
     std::lock_guard lock(state_->mutex);
     state_->flushLocked();
 }
 
-size_t UserDefaults::fileWriteCount() const {
+size_t FileUserDefaults::fileWriteCount() const {
     std::lock_guard lock(state_->mutex);
     return state_->writes;
 }
