@@ -161,7 +161,7 @@ TEST(ThreadMainQueue, IdleHookRunsOnTheQueueIdleOrBusyUntilCleared) {
 // The idle window sleeps on its display connection: the hook must come when the
 // descriptor turns readable and once after other work (which may have read it
 // dry), not on the interval; a descriptor that hangs up must not spin the loop.
-TEST(ThreadMainQueue, IdleHookWakesOnItsDescriptorAndAfterWorkOnly) {
+TEST(ThreadMainQueue, IdleHookWakesOnItsDescriptorAndAfterLiveWorkOnly) {
     int fds[2];
     ASSERT_EQ(::pipe2(fds, O_NONBLOCK), 0);
     ThreadMainQueue q;
@@ -186,9 +186,20 @@ TEST(ThreadMainQueue, IdleHookWakesOnItsDescriptorAndAfterWorkOnly) {
     const int afterByte = calls.load();
     q.sync([] {});
     EXPECT_TRUE(callsReach(afterByte + 1));
+    // Timers cancelled before they are due wake nothing.
+    q.sync([&] {
+        for (int i = 1; i <= 20; ++i) {
+            auto item = makeWorkItem([] {});
+            q.asyncAfter(0.01 * i, item);
+            item->cancel();
+        }
+    });
+    EXPECT_TRUE(callsReach(afterByte + 2));
+    const int afterTimers = calls.load();
+    EXPECT_FALSE(callsReach(afterTimers + 1, 0.3)) << "woken by cancelled timers";
     ::close(fds[1]);
     q.sync([] {});
-    EXPECT_FALSE(callsReach(afterByte + 5, 0.2)) << "a spinning loop would count thousands";
+    EXPECT_FALSE(callsReach(afterTimers + 5, 0.2)) << "a spinning loop would count thousands";
     EXPECT_TRUE(onQueue.load());
     q.setIdleHook(nullptr, 0);
     ::close(fds[0]);

@@ -196,7 +196,7 @@ void ThreadMainQueue::run() {
         while (!timers_.empty() && timers_.top().when <= horizon) {
             auto item = timers_.top().item;
             timers_.pop();
-            ready_.push_back([item] { item->perform(); });
+            if (!item->isCancelled()) ready_.push_back([item] { item->perform(); });
         }
         // Due between tasks too: a queue that never goes idle must not starve input.
         const bool hookAllowed = idleHook_ && !parking_ && !stopping_;
@@ -233,6 +233,9 @@ void ThreadMainQueue::run() {
             ended_.notify_all();
             return;
         }
+        // A cancelled timer is no reason to wake: a timer re-armed on every frame
+        // leaves a trail of them that would keep a paused screen busy for seconds.
+        while (!timers_.empty() && timers_.top().item->isCancelled()) timers_.pop();
         auto deadline = Clock::time_point::max();
         if (!timers_.empty()) deadline = timers_.top().when;
         if (idleHook_) deadline = std::min(deadline, nextIdle);
