@@ -49,6 +49,19 @@ struct FileUserDefaults::State final : ExitFlushable {
 
     void load();
     void markDirty(const std::shared_ptr<State>& self);
+    // Copies or moves `value` in; an equal value changes nothing and writes nothing.
+    template <typename Value>
+    void store(const std::shared_ptr<State>& self, const std::string& key, Value&& value) {
+        std::lock_guard lock(mutex);
+        auto it = values.find(key);
+        if (it != values.end()) {
+            if (*it == value) return;
+            *it = std::forward<Value>(value);
+        } else {
+            values.emplace(key, std::forward<Value>(value));
+        }
+        markDirty(self);
+    }
     void flushLocked();
     bool writeAtomically(const std::string& text, std::string& error) const;
     void cancelPendingLocked();
@@ -380,28 +393,12 @@ std::optional<nlohmann::json> FileUserDefaults::object(const std::string& key) c
 
 void FileUserDefaults::setObject(const std::string& key, const nlohmann::json& value) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    std::lock_guard lock(state_->mutex);
-    auto it = state_->values.find(key);
-    if (it != state_->values.end()) {
-        if (*it == value) return;
-        *it = value;
-    } else {
-        state_->values.emplace(key, value);
-    }
-    state_->markDirty(state_);
+    state_->store(state_, key, value);
 }
 
 void FileUserDefaults::setObject(const std::string& key, nlohmann::json&& value) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
-    std::lock_guard lock(state_->mutex);
-    auto it = state_->values.find(key);
-    if (it != state_->values.end()) {
-        if (*it == value) return;
-        *it = std::move(value);
-    } else {
-        state_->values.emplace(key, std::move(value));
-    }
-    state_->markDirty(state_);
+    state_->store(state_, key, std::move(value));
 }
 
 void FileUserDefaults::removeObject(const std::string& key) {
