@@ -81,11 +81,7 @@ class WorkerPool {
         curl_global_init(CURL_GLOBAL_DEFAULT);
         // Decoder libraries load on first use; do it once, before two workers race.
         IMG_Init(IMG_INIT_PNG | IMG_INIT_JPG | IMG_INIT_WEBP);
-        for (int i = 0; i < count; ++i)
-            std::thread([this] {
-                nameThisThread("kavelin-image");
-                run();
-            }).detach();
+        for (int i = 0; i < count; ++i) namedThread("kavelin-image", [this] { run(); }).detach();
     }
     void run() {
         for (;;) {

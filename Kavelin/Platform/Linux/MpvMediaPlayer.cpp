@@ -59,11 +59,7 @@ class BackgroundWork {
   public:
     void post(std::function<void()> task) {
         std::lock_guard lock(mutex_);
-        if (!thread_.joinable())
-            thread_ = std::thread([this] {
-                nameThisThread("kavelin-mpv-bg");
-                run();
-            });
+        if (!thread_.joinable()) thread_ = namedThread("kavelin-mpv-bg", [this] { run(); });
         tasks_.push_back(std::move(task));
         changed_.notify_all();
     }

@@ -26,10 +26,7 @@ MpvVideoRenderer::MpvVideoRenderer(std::shared_ptr<MainQueue> queue, SDL_Window*
       window_(window),
       renderContext_(renderContext),
       onNewFrame_(std::move(onNewFrame)) {
-    thread_ = std::thread([this] {
-        nameThisThread("kavelin-render");
-        run();
-    });
+    thread_ = namedThread("kavelin-render", [this] { run(); });
 }
 
 MpvVideoRenderer::~MpvVideoRenderer() {

@@ -66,10 +66,7 @@ void ThreadMainQueue::startLocked() {
     if (thread_.joinable()) thread_.join();
     running_ = true;
     ++generation_;
-    thread_ = std::thread([this] {
-        nameThisThread("kavelin-main");
-        run();
-    });
+    thread_ = namedThread("kavelin-main", [this] { run(); });
     threadId_ = thread_.get_id();
 }
 

@@ -171,8 +171,7 @@ bool WindowPresenter::ensureWindow() {
     // Armed before the opening starts: an exit meanwhile must wait for it while the
     // GL driver it loads is still whole.
     stopDrawingAtThreadExit(weak);
-    opener_ = std::thread([this, weak, queue] {
-        nameThisThread("kavelin-open");
+    opener_ = namedThread("kavelin-open", [this, weak, queue] {
         openNativeWindow(*opened_);
         queue->async([weak] {
             if (auto self = weak.lock()) self->finishOpening();

@@ -49,10 +49,7 @@ struct WindowPresenter::Swapper {
     std::thread thread;
 
     Swapper(SDL_Window* w, void* c)
-        : window(w), context(c), thread([this] {
-              nameThisThread("kavelin-swap");
-              loop();
-          }) {}
+        : window(w), context(c), thread(namedThread("kavelin-swap", [this] { loop(); })) {}
     ~Swapper() {
         {
             std::unique_lock lock(mutex);
