@@ -24,14 +24,20 @@ Rect aspectFitRect(float videoW, float videoH, const Rect& b) {
 }
 
 void AspectFitVideoPlayer::draw(Frame& frame, const Rect& bounds) const {
-    frame.fill(bounds, Color::black());
-    if (!player) return;
     auto* renderer = VideoRenderer::current();
-    if (!renderer) return;
-    auto video = renderer->frameFor(player, pixels(bounds.w), pixels(bounds.h), false);
-    if (!video || !video->texture) return;
+    auto video = player && renderer
+                     ? renderer->frameFor(player, pixels(bounds.w), pixels(bounds.h), false)
+                     : std::nullopt;
+    if (!video || !video->texture) {
+        frame.fill(bounds, Color::black());
+        return;
+    }
     Rect r =
         aspectFitRect(static_cast<float>(video->width), static_cast<float>(video->height), bounds);
+    // The picture is rendered at the size of the bounds, bars included; the black
+    // under it is needed only while its size lags behind theirs. Filling costs a
+    // whole-window pass of software GL per frame.
+    if (r.w < bounds.w - 0.5f || r.h < bounds.h - 0.5f) frame.fill(bounds, Color::black());
     frame.pushClip(bounds);
     frame.list()->AddImage(reinterpret_cast<ImTextureID>(video->texture), r.min(), r.max(), {0, 0},
                            {1, 1}, frame.color(IM_COL32_WHITE));

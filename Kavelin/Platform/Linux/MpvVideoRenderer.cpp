@@ -130,10 +130,7 @@ void MpvVideoRenderer::renderPending(Entry& e) {
         glBindTexture(GL_TEXTURE_2D, s.texture);
         glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, width, height, 0, GL_RGBA, GL_UNSIGNED_BYTE,
                      nullptr);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+        setPictureSampling(s.texture);
         glBindFramebuffer(GL_FRAMEBUFFER, s.framebuffer);
         glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, s.texture, 0);
         s.width = width;
@@ -277,6 +274,22 @@ std::optional<VideoTexture> MpvVideoRenderer::frameFor(const std::shared_ptr<Med
     }
     if (wake) wake_.notify_all();
     return out;
+}
+
+bool MpvVideoRenderer::isPictureInUse(TextureHandle texture) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& [key, e] : entries_)
+        if (e->inUse >= 0 && static_cast<TextureHandle>(e->slots[e->inUse].texture) == texture)
+            return true;
+    return false;
+}
+
+void MpvVideoRenderer::setPictureSampling(unsigned texture) {
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
 }
 
 void MpvVideoRenderer::endFrame() {

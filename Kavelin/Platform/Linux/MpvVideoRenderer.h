@@ -46,6 +46,11 @@ class MpvVideoRenderer final : public VideoRenderer,
                                          int pixelHeight, bool fill) override;
     // The window has shown the frame handed out last: its texture may be reused.
     void endFrame();
+    // True for a picture handed out since the last endFrame().
+    bool isPictureInUse(TextureHandle texture) const;
+    // Sets how a picture's texture is sampled. It is drawn at its own size, where
+    // nearest sampling is exact and the cheapest for software GL.
+    static void setPictureSampling(unsigned texture);
     // Frees everything (the window is about to go).
     void detachAll();
     // Ends the render thread for good; later render work is dropped.
@@ -93,7 +98,7 @@ class MpvVideoRenderer final : public VideoRenderer,
     std::function<void()> onNewFrame_;
     std::map<MediaPlayer*, std::shared_ptr<Entry>> entries_;  // main queue only
 
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::condition_variable wake_;
     std::deque<std::function<void()>> tasks_;
     std::vector<std::weak_ptr<Entry>> live_;  // what the render thread looks at

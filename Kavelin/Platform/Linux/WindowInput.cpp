@@ -176,6 +176,7 @@ void WindowPresenter::handleEvent(const SDL_Event& e) {
                 auto screen = screen_;
                 screen->closeRequested();
             }
+            shownFingerprint_ = 0;  // exposed, resized or shown: the pixels may be gone
             setNeedsDisplay();
             break;
         default:

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Kavelin/Extentions/Fonts.h"
 #include "Kavelin/Extentions/ThreadName.h"
@@ -67,38 +68,59 @@ void releaseTexture(TextureHandle texture) {
     glDeleteTextures(1, &id);
 }
 
-// Software GL compiles a pixel shader for the window at the first draw (tens of
-// milliseconds): a throw-away frame into the back buffer, never presented, does it
-// as a task of its own, so that the first frame is not one long wait for the host.
-// It adds no window to ImGui.
-void warmUpDrawing() {
-    ImGui_ImplOpenGL3_NewFrame();
-    ImGui_ImplSDL2_NewFrame();
-    ImGui::NewFrame();
-    ImDrawList* list = ImGui::GetBackgroundDrawList();
-    list->AddRectFilled({0, 0}, {8, 8}, IM_COL32(255, 255, 255, 128), 2);
-    list->AddText({0, 0}, IM_COL32_WHITE, "Kavelin");
-    ImGui::Render();
-    ImGui_ImplOpenGL3_RenderDrawData(ImGui::GetDrawData());
-    glClearColor(0, 0, 0, 1);
-    glClear(GL_COLOR_BUFFER_BIT);
-    glFinish();
+// Software GL generates the drawing code for each new mix of texture and blending
+// at its first draw, about ten milliseconds each, and starts its compiler at the
+// very first one. A throw-away frame on the opening thread meets every mix the
+// screen uses (text and fills, an image, a video picture) so that no host call
+// waits for that on the library's queue. It is drawn into a scratch window of the
+// same kind: a frame drawn into the real one from here left it black now and then.
+void warmUpDrawing(WindowPresenter::Opened& o) {
+    SDL_Window* scratch = SDL_CreateWindow(
+        "", 0, 0, 32, 32, SDL_WINDOW_OPENGL | SDL_WINDOW_BORDERLESS | SDL_WINDOW_HIDDEN);
+    if (!scratch) return;
+    if (SDL_GL_MakeCurrent(scratch, o.glContext) == 0) {
+        // Sizes that are not powers of two, as pictures and images are: the drawing
+        // code differs for them.
+        const std::vector<uint8_t> pixels(3 * 3 * 4, 255);
+        const TextureHandle image = uploadTexture(3, 3, pixels.data());
+        const TextureHandle video = uploadTexture(3, 3, pixels.data());
+        MpvVideoRenderer::setPictureSampling(static_cast<unsigned>(video));
+        ImGuiIO& io = ImGui::GetIO();
+        io.DisplaySize = {32, 32};
+        io.DeltaTime = 1.0f / 60;
+        ImGui_ImplOpenGL3_NewFrame();
+        ImGui::NewFrame();
+        ImDrawList* list = ImGui::GetBackgroundDrawList();
+        list->AddImage(reinterpret_cast<ImTextureID>(video), {0, 0}, {32, 32});
+        list->AddImageRounded(reinterpret_cast<ImTextureID>(image), {0, 0}, {16, 16}, {0, 0},
+                              {1, 1}, IM_COL32_WHITE, 4);
+        list->AddRectFilled({0, 0}, {8, 8}, IM_COL32(255, 255, 255, 128), 2);
+        list->AddText({0, 0}, IM_COL32_WHITE, "Kavelin");
+        ImGui::Render();
+        drawPicturesOpaque(ImGui::GetDrawData(), [video](TextureHandle t) { return t == video; });
+        glViewport(0, 0, 32, 32);
+        glClearColor(0, 0, 0, 1);
+        glClear(GL_COLOR_BUFFER_BIT);
+        ImGui_ImplOpenGL3_RenderDrawData(ImGui::GetDrawData());
+        glFinish();
+        releaseTexture(image);
+        releaseTexture(video);
+    }
+    SDL_GL_MakeCurrent(o.window, nullptr);
+    SDL_DestroyWindow(scratch);
 }
 
-// Connecting to the display, making GL contexts and rasterising the fonts take a
-// few hundred milliseconds under software GL: that happens here, on a thread of its
-// own, so neither the host's call nor the library's queue waits for it.
-// The first frame would compile and link the shaders and upload the font atlas on
-// the library's queue (tens of milliseconds under software GL): it happens here.
-// Nothing is drawn: a frame drawn from this thread left the window black now and
-// then under Xvfb, and the GL driver's exit handlers registered meanwhile would
-// run before ours while this thread still drew.
+// Connecting to the display, making GL contexts, rasterising the fonts and the
+// first frame's shaders take a few hundred milliseconds under software GL: that
+// happens here, on a thread of its own, so neither the host's call nor the
+// library's queue waits for it.
 void prepareDrawing(WindowPresenter::Opened& o) {
     SDL_GL_MakeCurrent(o.window, o.glContext);
     ImGui_ImplSDL2_InitForOpenGL(o.window, o.glContext);
     ImGui_ImplOpenGL3_Init("#version 150");
     o.backendsInitialised = true;
     ImGui_ImplOpenGL3_CreateDeviceObjects();
+    warmUpDrawing(o);
     SDL_GL_MakeCurrent(o.window, nullptr);
 }
 
@@ -245,13 +267,6 @@ void WindowPresenter::finishOpening() {
             if (attached && weakPlayer.lock()) mpv->setVideoOutput("libmpv");
         });
     }
-    queue_->async([weak] {
-        auto self = weak.lock();
-        if (!self || !self->window_) return;
-        ImGui::SetCurrentContext(static_cast<ImGuiContext*>(self->imgui_));
-        self->acquireGl();
-        warmUpDrawing();
-    });
     if (pendingShow_) {
         pendingShow_ = false;
         showWindow(true);
@@ -292,6 +307,7 @@ void WindowPresenter::destroyWindow() {
     if (!window_) return;
     swapper_.reset();
     frameAfterSwap_ = false;
+    shownFingerprint_ = 0;
     SDL_GL_MakeCurrent(window_, glContext_);
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
     queue_->setIdleHook(nullptr, 0);

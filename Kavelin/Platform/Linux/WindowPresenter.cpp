@@ -58,6 +58,54 @@ WindowPresenter::~WindowPresenter() {
         queue_->sync([this] { destroyWindow(); });
 }
 
+void drawPicturesOpaque(ImDrawData* data, const std::function<bool(TextureHandle)>& isPicture) {
+    for (int n = 0; n < data->CmdListsCount; ++n) {
+        ImVector<ImDrawCmd>& commands = data->CmdLists[n]->CmdBuffer;
+        for (int i = 0; i < commands.Size; ++i) {
+            ImDrawCmd& command = commands[i];
+            if (command.UserCallback ||
+                !isPicture(reinterpret_cast<TextureHandle>(command.GetTexID())))
+                continue;
+            ImDrawCmd opaque = command, restore = command;
+            opaque.ElemCount = restore.ElemCount = 0;
+            opaque.UserCallback = [](const ImDrawList*, const ImDrawCmd*) { glDisable(GL_BLEND); };
+            restore.UserCallback = ImDrawCallback_ResetRenderState;
+            commands.insert(commands.Data + i + 1, restore);
+            commands.insert(commands.Data + i, opaque);
+            i += 2;
+        }
+    }
+}
+
+namespace {
+
+uint64_t fingerprintOf(const ImDrawData* data) {
+    uint64_t hash = 1469598103934665603ull;  // FNV-1a
+    auto mix = [&](const void* bytes, size_t size) {
+        for (size_t i = 0; i < size; ++i) {
+            hash ^= static_cast<const uint8_t*>(bytes)[i];
+            hash *= 1099511628211ull;
+        }
+    };
+    mix(&data->DisplaySize, sizeof data->DisplaySize);
+    for (int n = 0; n < data->CmdListsCount; ++n) {
+        const ImDrawList* list = data->CmdLists[n];
+        mix(list->VtxBuffer.Data, static_cast<size_t>(list->VtxBuffer.size_in_bytes()));
+        mix(list->IdxBuffer.Data, static_cast<size_t>(list->IdxBuffer.size_in_bytes()));
+        for (const ImDrawCmd& c : list->CmdBuffer) {
+            const ImTextureID texture = c.GetTexID();
+            mix(&c.ClipRect, sizeof c.ClipRect);
+            mix(&texture, sizeof texture);
+            mix(&c.VtxOffset, sizeof c.VtxOffset);
+            mix(&c.IdxOffset, sizeof c.IdxOffset);
+            mix(&c.ElemCount, sizeof c.ElemCount);
+        }
+    }
+    return hash == 0 ? 1 : hash;  // 0 stands for nothing shown
+}
+
+}  // namespace
+
 void WindowPresenter::acquireGl() {
     if (swapper_) swapper_->waitIdle();
     if (glCurrent_ || !window_) return;
@@ -153,6 +201,7 @@ void WindowPresenter::showWindow(bool animated) {
     SDL_ShowWindow(window_);
     SDL_RaiseWindow(window_);
     shown_ = true;
+    shownFingerprint_ = 0;
     fadeFrom_ = fadeValue(queue_->now());
     fadeTo_ = 1;
     fadeStart_ = queue_->now() - (animated ? 0 : kPresentationFadeSeconds);
@@ -249,6 +298,22 @@ void WindowPresenter::renderFrame(Capture* capture) {
                              Rect{0, 0, io.DisplaySize.x, io.DisplaySize.y},
                              Color::black(1 - fade));
     ImGui::Render();
+    ImDrawData* drawData = ImGui::GetDrawData();
+    if (renderer_) {
+        drawPicturesOpaque(drawData,
+                           [this](TextureHandle t) { return renderer_->isPictureInUse(t); });
+    }
+    // Under software GL drawing and presenting cost far more than recording: a frame
+    // that would put the same pixels on screen again is not drawn. The time and seek
+    // bar ticking behind hidden controls would otherwise double the drawing of a
+    // playing video.
+    const uint64_t fingerprint = fingerprintOf(drawData);
+    if (!capture && fingerprint == shownFingerprint_) {
+        if (renderer_) renderer_->endFrame();
+        finishFrame(now, animating);
+        return;
+    }
+    shownFingerprint_ = capture ? 0 : fingerprint;
 
     int fbw = 0, fbh = 0;
     SDL_GL_GetDrawableSize(window_, &fbw, &fbh);
@@ -256,7 +321,7 @@ void WindowPresenter::renderFrame(Capture* capture) {
     glViewport(0, 0, fbw, fbh);
     glClearColor(0, 0, 0, 1);
     glClear(GL_COLOR_BUFFER_BIT);
-    ImGui_ImplOpenGL3_RenderDrawData(ImGui::GetDrawData());
+    ImGui_ImplOpenGL3_RenderDrawData(drawData);
     if (capture) {
         capture->width = fbw;
         capture->height = fbh;
@@ -268,9 +333,7 @@ void WindowPresenter::renderFrame(Capture* capture) {
         for (int y = 0; y < fbh; ++y)
             std::memcpy(capture->rgba.data() + row * y, flipped.data() + row * (fbh - 1 - y), row);
     }
-    if (!exitHookRearmed_ || capture || !swapper_) {
-        // The first frame initialises more of the GL stack, whose exit handlers ours
-        // must follow: it is presented here.
+    if (capture || !swapper_) {
         SDL_GL_SwapWindow(window_);
         if (renderer_) renderer_->endFrame();
     } else {
@@ -285,10 +348,16 @@ void WindowPresenter::renderFrame(Capture* capture) {
         });
     }
     if (!exitHookRearmed_) {
+        // The first frame's drawing may start more of the GL stack (and the image
+        // fetching's TLS), whose exit handlers ours must run before.
         exitHookRearmed_ = true;
         Platform::rearmExitHook();
     }
     ++frames_;
+    finishFrame(now, animating);
+}
+
+void WindowPresenter::finishFrame(double now, bool animating) {
     lastFrame_ = now;
 
     bool fading = now < fadeStart_ + kPresentationFadeSeconds;

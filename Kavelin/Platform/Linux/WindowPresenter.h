@@ -91,6 +91,7 @@ class WindowPresenter final : public ScreenPresenter,
     void pump();
     void handleEvent(const SDL_Event& event);
     void renderFrame(Capture* capture = nullptr);
+    void finishFrame(double now, bool animating);
     void scheduleFrame();
     void updatePolling();
     float fadeValue(double now) const;
@@ -127,8 +128,9 @@ class WindowPresenter final : public ScreenPresenter,
     double lastFrame_ = -1;
     uint64_t frames_ = 0;
     double pollInterval_ = 0;
-    int pollFd_ = -1;               // the display connection while it is waited on
-    bool exitHookRearmed_ = false;  // since this window opened
+    int pollFd_ = -1;                // the display connection while it is waited on
+    bool exitHookRearmed_ = false;   // since this window opened
+    uint64_t shownFingerprint_ = 0;  // of what the window shows; 0 when unknown
 };
 
 }  // namespace kavelin

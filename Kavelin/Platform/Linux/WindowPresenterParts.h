@@ -20,6 +20,11 @@
 
 namespace kavelin {
 
+// Video pictures cover what is under them: drawn without blending, software GL
+// neither reads nor mixes the window beneath. Wraps each draw command that samples
+// a picture in callbacks switching blending off and back on.
+void drawPicturesOpaque(ImDrawData* data, const std::function<bool(TextureHandle)>& isPicture);
+
 // SDL's event queue is the process's: a host with its own SDL loop may drain it
 // first. A watch sees every event as it is queued, on whichever thread pumps, and
 // keeps a copy of ours; the queue itself then only loses our window's events.
