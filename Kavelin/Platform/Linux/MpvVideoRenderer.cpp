@@ -150,6 +150,7 @@ void MpvVideoRenderer::renderPending(Entry& e) {
     {
         std::lock_guard lock(mutex_);
         e.latest = slotIndex;
+        ++picturesRendered_;
     }
     if (onNewFrame_) queue_->async(onNewFrame_);
 }
@@ -282,6 +283,11 @@ bool MpvVideoRenderer::isPictureInUse(TextureHandle texture) const {
         if (e->inUse >= 0 && static_cast<TextureHandle>(e->slots[e->inUse].texture) == texture)
             return true;
     return false;
+}
+
+uint64_t MpvVideoRenderer::picturesRendered() const {
+    std::lock_guard lock(mutex_);
+    return picturesRendered_;
 }
 
 void MpvVideoRenderer::setPictureSampling(unsigned texture) {

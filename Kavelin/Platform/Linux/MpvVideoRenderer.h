@@ -48,6 +48,8 @@ class MpvVideoRenderer final : public VideoRenderer,
     void endFrame();
     // True for a picture handed out since the last endFrame().
     bool isPictureInUse(TextureHandle texture) const;
+    // Counts every picture rendered: a slot's texture is reused for a later one.
+    uint64_t picturesRendered() const;
     // Sets how a picture's texture is sampled. It is drawn at its own size, where
     // nearest sampling is exact and the cheapest for software GL.
     static void setPictureSampling(unsigned texture);
@@ -99,6 +101,7 @@ class MpvVideoRenderer final : public VideoRenderer,
     std::map<MediaPlayer*, std::shared_ptr<Entry>> entries_;  // main queue only
 
     mutable std::mutex mutex_;
+    uint64_t picturesRendered_ = 0;
     std::condition_variable wake_;
     std::deque<std::function<void()>> tasks_;
     std::vector<std::weak_ptr<Entry>> live_;  // what the render thread looks at

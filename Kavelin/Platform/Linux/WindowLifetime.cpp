@@ -5,8 +5,11 @@
 #include <SDL.h>
 #include <backends/imgui_impl_opengl3.h>
 #include <backends/imgui_impl_sdl.h>
+#include <dlfcn.h>
 #include <imgui.h>
+#include <link.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -124,7 +127,31 @@ void prepareDrawing(WindowPresenter::Opened& o) {
     SDL_GL_MakeCurrent(o.window, nullptr);
 }
 
+std::vector<std::string> loadedObjects() {
+    std::vector<std::string> names;
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, size_t, void* out) {
+            if (info->dlpi_name && *info->dlpi_name)
+                static_cast<std::vector<std::string>*>(out)->push_back(info->dlpi_name);
+            return 0;
+        },
+        &names);
+    return names;
+}
+
+// What the window's opening loaded (the GL driver and, under software GL, LLVM)
+// stays loaded for the process. SDL unloads it when its video closes: the next
+// opening would load it again (a few hundred milliseconds), and the driver's
+// destructors would run in the middle of the process, taking along memory still
+// referenced from the libraries that stay.
+void keepLoadedSince(const std::vector<std::string>& before) {
+    for (const auto& name : loadedObjects())
+        if (std::find(before.begin(), before.end(), name) == before.end())
+            dlopen(name.c_str(), RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+}
+
 void openNativeWindow(WindowPresenter::Opened& o) {
+    const auto loadedBefore = loadedObjects();
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");  // the host owns the signals
     SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
     if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) {
@@ -178,6 +205,7 @@ void openNativeWindow(WindowPresenter::Opened& o) {
     Font::install(io);
     io.Fonts->Build();
     prepareDrawing(o);
+    keepLoadedSince(loadedBefore);
     ImGui::SetCurrentContext(previous);
 }
 

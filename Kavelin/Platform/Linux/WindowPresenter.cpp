@@ -79,7 +79,9 @@ void drawPicturesOpaque(ImDrawData* data, const std::function<bool(TextureHandle
 
 namespace {
 
-uint64_t fingerprintOf(const ImDrawData* data) {
+// Textures stand for their content: images never change, and a video picture's
+// slot is reused, so the caller mixes in how many pictures were rendered.
+uint64_t fingerprintOf(const ImDrawData* data, uint64_t pictures) {
     uint64_t hash = 1469598103934665603ull;  // FNV-1a
     auto mix = [&](const void* bytes, size_t size) {
         for (size_t i = 0; i < size; ++i) {
@@ -87,6 +89,7 @@ uint64_t fingerprintOf(const ImDrawData* data) {
             hash *= 1099511628211ull;
         }
     };
+    mix(&pictures, sizeof pictures);
     mix(&data->DisplaySize, sizeof data->DisplaySize);
     for (int n = 0; n < data->CmdListsCount; ++n) {
         const ImDrawList* list = data->CmdLists[n];
@@ -307,7 +310,8 @@ void WindowPresenter::renderFrame(Capture* capture) {
     // that would put the same pixels on screen again is not drawn. The time and seek
     // bar ticking behind hidden controls would otherwise double the drawing of a
     // playing video.
-    const uint64_t fingerprint = fingerprintOf(drawData);
+    const uint64_t fingerprint =
+        fingerprintOf(drawData, renderer_ ? renderer_->picturesRendered() : 0);
     if (!capture && fingerprint == shownFingerprint_) {
         if (renderer_) renderer_->endFrame();
         finishFrame(now, animating);
@@ -333,7 +337,10 @@ void WindowPresenter::renderFrame(Capture* capture) {
         for (int y = 0; y < fbh; ++y)
             std::memcpy(capture->rgba.data() + row * y, flipped.data() + row * (fbh - 1 - y), row);
     }
-    if (capture || !swapper_) {
+    if (!exitHookRearmed_ || capture || !swapper_) {
+        // The window's first frame is presented here: presented from the
+        // presenting thread, it now and then left the window black for good under
+        // software GL over X.
         SDL_GL_SwapWindow(window_);
         if (renderer_) renderer_->endFrame();
     } else {
