@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -82,12 +83,10 @@ namespace {
 // Textures stand for their content: images never change, and a video picture's
 // slot is reused, so the caller mixes in how many pictures were rendered.
 uint64_t fingerprintOf(const ImDrawData* data, uint64_t pictures) {
-    uint64_t hash = 1469598103934665603ull;  // FNV-1a
+    uint64_t hash = 0;
     auto mix = [&](const void* bytes, size_t size) {
-        for (size_t i = 0; i < size; ++i) {
-            hash ^= static_cast<const uint8_t*>(bytes)[i];
-            hash *= 1099511628211ull;
-        }
+        const uint64_t h = std::hash<std::string_view>{}({static_cast<const char*>(bytes), size});
+        hash ^= h + 0x9e3779b97f4a7c15ull + (hash << 6) + (hash >> 2);
     };
     mix(&pictures, sizeof pictures);
     mix(&data->DisplaySize, sizeof data->DisplaySize);
