@@ -75,8 +75,8 @@ void releaseTexture(TextureHandle texture) {
 // at its first draw, about ten milliseconds each, and starts its compiler at the
 // very first one. A throw-away frame on the opening thread meets every mix the
 // screen uses (text and fills, an image, a video picture) so that no host call
-// waits for that on the library's queue. It is drawn into a scratch window of the
-// same kind: a frame drawn into the real one from here left it black now and then.
+// waits for that on the library's queue. It is drawn into a hidden scratch window
+// of the same kind: the real window only ever holds the screen's own frames.
 void warmUpDrawing(WindowPresenter::Opened& o) {
     SDL_Window* scratch = SDL_CreateWindow(
         "", 0, 0, 32, 32, SDL_WINDOW_OPENGL | SDL_WINDOW_BORDERLESS | SDL_WINDOW_HIDDEN);

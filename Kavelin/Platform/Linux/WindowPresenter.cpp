@@ -324,7 +324,9 @@ void WindowPresenter::renderFrame(Capture* capture) {
     glViewport(0, 0, fbw, fbh);
     glClearColor(0, 0, 0, 1);
     glClear(GL_COLOR_BUFFER_BIT);
-    ImGui_ImplOpenGL3_RenderDrawData(drawData);
+    // Faded all the way out the frame is black, and its drawing would cost tens of
+    // milliseconds under software GL: the window's first frame is such a one.
+    if (fade > 0.5f / 255) ImGui_ImplOpenGL3_RenderDrawData(drawData);
     if (capture) {
         capture->width = fbw;
         capture->height = fbh;
@@ -336,22 +338,22 @@ void WindowPresenter::renderFrame(Capture* capture) {
         for (int y = 0; y < fbh; ++y)
             std::memcpy(capture->rgba.data() + row * y, flipped.data() + row * (fbh - 1 - y), row);
     }
-    if (!exitHookRearmed_ || capture || !swapper_) {
-        // The window's first frame is presented here: presented from the
-        // presenting thread, it now and then left the window black for good under
-        // software GL over X.
+    if (capture || !swapper_) {
         SDL_GL_SwapWindow(window_);
         if (renderer_) renderer_->endFrame();
     } else {
         SDL_GL_MakeCurrent(window_, nullptr);
         glCurrent_ = false;
         std::weak_ptr<WindowPresenter> weak = weak_from_this();
-        swapper_->present([renderer = renderer_, queue = queue_, weak] {
-            if (renderer) renderer->endFrame();
-            queue->async([weak] {
-                if (auto self = weak.lock()) self->swapFinished();
+        swapper_->present(
+            [renderer = renderer_] {
+                if (renderer) renderer->endFrame();
+            },
+            [queue = queue_, weak] {
+                queue->async([weak] {
+                    if (auto self = weak.lock()) self->swapFinished();
+                });
             });
-        });
     }
     if (!exitHookRearmed_) {
         // The first frame's drawing may start more of the GL stack (and the image

@@ -49,7 +49,9 @@ struct WindowPresenter::Swapper {
     void* context;
     std::mutex mutex;
     std::condition_variable changed;
-    std::function<void()> presented;  // set while a frame is out
+    // Set while a frame is out: `released` runs once the swap no longer reads the
+    // frame's textures, `idle` once another frame may be presented.
+    std::function<void()> released, idle;
     bool busy = false, stop = false;
     std::thread thread;
 
@@ -64,10 +66,11 @@ struct WindowPresenter::Swapper {
         changed.notify_all();
         thread.join();
     }
-    void present(std::function<void()> then) {
+    void present(std::function<void()> onReleased, std::function<void()> onIdle) {
         {
             std::lock_guard lock(mutex);
-            presented = std::move(then);
+            released = std::move(onReleased);
+            idle = std::move(onIdle);
             busy = true;
         }
         changed.notify_all();
@@ -85,15 +88,22 @@ struct WindowPresenter::Swapper {
         for (;;) {
             changed.wait(lock, [this] { return busy || stop; });
             if (!busy) return;
-            auto then = std::move(presented);
+            auto onReleased = std::move(released);
+            auto onIdle = std::move(idle);
             lock.unlock();
             SDL_GL_MakeCurrent(window, context);
             SDL_GL_SwapWindow(window);
             SDL_GL_MakeCurrent(window, nullptr);
-            if (then) then();
+            if (onReleased) onReleased();
             lock.lock();
             busy = false;
             changed.notify_all();
+            // Told only once idle: a frame asked for while this one was out found it
+            // busy and waits for this word; told earlier, the word could come first
+            // and the frame would wait for the next change on screen.
+            lock.unlock();
+            if (onIdle) onIdle();
+            lock.lock();
         }
     }
 };
