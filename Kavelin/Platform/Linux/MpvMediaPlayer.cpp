@@ -218,6 +218,10 @@ void MpvMediaPlayer::setVideoOutput(const std::string& vo) {
     core_->setVideoOutput(vo);
 }
 
+void MpvMediaPlayer::closeVideoOutput() {
+    core_->closeVideoOutput();
+}
+
 void MpvMediaPlayer::replaceCurrentItem(std::optional<std::string> url) {
     core_->replaceCurrentItem(std::move(url));
 }

@@ -63,6 +63,8 @@ class MpvMediaPlayer final : public MediaPlayer {
     // Switches the video output at run time, e.g. to "libmpv" once the window has
     // a render context, and back to "null" before that context is freed.
     void setVideoOutput(const std::string& videoOutput);
+    // Switches to "null" and waits until mpv's output is closed.
+    void closeVideoOutput();
     // Runs first when the player is destroyed, while mpv is still whole: the window
     // frees the render context it made on `handle()` there. One at a time; empty
     // clears it.

@@ -102,6 +102,12 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
                                &value);
     }
 
+    // Waited for: when it returns mpv's output has let go of the render context.
+    void closeVideoOutput() {
+        options_.videoOutput = "null";
+        if (mpv_) mpv_set_property_string(mpv_, "vo", "null");
+    }
+
     void replaceCurrentItem(std::optional<std::string> url);
 
     bool hasCurrentItem() const { return hasItem_; }

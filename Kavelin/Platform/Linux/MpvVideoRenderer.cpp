@@ -213,6 +213,16 @@ void MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player,
 
 void MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
     entry->detached = true;
+    // mpv's output waits up to 0.2 s for each picture it handed over to be rendered,
+    // and a context freed under it waits those out: 0.2-0.6 s of a cleanup. Closed
+    // first, while this renderer still renders what it hands over, the output lets
+    // go at once.
+    bool rendering = false;
+    {
+        std::lock_guard lock(mutex_);
+        rendering = !stopping_;
+    }
+    if (rendering && entry->attached) entry->player->closeVideoOutput();
     onRenderThread([&] {
         if (entry->context) {
             mpv_render_context_set_update_callback(entry->context, nullptr, nullptr);
