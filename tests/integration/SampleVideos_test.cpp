@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <mpv/client.h>
 
+#include <chrono>
 #include <string>
 
 #include "Kavelin/Model/Catalogue.h"
@@ -25,12 +26,15 @@ struct Mpv {
     }
     ~Mpv() { mpv_terminate_destroy(handle); }
 
-    // Waits for `wanted`; an end of file on the way is returned instead.
+    // Waits for `wanted`; an end of file on the way is returned instead. Generated
+    // sources cannot seek: they render every frame up to the target, which takes
+    // over 20 s on a machine busy with a sanitizer run, so the bound is generous.
     mpv_event* waitFor(mpv_event_id wanted) {
+        const auto until = std::chrono::steady_clock::now() + std::chrono::minutes(2);
         for (;;) {
-            mpv_event* e = mpv_wait_event(handle, 20);
+            mpv_event* e = mpv_wait_event(handle, 1);
             if (e->event_id == wanted || e->event_id == MPV_EVENT_END_FILE ||
-                e->event_id == MPV_EVENT_NONE)
+                (e->event_id == MPV_EVENT_NONE && std::chrono::steady_clock::now() > until))
                 return e;
         }
     }
