@@ -211,7 +211,7 @@ void MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player,
     if (!posted) finish(false);
 }
 
-void MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
+bool MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
     entry->detached = true;
     // mpv's output waits up to 0.2 s for each picture it handed over to be rendered,
     // and a context freed under it waits those out: 0.2-0.6 s of a cleanup. Closed
@@ -222,7 +222,8 @@ void MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
         std::lock_guard lock(mutex_);
         rendering = !stopping_;
     }
-    if (rendering && entry->attached) entry->player->closeVideoOutput();
+    const bool closing = rendering && entry->attached;
+    if (closing) entry->player->closeVideoOutput();
     onRenderThread([&] {
         if (entry->context) {
             mpv_render_context_set_update_callback(entry->context, nullptr, nullptr);
@@ -237,6 +238,7 @@ void MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
         std::lock_guard lock(mutex_);
         std::erase_if(live_, [&](const std::weak_ptr<Entry>& w) { return w.lock() == entry; });
     });
+    return closing;
 }
 
 void MpvVideoRenderer::forget(MediaPlayer* player) {
@@ -251,9 +253,9 @@ void MpvVideoRenderer::detachAll() {
     auto entries = std::move(entries_);
     entries_.clear();
     for (auto& [key, entry] : entries) {
-        release(entry);
+        const bool closed = release(entry);
         entry->player->setBeforeDestroy(nullptr);
-        entry->player->setVideoOutput("null");
+        if (!closed) entry->player->setVideoOutput("null");
     }
 }
 

@@ -90,7 +90,8 @@ class MpvVideoRenderer final : public VideoRenderer,
     // Queues `task` for the render thread without waiting; false when it has ended.
     bool post(std::function<void()> task);
     void renderPending(Entry& entry);
-    void release(const std::shared_ptr<Entry>& entry);
+    // True when the player's video output was closed on the way.
+    bool release(const std::shared_ptr<Entry>& entry);
     // The player is being destroyed: its context goes now.
     void forget(MediaPlayer* player);
 
