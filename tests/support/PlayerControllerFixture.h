@@ -95,6 +95,15 @@ class PlayerControllerTest : public ::testing::Test {
         return config;
     }
 
+    // Whether `shown` holds just before `seconds` from now and just after; time moves past it.
+    template <class Flag>
+    std::pair<bool, bool> around(const Flag& shown, double seconds, double margin = 0.1) {
+        vp.advance(seconds - margin);
+        const bool before = static_cast<bool>(shown);
+        vp.advance(2 * margin);
+        return {before, static_cast<bool>(shown)};
+    }
+
     VirtualPlatform vp;  // first: outlives everything below
     LogCapture logs;
     EventRecorder events;

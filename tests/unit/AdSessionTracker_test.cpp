@@ -3,28 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "support/VirtualPlatform.h"
 
 namespace kavelin {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using namespace std::chrono;
 using kavelin::testing::LogCapture;
-
-// A tracker on a clock the test moves by hand, starting 2025-01-31 18:04:05 UTC.
-struct AdSessionTrackerTest : ::testing::Test {
-    system_clock::time_point now{seconds{1738346645}};
-    AdSessionTracker tracker{[this] { return now; }};
-    LogCapture log;
-    void record(int times = 1) {
-        for (int i = 0; i < times; ++i) tracker.recordAdShown();
-    }
-};
 
 MidRollAdConfig limits(std::optional<int64_t> cap, std::optional<double> cooldown) {
     MidRollAdConfig c = MidRollAdConfig::empty();
@@ -33,30 +19,36 @@ MidRollAdConfig limits(std::optional<int64_t> cap, std::optional<double> cooldow
     return c;
 }
 
+// A tracker on a clock the test moves by hand, starting 2025-01-31 18:04:05 UTC.
+struct AdSessionTrackerTest : ::testing::Test {
+    system_clock::time_point now{seconds{1738346645}};
+    AdSessionTracker tracker{[this] { return now; }};
+    LogCapture log;
+};
+
 TEST_F(AdSessionTrackerTest, RecordingCountsAndStampsTheWallClockAndNoLimitsNeverBlock) {
     EXPECT_EQ(tracker.lastAdTimestamp(), std::nullopt);
-    record();
+    tracker.recordAdShown();
     EXPECT_EQ(tracker.totalAdsShown(), 1);
     EXPECT_EQ(tracker.lastAdTimestamp(), now);
     now += 61500ms;
-    record();
+    tracker.recordAdShown();
     EXPECT_EQ(tracker.lastAdTimestamp(), now);
     EXPECT_THAT(log.messages(), ElementsAre("📊 Ad recorded: total=1 at 2025-01-31 18:04:05 +0000",
                                             "📊 Ad recorded: total=2 at 2025-01-31 18:05:06 +0000"));
-    record(3);
+    for (int i = 0; i < 3; ++i) tracker.recordAdShown();
     // Neither limit set, or a cooldown of zero or less: always allowed, silently.
-    for (auto c : {limits(std::nullopt, std::nullopt), limits(std::nullopt, 0.0),
-                   limits(std::nullopt, -5.0)})
-        EXPECT_TRUE(tracker.canShowAd(c));
+    for (auto cooldown : {std::optional<double>(), std::optional(0.0), std::optional(-5.0)})
+        EXPECT_TRUE(tracker.canShowAd(limits(std::nullopt, cooldown)));
     EXPECT_EQ(tracker.totalAdsShown(), 5);
     EXPECT_EQ(log.messages().size(), 5u);  // the five records only
 }
 
 TEST_F(AdSessionTrackerTest, SessionCapIsTestedFirstAskingNeverCountsAndResetClearsIt) {
-    auto c = limits(2, std::nullopt);
+    const auto c = limits(2, std::nullopt);
     for (int shown = 0; shown < 2; ++shown) {
         EXPECT_TRUE(tracker.canShowAd(c));
-        record();
+        tracker.recordAdShown();
     }
     EXPECT_FALSE(tracker.canShowAd(c));
     EXPECT_FALSE(tracker.canShowAd(c));
@@ -70,27 +62,24 @@ TEST_F(AdSessionTrackerTest, SessionCapIsTestedFirstAskingNeverCountsAndResetCle
     EXPECT_FALSE(tracker.canShowAd(limits(3, 10.0)));
     EXPECT_THAT(log.messages(), ElementsAre("🚫 Ad blocked: session cap reached (2/2)",
                                             "🚫 Ad blocked: cooldown 0s / 10s"));
-
     // Reset starts a new session, silently: neither cap nor cooldown applies any more.
     log.clear();
     tracker.reset();
-    EXPECT_THAT(log.messages(), IsEmpty());
+    EXPECT_TRUE(log.messages().empty());
     EXPECT_EQ(tracker.totalAdsShown(), 0);
     EXPECT_EQ(tracker.lastAdTimestamp(), std::nullopt);
     EXPECT_TRUE(tracker.canShowAd(limits(1, 60.0)));
-
-    AdSessionTracker fresh([this] { return now; });
-    EXPECT_FALSE(fresh.canShowAd(limits(0, std::nullopt)));
+    EXPECT_FALSE(tracker.canShowAd(limits(0, std::nullopt)));
     EXPECT_EQ(log.messages().back(), "🚫 Ad blocked: session cap reached (0/0)");
-    EXPECT_FALSE(fresh.canShowAd(limits(-1, std::nullopt)));
+    EXPECT_FALSE(tracker.canShowAd(limits(-1, std::nullopt)));
     EXPECT_EQ(log.messages().back(), "🚫 Ad blocked: session cap reached (0/-1)");
 }
 
 TEST_F(AdSessionTrackerTest, CooldownRunsOnTheWallClockEvenWhenItIsSetBack) {
-    auto c = limits(std::nullopt, 60.0);
+    const auto c = limits(std::nullopt, 60.0);
     EXPECT_TRUE(tracker.canShowAd(c));  // nothing recorded yet
-    EXPECT_THAT(log.messages(), IsEmpty());
-    record();
+    EXPECT_TRUE(log.messages().empty());
+    tracker.recordAdShown();
     log.clear();
     const std::pair<milliseconds, bool> steps[] = {{30000ms, false},
                                                    {29900ms, false},
@@ -109,12 +98,11 @@ TEST_F(AdSessionTrackerTest, CooldownRunsOnTheWallClockEvenWhenItIsSetBack) {
 TEST(AdSessionTrackerClock, DefaultsToTheSystemClock) {
     LogCapture log;
     AdSessionTracker tracker;
-    auto before = system_clock::now();
+    const auto before = system_clock::now();
     tracker.recordAdShown();
-    auto after = system_clock::now();
     ASSERT_TRUE(tracker.lastAdTimestamp());
     EXPECT_LE(before, *tracker.lastAdTimestamp());
-    EXPECT_LE(*tracker.lastAdTimestamp(), after);
+    EXPECT_LE(*tracker.lastAdTimestamp(), system_clock::now());
     EXPECT_FALSE(tracker.canShowAd(limits(std::nullopt, 3600.0)));
 }
 

@@ -9,37 +9,20 @@ namespace kavelin {
 namespace {
 
 using nlohmann::json;
-using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
 
 const json kExample = json::parse(R"({
-  "version": 3,
-  "adTimeoutSeconds": 8,
-  "globalConstraints": {
-    "minGapSeconds": 45,
-    "noAdZoneStartSeconds": 15,
-    "noAdZoneEndSeconds": 20.5,
-    "minSecondsBetweenAnyAds": 90,
-    "maxAdsPerSession": 6
-  },
+  "version": 3, "adTimeoutSeconds": 8,
+  "globalConstraints": {"minGapSeconds": 45, "noAdZoneStartSeconds": 15, "noAdZoneEndSeconds": 20.5,
+                        "minSecondsBetweenAnyAds": 90, "maxAdsPerSession": 6},
   "durationBuckets": [
     { "minSeconds": 0,   "maxSeconds": 120,  "maxBreaks": 0, "placements": [] },
     { "minSeconds": 120, "maxSeconds": 300,  "maxBreaks": 1, "placements": [0.5] },
     { "minSeconds": 300, "maxSeconds": 1800, "maxBreaks": 2, "placements": [0.33, 0.66, 0.9] }
   ],
-  "videoOverrides": {
-    "video-42": { "cuePointSeconds": [95.0, 210.5], "maxBreaks": 1 },
-    "Video-42": { "cuePointSeconds": [] }
-  }
+  "videoOverrides": {"video-42": { "cuePointSeconds": [95.0, 210.5], "maxBreaks": 1 },
+                     "Video-42": { "cuePointSeconds": [] }}
 })");
-
-std::string errorOf(const json& document) {
-    try {
-        MidRollAdConfig::decode(document);
-    } catch (const DecodingError& e) {
-        return e.what();
-    }
-    return "";
-}
 
 // The example with the value at `pointer` replaced, or removed when `value` is absent.
 json exampleWith(const std::string& pointer, std::optional<json> value = std::nullopt) {
@@ -53,12 +36,8 @@ json exampleWith(const std::string& pointer, std::optional<json> value = std::nu
 }
 
 TEST(MidRollAdConfig, EmptyIsTheBuiltInDefaultAndEncodesWithoutAbsentKeys) {
-    const auto& e = MidRollAdConfig::empty();
-    EXPECT_EQ(&e, &MidRollAdConfig::empty());
-    EXPECT_EQ(e.adTimeoutSeconds, 3.0);
-    EXPECT_EQ(e.globalConstraints.maxAdsPerSession, std::nullopt);
-    EXPECT_EQ(e.videoOverrides, std::nullopt);
-    EXPECT_EQ(e.encode(), json::parse(R"({
+    EXPECT_EQ(&MidRollAdConfig::empty(), &MidRollAdConfig::empty());
+    EXPECT_EQ(MidRollAdConfig::empty().encode(), json::parse(R"({
         "version": 0, "adTimeoutSeconds": 3.0,
         "globalConstraints": {"minGapSeconds": 30.0, "noAdZoneStartSeconds": 10.0,
                               "noAdZoneEndSeconds": 10.0, "minSecondsBetweenAnyAds": 60.0},
@@ -67,18 +46,14 @@ TEST(MidRollAdConfig, EmptyIsTheBuiltInDefaultAndEncodesWithoutAbsentKeys) {
 
 TEST(MidRollAdConfig, DecodesEveryFieldAndRoundTrips) {
     auto c = MidRollAdConfig::decode(std::string_view(kExample.dump()));
-    EXPECT_EQ(c.version, 3);
-    EXPECT_EQ(c.adTimeoutSeconds, 8.0);  // integer-valued numbers are fine for doubles
-    EXPECT_EQ(
-        std::make_tuple(c.globalConstraints.minGapSeconds, c.globalConstraints.noAdZoneStartSeconds,
-                        c.globalConstraints.noAdZoneEndSeconds),
-        std::make_tuple(45.0, 15.0, 20.5));
-    EXPECT_EQ(c.globalConstraints.minSecondsBetweenAnyAds, 90.0);
-    EXPECT_EQ(c.globalConstraints.maxAdsPerSession, 6);
+    const auto& g = c.globalConstraints;
+    // Integer-valued numbers are fine for doubles.
+    EXPECT_EQ(std::tuple(c.version, c.adTimeoutSeconds, g.minGapSeconds, g.noAdZoneStartSeconds,
+                         g.noAdZoneEndSeconds, g.minSecondsBetweenAnyAds, g.maxAdsPerSession),
+              std::tuple(3, 8.0, 45.0, 15.0, 20.5, std::optional(90.0), std::optional<int64_t>(6)));
     ASSERT_EQ(c.durationBuckets.size(), 3u);
     const auto& b = c.durationBuckets[1];
-    EXPECT_EQ(std::make_tuple(b.minSeconds, b.maxSeconds, b.maxBreaks),
-              std::make_tuple(120.0, 300.0, 1));
+    EXPECT_EQ(std::tuple(b.minSeconds, b.maxSeconds, b.maxBreaks), std::tuple(120.0, 300.0, 1));
     EXPECT_EQ(c.durationBuckets[2].placements, (std::vector<double>{0.33, 0.66, 0.9}));
     EXPECT_TRUE(c.durationBuckets[0].placements.empty());
     ASSERT_TRUE(c.videoOverrides);
@@ -87,21 +62,19 @@ TEST(MidRollAdConfig, DecodesEveryFieldAndRoundTrips) {
     EXPECT_EQ(o.cuePointSeconds, (std::vector<double>{95.0, 210.5}));
     EXPECT_EQ(o.maxBreaks, 1);
     EXPECT_EQ(c.videoOverrides->at("Video-42").maxBreaks, std::nullopt);
-
     // Encoding gives the document back, absent keys (Video-42's maxBreaks) left out.
     EXPECT_EQ(c.encode(), kExample);
 }
 
 TEST(MidRollAdConfig, OptionalKeysMayBeMissingOrNullAndUnknownOrOddValuesPass) {
     for (const auto& absent : {std::optional<json>(), std::optional<json>(json(nullptr))}) {
-        auto decoded = [&](const std::string& pointer) {
-            return MidRollAdConfig::decode(exampleWith(pointer, absent));
+        auto decoded = [&](const std::string& key) {
+            return MidRollAdConfig::decode(exampleWith(key, absent));
         };
         EXPECT_EQ(decoded("/videoOverrides").videoOverrides, std::nullopt);
-        EXPECT_EQ(decoded("/globalConstraints/maxAdsPerSession").globalConstraints.maxAdsPerSession,
-                  std::nullopt);
-        EXPECT_EQ(decoded("/globalConstraints/minSecondsBetweenAnyAds")
-                      .globalConstraints.minSecondsBetweenAnyAds,
+        const std::string g = "/globalConstraints/";
+        EXPECT_EQ(decoded(g + "maxAdsPerSession").globalConstraints.maxAdsPerSession, std::nullopt);
+        EXPECT_EQ(decoded(g + "minSecondsBetweenAnyAds").globalConstraints.minSecondsBetweenAnyAds,
                   std::nullopt);
     }
     // Present but empty is not absent.
@@ -111,18 +84,14 @@ TEST(MidRollAdConfig, OptionalKeysMayBeMissingOrNullAndUnknownOrOddValuesPass) {
     json doc = kExample;
     doc["comment"] = "ignored";
     doc["globalConstraints"]["future"] = {1, 2};
-    doc["durationBuckets"][0] = {{"minSeconds", 500},
-                                 {"maxSeconds", -1},
-                                 {"maxBreaks", -4},
-                                 {"placements", {1.5, -0.2}},
-                                 {"weight", "heavy"}};
+    doc["durationBuckets"][0] = json::parse(R"({"minSeconds": 500, "maxSeconds": -1,
+        "maxBreaks": -4, "placements": [1.5, -0.2], "weight": "heavy"})");
     doc["globalConstraints"]["noAdZoneStartSeconds"] = -10;
     doc["videoOverrides"]["neg"] = {{"cuePointSeconds", {-5}}, {"maxBreaks", -1}};
     auto c = MidRollAdConfig::decode(doc);
     const auto& b = c.durationBuckets[0];
-    EXPECT_EQ(std::make_tuple(b.minSeconds, b.maxSeconds, b.maxBreaks),
-              std::make_tuple(500.0, -1.0, -4));
-    EXPECT_EQ(b.placements, (std::vector<double>{1.5, -0.2}));
+    EXPECT_EQ(std::tuple(b.minSeconds, b.maxSeconds, b.maxBreaks, b.placements),
+              std::tuple(500.0, -1.0, -4, std::vector<double>{1.5, -0.2}));
     EXPECT_EQ(c.globalConstraints.noAdZoneStartSeconds, -10.0);
     EXPECT_EQ(c.videoOverrides->at("neg").maxBreaks, -1);
 }
@@ -152,7 +121,9 @@ TEST(MidRollAdConfig, MissingKeysAndWrongTypesFailTheWholeDocument) {
         {exampleWith("/globalConstraints/minGapSeconds", true),
          R"(key "minGapSeconds" at globalConstraints: expected a number, found boolean)"},
         {json::array({kExample}), "top level: expected an object, found array"}};
-    for (const auto& [doc, error] : cases) EXPECT_EQ(errorOf(doc), error) << doc.dump();
+    for (const auto& [doc, error] : cases)
+        EXPECT_THAT([&] { MidRollAdConfig::decode(doc); }, ThrowsMessage<DecodingError>(error))
+            << doc.dump();
     for (const char* text : {"{\"version\": 1,", "", "{\"version\":\"\xFF\"}"})
         EXPECT_THROW(MidRollAdConfig::decode(std::string_view(text)), DecodingError) << text;
 }

@@ -1,12 +1,9 @@
 #include "Kavelin/Model/MidRollCuePointState.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
-#include <string>
-#include <vector>
 
 #include "support/VirtualPlatform.h"
 
@@ -14,8 +11,7 @@ namespace kavelin {
 namespace {
 
 using Bucket = MidRollAdConfig::DurationBucket;
-using Override = MidRollAdConfig::VideoOverride;
-using Overrides = std::map<std::string, Override>;
+using Overrides = std::map<std::string, MidRollAdConfig::VideoOverride>;
 using kavelin::testing::LogCapture;
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
@@ -33,12 +29,11 @@ MidRollAdConfig config(std::vector<Bucket> buckets,
 MidRollAdConfig cues(std::vector<double> seconds, double gap = 30, double start = 10) {
     return config({}, Overrides{{"v", {std::move(seconds), {}}}}, gap, start);
 }
-
-std::vector<double> timestamps(const MidRollCuePointState& s) {
-    std::vector<double> out;
-    for (const auto& cue : s.cuePoints) out.push_back(cue.timestamp);
-    return out;
+// One bucket for every duration up to 1000 s.
+MidRollAdConfig wide(int64_t breaks, std::vector<double> placements) {
+    return config({{0, 1000, breaks, std::move(placements)}});
 }
+
 std::vector<bool> consumed(const MidRollCuePointState& s) {
     std::vector<bool> out;
     for (const auto& cue : s.cuePoints) out.push_back(cue.consumed);
@@ -61,11 +56,6 @@ struct Plan {
     std::optional<std::string> id = "v";
 };
 
-// One bucket for every duration up to 1000 s.
-MidRollAdConfig upTo1000(int64_t breaks, std::vector<double> placements) {
-    return config({{0, 1000, breaks, std::move(placements)}});
-}
-
 TEST(CuePointPlanning, PlansFromBucketsOrOverridesAndLogsThePlan) {
     const auto bounds = config({{0, 120, 1, {0.5}}, {120, 300, 1, {0.25}}});
     const auto overlapping = config({{0, 200, 1, {0.5}}, {100, 300, 1, {0.25}}});
@@ -78,9 +68,10 @@ TEST(CuePointPlanning, PlansFromBucketsOrOverridesAndLogsThePlan) {
     const std::string noBucket = "no matching bucket for duration ";
     const std::string noBreaks = "bucket has 0 breaks for duration 200s";
     // Override plans read "N cue points (video override) for ID: [...]".
-    auto byOverrides = [](std::string rest) {
+    auto overridden = [](std::string rest) {
         return rest.insert(rest.find(' '), " cue points (video override)");
     };
+    // clang-format off
     const Plan plans[] = {
         // Buckets: lower bound inclusive, upper exclusive; the duration is logged rounded.
         {120, bounds, {30}, R"(1 cue points for 120s video: ["30.0"])"},
@@ -91,89 +82,71 @@ TEST(CuePointPlanning, PlansFromBucketsOrOverridesAndLogsThePlan) {
         {250, overlapping, {62.5}, R"(1 cue points for 250s video: ["62.5"])"},
         // The break count cuts in preference order before filtering; 0.04 falls in the
         // opening zone and 0.5 is not promoted to replace it; more breaks than placements.
-        {200,
-         upTo1000(2, {0.9, 0.1, 0.5}),
-         {20, 180},
+        {200, wide(2, {0.9, 0.1, 0.5}), {20, 180},
          R"(2 cue points for 200s video: ["20.0", "180.0"])"},
-        {200, upTo1000(2, {0.04, 0.9, 0.5}), {180}, R"(1 cue points for 200s video: ["180.0"])"},
-        {200,
-         upTo1000(9, {0.5, 0.2}),
-         {40, 100},
-         R"(2 cue points for 200s video: ["40.0", "100.0"])"},
+        {200, wide(2, {0.04, 0.9, 0.5}), {180}, R"(1 cue points for 200s video: ["180.0"])"},
+        {200, wide(9, {0.5, 0.2}), {40, 100}, R"(2 cue points for 200s video: ["40.0", "100.0"])"},
         // Gap and zones: 60 is within 30 s of 50; zone edges are allowed, just outside not;
         // exactly one gap apart is kept.
-        {100, upTo1000(2, {0.5, 0.6}), {50}, R"(1 cue points for 100s video: ["50.0"])"},
-        {100,
-         upTo1000(2, {0.1, 0.9}),
-         {10, 90},
-         R"(2 cue points for 100s video: ["10.0", "90.0"])"},
-        {100, upTo1000(2, {0.0999, 0.9001}), {}, "0 cue points for 100s video: []"},
-        {100,
-         upTo1000(2, {0.5, 0.2}),
-         {20, 50},
-         R"(2 cue points for 100s video: ["20.0", "50.0"])"},
+        {100, wide(2, {0.5, 0.6}), {50}, R"(1 cue points for 100s video: ["50.0"])"},
+        {100, wide(2, {0.1, 0.9}), {10, 90}, R"(2 cue points for 100s video: ["10.0", "90.0"])"},
+        {100, wide(2, {0.0999, 0.9001}), {}, "0 cue points for 100s video: []"},
+        {100, wide(2, {0.5, 0.2}), {20, 50}, R"(2 cue points for 100s video: ["20.0", "50.0"])"},
         // The gap is measured to the last kept point: 55 is 35 after 20, only 15 after the
         // dropped 40. With no gap, equal points survive side by side.
-        {1000,
-         cues({55, 40, 20, 85, 85}),
-         {20, 55, 85},
-         byOverrides("3 for v: [20.0, 55.0, 85.0]")},
-        {1000,
-         cues({55, 40, 20, 85, 85}, 0),
-         {20, 40, 55, 85, 85},
-         byOverrides("5 for v: [20.0, 40.0, 55.0, 85.0, 85.0]")},
+        {1000, cues({55, 40, 20, 85, 85}), {20, 55, 85}, overridden("3 for v: [20.0, 55.0, 85.0]")},
+        {1000, cues({55, 40, 20, 85, 85}, 0), {20, 40, 55, 85, 85},
+         overridden("5 for v: [20.0, 40.0, 55.0, 85.0, 85.0]")},
         // Fractions outside the video and negative seconds are dropped, unless the zones
         // themselves are negative.
-        {100, upTo1000(3, {1.2, -0.1, 0.5}), {50}, R"(1 cue points for 100s video: ["50.0"])"},
+        {100, wide(3, {1.2, -0.1, 0.5}), {50}, R"(1 cue points for 100s video: ["50.0"])"},
         {-5, config({{-100, 0, 1, {0.5}}}), {}, "0 cue points for -5s video: []"},
-        {100, cues({-20, 95}), {}, byOverrides("0 for v: []")},
-        {100, cues({-20}, 30, -30), {-20}, byOverrides("1 for v: [-20.0]")},
+        {100, cues({-20, 95}), {}, overridden("0 for v: []")},
+        {100, cues({-20}, 30, -30), {-20}, overridden("1 for v: [-20.0]")},
         // Buckets without breaks, a duration that is not a number, no buckets at all.
-        {200, upTo1000(0, {0.5}), {}, noBreaks},
-        {200, upTo1000(-3, {0.5}), {}, noBreaks},
-        {200.4, upTo1000(2, {}), {}, noBreaks},
+        {200, wide(0, {0.5}), {}, noBreaks},
+        {200, wide(-3, {0.5}), {}, noBreaks},
+        {200.4, wide(2, {}), {}, noBreaks},
         {std::nan(""), config({{-kInf, kInf, 1, {0.5}}}), {}, noBucket + "nans"},
         {600, MidRollAdConfig::empty(), {}, noBucket + "600s"},
         // Overrides: absolute seconds, sorted, capped by their own break count, buckets
         // skipped; the id must match exactly.
-        {600,
-         byId,
-         {95, 210.5, 400},
-         byOverrides("3 for video-42: [95.0, 210.5, 400.0]"),
+        {600, byId, {95, 210.5, 400}, overridden("3 for video-42: [95.0, 210.5, 400.0]"),
          "video-42"},
-        {600, byId, {300}, byOverrides("1 for capped: [300.0]"), "capped"},
-        {600, byId, {95}, byOverrides("1 for generous: [95.0]"), "generous"},
-        {600, byId, {}, byOverrides("0 for none: []"), "none"},
+        {600, byId, {300}, overridden("1 for capped: [300.0]"), "capped"},
+        {600, byId, {95}, overridden("1 for generous: [95.0]"), "generous"},
+        {600, byId, {}, overridden("0 for none: []"), "none"},
         {600, byId, {300}, R"(1 cue points for 600s video: ["300.0"])", "VIDEO-42"},
         {600, byId, {300}, R"(1 cue points for 600s video: ["300.0"])", std::nullopt}};
+    // clang-format on
     for (const auto& plan : plans) {
         const std::string line = "🎯 Mid-roll: " + plan.log;
         SCOPED_TRACE(line);
         MidRollCuePointState s;
         LogCapture log;
         s.computeCuePoints(plan.duration, plan.id, plan.config);
-        EXPECT_EQ(timestamps(s), plan.expected);
+        std::vector<double> timestamps;
+        for (const auto& cue : s.cuePoints) timestamps.push_back(cue.timestamp);
+        EXPECT_EQ(timestamps, plan.expected);
+        EXPECT_EQ(consumed(s), std::vector<bool>(timestamps.size(), false));
         EXPECT_EQ(log.messages(), std::vector<std::string>{line});
         EXPECT_EQ(log.levelOf(line), "LOG");
-        for (const auto& cue : s.cuePoints) EXPECT_FALSE(cue.consumed);
     }
 }
 
 TEST(CuePointPlanning, ReplanningReArmsAndLeavesAdStateAlone) {
     MidRollCuePointState s;
     LogCapture log;
-    auto c = config({{0, 1000, 2, {0.25, 0.75}}});
+    const auto c = wide(2, {0.25, 0.75});
     s.computeCuePoints(200, "v", c);
     s.markConsumed(50);
     s.isShowingAd = true;
     s.seekTargetAfterAd = 42;
     s.computeCuePoints(200, "v", c);
-    ASSERT_EQ(s.cuePoints.size(), 2u);
-    EXPECT_FALSE(s.cuePoints[0].consumed);
+    EXPECT_EQ(consumed(s), (std::vector<bool>{false, false}));
     EXPECT_TRUE(s.isShowingAd);
     EXPECT_EQ(s.seekTargetAfterAd, 42.0);
-    // A plan that fails still clears the old one.
-    s.computeCuePoints(5000, "v", c);
+    s.computeCuePoints(5000, "v", c);  // a plan that fails still clears the old one
     EXPECT_FALSE(s.hasCuePoints());
 }
 
@@ -186,14 +159,11 @@ TEST(CuePointQueries, DueCheckGivesTheEarliestMissedPointAndForwardSeeksCostTheL
     s.markConsumed(60);
     EXPECT_EQ(s.cuePointToTrigger(149), std::nullopt);
     EXPECT_EQ(s.cuePointToTrigger(400), 150.0);
-    // Seeks backward, standing still, crossing nothing unconsumed, or from no start cost
-    // no break.
+    // Backward, standing still, crossing nothing unconsumed, or from no start: no break.
     for (auto [from, to] : {std::pair{300.0, 10.0}, {100.0, 100.0}, {10.0, 100.0}, {NAN, 100.0}})
         EXPECT_EQ(s.handleSeek(from, to), std::nullopt) << from << " -> " << to;
     EXPECT_EQ(consumed(s), (std::vector<bool>{true, false}));
-
-    // A forward seek costs one break, the latest crossed: the start position is excluded,
-    // the target included.
+    // A forward seek costs the latest break crossed: the start is excluded, the target included.
     s = planned({60, 150, 250});
     EXPECT_EQ(s.handleSeek(10, 200), 150.0);
     EXPECT_EQ(consumed(s), (std::vector<bool>{true, false, false}));
@@ -202,7 +172,7 @@ TEST(CuePointQueries, DueCheckGivesTheEarliestMissedPointAndForwardSeeksCostTheL
     EXPECT_FALSE(s.cuePoints[2].consumed);
 }
 
-TEST(CuePointQueries, MarkConsumedWithinHalfASecondStrictly) {
+TEST(CuePointQueries, MarkConsumedWithinHalfASecondStrictlyAndResetClearsAll) {
     auto s = planned({60, 150});
     s.markConsumed(60.5);
     s.markConsumed(59.5);
@@ -212,15 +182,12 @@ TEST(CuePointQueries, MarkConsumedWithinHalfASecondStrictly) {
     EXPECT_EQ(consumed(s), (std::vector<bool>{true, true}));
     EXPECT_FALSE(s.hasUnconsumedCuePoints());
     EXPECT_TRUE(s.hasCuePoints());
-
     // Only the first point within reach is ever marked, even when already consumed.
     auto close = planned({60, 60.3});
     close.markConsumed(60.2);
     close.markConsumed(60.2);
     EXPECT_EQ(consumed(close), (std::vector<bool>{true, false}));
     EXPECT_TRUE(close.hasUnconsumedCuePoints());
-
-    // Reset returns to the initial state.
     close.isShowingAd = true;
     close.seekTargetAfterAd = 61;
     close.reset();

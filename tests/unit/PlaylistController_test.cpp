@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "Kavelin/Platform/Linux/FileUserDefaults.h"
 #include "Kavelin/Platform/Platform.h"
 #include "support/VirtualPlatform.h"
@@ -37,13 +33,7 @@ class PlaylistControllerTest : public ::testing::Test {
     }
     void TearDown() override { playlists() = savedCatalogue; }
 
-    std::unique_ptr<PlaylistController> make() {
-        return std::make_unique<PlaylistController>(store);
-    }
-    void reopenStore() {
-        store.reset();  // teardown writes what the coalescing timer still held
-        store = std::make_shared<FileUserDefaults>(file, queue);
-    }
+    auto make() { return std::make_unique<PlaylistController>(store); }
     json onDisk() {
         store->flush();
         return json::parse(readFile(file))[kKey];
@@ -71,7 +61,6 @@ TEST_F(PlaylistControllerTest, StartsOnTheFirstPlaylistWritesTheLoadedMapAndSays
     EXPECT_FALSE(pc->nextPlaylist->has_value());
     EXPECT_TRUE(pc->completedVideosByPlaylist->empty());
     EXPECT_EQ(store->object(kKey), json::object());  // the loaded (empty) map written back
-
     pc.reset();
     ASSERT_EQ(logs.lines().size(), 1u);
     EXPECT_NE(logs.lines()[0].find("[LOG] [PlaylistController.cpp:"), std::string::npos);
@@ -85,20 +74,17 @@ TEST_F(PlaylistControllerTest, AVideoCountsAsWatchedFromTenSecondsAndCardsShowWh
     EXPECT_TRUE(pc->completedVideosByPlaylist->empty());
     EXPECT_FALSE(pc->videos[1].isWatched);
     EXPECT_EQ(store->object(kKey), json::object());
-
     pc->videoCompleted("A-v1", 10.0);
     pc->videoCompleted("B-v0", 12.0);  // recorded under A although it belongs to B
     EXPECT_EQ(pc->completedVideosByPlaylist.get(), (WatchedMap{{"A", {"A-v1", "B-v0"}}}));
     for (size_t i = 0; i < 4; ++i) EXPECT_EQ(pc->videos[i].isWatched, i == 1) << i;
     EXPECT_EQ(store->object(kKey), (json{{"A", {"A-v1", "B-v0"}}}));
-
     // Counts only: a stranger stands in for the fourth video.
     pc->videoCompleted("A-v0", 10);
     EXPECT_FALSE(pc->allVideosWatched());
     pc->videoCompleted("A-v2", 10);
     EXPECT_TRUE(pc->allVideosWatched());
     EXPECT_EQ(pc->firstUnwatchedVideoID(), 3u);
-
     pc->videoStarted("A-v0");
     pc->triggerCountdownIfNeeded("A-v0", 3);
     // Watched but playing, watched but up next, watched, untouched.
@@ -123,7 +109,6 @@ TEST_F(PlaylistControllerTest, EveryTickAnnouncesTheMapButTheFileIsWrittenOnce) 
     EXPECT_EQ(changes, 600);
     EXPECT_EQ(store->fileWriteCount(), writesBefore + 1);
     EXPECT_EQ(onDisk(), (json{{"A", {"A-v0"}}}));
-
     // Reassigning the unchanged map restores what another writer replaced.
     store->setObject(kKey, json{{"Z", {"z"}}});
     pc->videoCompleted("A-v0", 70.1);
@@ -137,7 +122,6 @@ TEST_F(PlaylistControllerTest, CountdownArmsInTheLastFiveSecondsAndStaysUntilCan
              {"A-v1", 6}, {"A-v1", -1}, {"A-v3", 5} /* last video */, {"unknown", 5}})
         pc->triggerCountdownIfNeeded(id, seconds);
     EXPECT_EQ(countdown(*pc), Countdown(std::nullopt, 0));
-
     for (int s = 5; s >= 0; --s) {
         pc->triggerCountdownIfNeeded("A-v1", s);
         EXPECT_EQ(countdown(*pc), Countdown("A-v2", s));
@@ -146,16 +130,13 @@ TEST_F(PlaylistControllerTest, CountdownArmsInTheLastFiveSecondsAndStaysUntilCan
     pc->triggerCountdownIfNeeded("A-v1", 3);
     EXPECT_EQ(pc->remainingTimeFor(pc->videos[2]), 3);
     EXPECT_EQ(pc->remainingTimeFor(pc->videos[1]), 0);
-
     // A stall or a position outside the window does not clear it.
     pc->triggerCountdownIfNeeded("A-v1", 9);
     pc->triggerCountdownIfNeeded("A-v3", 1);
     EXPECT_EQ(countdown(*pc), Countdown("A-v2", 3));
-
     pc->userSelectedVideo("A-v3");
     EXPECT_EQ(countdown(*pc), Countdown(std::nullopt, 0));
     EXPECT_EQ(pc->currentVideoID.get(), Id("A-v3"));
-
     pc->triggerCountdownIfNeeded("A-v0", 4);
     pc->userSelectedPlaylist(std::nullopt);  // absent playlist: only the countdown goes
     EXPECT_EQ(pc->countdownVideoID.get(), std::nullopt);
@@ -181,7 +162,6 @@ TEST_F(PlaylistControllerTest, SelectingAPlaylistResumesAtItsFirstUnwatchedVideo
     EXPECT_EQ(select(C, {"C-v0", "C-v1"}), Resume("C-v0", std::nullopt, "C-v0", true));
     EXPECT_EQ(select(Playlist("E", std::nullopt, std::nullopt, std::nullopt, {}), {}),
               Resume(std::nullopt, std::nullopt, std::nullopt, true));
-
     // The next playlist follows the current one round the catalogue.
     const std::pair<Playlist, const char*> cases[] = {
         {A, "B"}, {B, "C"}, {C, "A"}, {makePlaylist("not-in-catalogue", 1), "A"}};
@@ -208,14 +188,11 @@ TEST_F(PlaylistControllerTest, WatchedSetsSurviveControllersAndStoresAndLiveInTh
     EXPECT_EQ(second->firstUnwatchedVideoID(), 1u);
     second->videoCompleted("A-v3", 10);
     second.reset();
-
-    reopenStore();
+    store.reset();  // teardown writes what the coalescing timer still held
+    store = std::make_shared<FileUserDefaults>(file, queue);
     EXPECT_EQ(make()->state(A.videos[3]), VideoState::completed);
-
-    // The store writes what is pending when the process exits (its own tests show),
-    // so the controller only has to hand each change over at once.
+    // Each change is handed over at once; the store's own tests cover its write on exit.
     EXPECT_EQ(store->object(kKey), (json{{"A", {"A-v0", "A-v3"}}, {"B", {"B-v2"}}}));
-
     // Without a store of its own, the controller reads and writes the platform's.
     Platform platform;
     platform.queue = queue;
