@@ -7,25 +7,22 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <memory>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "support/HostLibrary.h"
 #include "support/ScratchDir.h"
 
-namespace {
-
+using Message = std::array<std::string, 3>;
 // Written on the library thread before the call that caused it returns.
-std::vector<std::array<std::string, 3>> gUnityMessages;
-
-}  // namespace
+static std::vector<Message> gUnityMessages;
 
 // The engine's entry point, found by the library with dlsym in the running image.
-extern "C" __attribute__((visibility("default"))) void UnitySendMessage(const char* object,
-                                                                        const char* method,
-                                                                        const char* message) {
-    gUnityMessages.push_back({object, method, message});
+extern "C" __attribute__((visibility("default"))) void UnitySendMessage(const char* o,
+                                                                        const char* m,
+                                                                        const char* s) {
+    gUnityMessages.push_back({o, m, s});
 }
 
 namespace {
@@ -41,13 +38,11 @@ const char* kEpisodes =
 
 class BridgeTest : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        config_ = std::make_unique<ScratchDir>("kavelin-abi");
-        config_->asConfigHome();
-        setenv("KAVELIN_HEADLESS", "1", 1);
+    static void SetUpTestSuite() { setenv("KAVELIN_HEADLESS", "1", 1); }
+    void SetUp() override {
+        config.asConfigHome();
+        ASSERT_TRUE(lib.ok()) << lib.missing;
     }
-    static void TearDownTestSuite() { config_.reset(); }
-    void SetUp() override { ASSERT_TRUE(lib.ok()) << lib.missing; }
 
     template <typename Body>
     void inFreshProcess(Body body) {
@@ -69,24 +64,19 @@ class BridgeTest : public ::testing::Test {
     static Lines logOf(Body body) {
         testing::internal::CaptureStdout();
         body();
-        const std::string out = testing::internal::GetCapturedStdout();
+        std::istringstream out(testing::internal::GetCapturedStdout());
         Lines lines;
-        for (size_t start = 0, nl; (nl = out.find('\n', start)) != std::string::npos;
-             start = nl + 1)
-            lines.push_back(out.substr(start, nl - start));
+        for (std::string line; std::getline(out, line);) lines.push_back(line);
         return lines;
     }
+    // Lines holding `text` and `also`.
     static long count(const Lines& lines, const std::string& text, const std::string& also = "") {
         return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) {
             return l.find(text) != std::string::npos && l.find(also) != std::string::npos;
         });
     }
-    static bool contains(const Lines& lines, const std::string& text,
-                         const std::string& also = "") {
-        return count(lines, text, also) > 0;
-    }
 
-    static inline std::unique_ptr<ScratchDir> config_;
+    ScratchDir config{"kavelin-abi"};
     HostLibrary lib{KAVELIN_LIB_PATH};
 };
 
@@ -115,11 +105,10 @@ TEST_F(BridgeTest, ExportsExactlyTheHeadersFunctionsAndVersion) {
 TEST_F(BridgeTest, EventsGoToTheCallbackWhenRegisteredOtherwiseSplitToUnity) {
     inFreshProcess([&] {
         const auto log = logOf([&] { lib.stop(); });
-        using Message = std::array<std::string, 3>;
-        EXPECT_EQ(gUnityMessages,
-                  (std::vector<Message>{{"ZelkinVideoPlayer", "OnVideoStop", "Stopped"}}));
-        EXPECT_TRUE(contains(log, "📤 sendUnityMessage: OnVideoStop:Stopped"));
-        EXPECT_FALSE(contains(log, "No Unity callback available"));
+        const Message stopped{"ZelkinVideoPlayer", "OnVideoStop", "Stopped"};
+        EXPECT_EQ(gUnityMessages, std::vector<Message>{stopped});
+        EXPECT_EQ(count(log, "📤 sendUnityMessage: OnVideoStop:Stopped"), 1);
+        EXPECT_EQ(count(log, "No Unity callback available"), 0);
 
         lib.registerUnityCallback(HostEvents::record);
         lib.stop();
@@ -132,7 +121,7 @@ TEST_F(BridgeTest, EventsGoToTheCallbackWhenRegisteredOtherwiseSplitToUnity) {
         lib.play();
         EXPECT_EQ(HostEvents::texts().size(), 2u);
         EXPECT_EQ(gUnityMessages,
-                  (std::vector<Message>{{"ZelkinVideoPlayer", "OnVideoStop", "Stopped"},
+                  (std::vector<Message>{stopped,
                                         {"ZelkinVideoPlayer", "CallBack_registered", "registered"},
                                         {"ZelkinVideoPlayer", "OnVideoPlay", "Started"}}));
     });
@@ -155,15 +144,15 @@ TEST_F(BridgeTest, TransportEchoesAlwaysArriveAndTheRestWaitsForAService) {
                   (Lines{"CallBack_registered:registered", "OnVideoPause:Paused",
                          "OnVideoSeekForward:7.25", "OnVideoSeekBackward:10.0", "OnVideoSeekTo:0.0",
                          "OnVideoPlay:Started"}));
-        EXPECT_FALSE(contains(log, "Playlist not found"));
-        EXPECT_FALSE(contains(log, "Ad completed"));
+        EXPECT_EQ(count(log, "Playlist not found"), 0);
+        EXPECT_EQ(count(log, "Ad completed"), 0);
 
         log = logOf([&] {
             lib.SetPremium(false);  // creates the service
             lib.PlayPlaylist("no-such-playlist");
         });
-        EXPECT_TRUE(contains(log, "[LOG] [", "✅ Subscription updated:free"));
-        EXPECT_TRUE(contains(log, ": [ERROR] [", "❌ Playlist not found"));
+        EXPECT_EQ(count(log, "[LOG] [", "✅ Subscription updated:free"), 1);
+        EXPECT_EQ(count(log, ": [ERROR] [", "❌ Playlist not found"), 1);
     });
 }
 
@@ -182,18 +171,18 @@ TEST_F(BridgeTest, CatalogueMergesInEitherOrderWithItsLogLines) {
                          "✅ Playlist metadata received from Unity", "🔄 Merging data...",
                          "Mapped playlist: Animals with 2 videos",
                          "No episodes found for playlistId: pl-2", "✅ Final playlists ready: 1"}));
-        EXPECT_TRUE(contains(log, "[WARNING] [VideoPlayerService.cpp:", "⏳ Waiting for playlists"));
+        EXPECT_EQ(count(log, "[WARNING] [VideoPlayerService.cpp:", "⏳ Waiting for playlists"), 1);
         // Resending one document merges again with the other's last version.
-        EXPECT_TRUE(
-            contains(logOf([&] { lib.SetPlaylists(kPlaylists); }), "✅ Final playlists ready: 1"));
+        EXPECT_EQ(count(logOf([&] { lib.SetPlaylists(kPlaylists); }), "✅ Final playlists ready: 1"),
+                  1);
     });
     inFreshProcess([&] {
         const auto log = logOf([&] {
             lib.SetPlaylists(kPlaylists);
             lib.SetEpisodes(kEpisodes);
         });
-        EXPECT_TRUE(contains(log, "⏳ Waiting for episodes..."));
-        EXPECT_TRUE(contains(log, "✅ Final playlists ready: 1"));
+        EXPECT_EQ(count(log, "⏳ Waiting for episodes..."), 1);
+        EXPECT_EQ(count(log, "✅ Final playlists ready: 1"), 1);
     });
 }
 
@@ -212,11 +201,11 @@ TEST_F(BridgeTest, BadAndNullDocumentsAreLoggedAndTheLastGoodOnesKept) {
             lib.SetMidRollAdConfig("{]");
         });
         EXPECT_EQ(count(log, "[ERROR]", "❌ Failed to decode playlists: "), 5);
-        EXPECT_TRUE(contains(log, "⚠️ Failed to decode mid-roll config: "));
-        EXPECT_FALSE(contains(log, "Final playlists ready"));
+        EXPECT_EQ(count(log, "⚠️ Failed to decode mid-roll config: "), 1);
+        EXPECT_EQ(count(log, "Final playlists ready"), 0);
         // The good episodes document is still there for the next good playlist document.
-        EXPECT_TRUE(
-            contains(logOf([&] { lib.SetPlaylists(kPlaylists); }), "✅ Final playlists ready: 1"));
+        EXPECT_EQ(count(logOf([&] { lib.SetPlaylists(kPlaylists); }), "✅ Final playlists ready: 1"),
+                  1);
 
         log = logOf([&] {
             lib.loadVideo(nullptr);

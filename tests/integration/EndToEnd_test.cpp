@@ -1,8 +1,7 @@
-// One free viewer's session through the C entry points of the built library, with
-// real playback by libmpv (no display): the between-videos ad, a mid-roll ad at its
-// cue point, then on to the next video. The host has adopted a German locale (as
-// GTK and Qt launchers do), the second clip sits at a relative path with a space,
-// and the host, with no mid-roll to show, acknowledges it inside the callback.
+// A free viewer's session through the built library's entry points with real
+// playback: the between-videos ad, a mid-roll at its cue point, the next video. The
+// host runs in a German locale (as GTK and Qt launchers do), the second clip sits
+// at a relative path with a space, and the mid-roll is acknowledged in the callback.
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -82,8 +81,7 @@ TEST(EndToEndTest, FreeViewerSessionWithBetweenVideosAndMidRollAdsOnRealPlayback
         EXPECT_EQ(HostEvents::texts(at + 1), std::vector<std::string>{});
         lib.AdCompletedResumePlayback();
 
-        // The second video starts, then its clock reaches the cue point in real
-        // playback; the payload keeps its decimal point.
+        // The second video reaches the cue point; the payload keeps its decimal point.
         const size_t playing = expectEvent("OnVideoPlay:true", at);
         at = expectEvent("OnMidRollAdRequired:1.5", playing);
         const size_t dismissed = expectEvent("OnViewDismissed:ad_required", at);

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <thread>
 
 #include "Kavelin/Platform/Linux/MpvMediaPlayerFactory.h"
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
@@ -43,9 +42,7 @@ size_t entriesIn(const char* dir) {
 // decoding takes wall time: the waits only bound a failure.
 class MpvMediaPlayerTest : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() { TestMedia::shared(); }
     void SetUp() override {
-        server = std::make_unique<LocalHttpServer>(TestMedia::shared().directory());
         VPLogger::setSink(
             [this](const std::string& line) { record([&] { logs.push_back(line); }); });
     }
@@ -87,11 +84,12 @@ class MpvMediaPlayerTest : public ::testing::Test {
     }
 
     // Makes the player with every observer attached, bound to the item at `url`.
-    void load(const std::string& url) {
+    void load(const std::string& url, bool andPlay = false) {
         queue->sync([&] {
             if (!player) player = std::make_shared<MpvMediaPlayer>(queue, quietOptions());
             player->replaceCurrentItem(url);
             observe();
+            if (andPlay) player->play();
         });
     }
     void observe() {
@@ -131,21 +129,21 @@ class MpvMediaPlayerTest : public ::testing::Test {
     void seek(double t) {
         queue->sync([&] { player->seek(t, 0, 0, seekDone()); });
     }
-    template <class T>
-    T onQueue(std::function<T()> f) {
-        T out{};
+    template <class F>
+    auto onQueue(F f) {
+        decltype(f()) out{};
         queue->sync([&] { out = f(); });
         return out;
     }
     double position() {
-        return onQueue<double>([&] { return player->currentTime(); });
+        return onQueue([&] { return player->currentTime(); });
     }
     Status status() {
-        return onQueue<Status>([&] { return player->timeControlStatus(); });
+        return onQueue([&] { return player->timeControlStatus(); });
     }
 
     std::shared_ptr<ThreadMainQueue> queue = std::make_shared<ThreadMainQueue>();
-    std::unique_ptr<LocalHttpServer> server;
+    LocalHttpServer server{TestMedia::shared().directory()};
     std::shared_ptr<MpvMediaPlayer> player;
     MediaPlayer::ObserverId statusId = 0, timeId = 0, durationId = 0, endId = 0;
     // Guarded by `mutex`.
@@ -158,17 +156,23 @@ class MpvMediaPlayerTest : public ::testing::Test {
     int ends = 0;
 };
 
-TEST_F(MpvMediaPlayerTest, PlaysItemsToTheirEndReportingDurationTicksAndOneEndEach) {
-    load(server->url(TestMedia::kClip2s));
+// The next item is opened ahead, yet mpv never moves on to it by itself: at the end
+// the player holds the last frame, and only making the item current plays it.
+TEST_F(MpvMediaPlayerTest, PlaysToTheEndOnceAndAPreparedItemStartsOnlyWhenMadeCurrent) {
+    const std::string first = server.url(TestMedia::kClip2s);
+    const std::string next = server.url(TestMedia::kClip2sOther);
+    load(first);
     {
         std::lock_guard lock(mutex);
         ASSERT_EQ(durations.size(), 1u) << "initial value delivered at registration";
         EXPECT_TRUE(std::isnan(durations[0]));
     }
     EXPECT_EQ(status(), Status::paused);
-    queue->sync([&] { player->play(); });
+    queue->sync([&] {
+        player->prepareNextItem(next);
+        player->play();
+    });
     ASSERT_TRUE(waitFor([&] { return ends >= 1; }));
-    // Ends at the last frame, paused there.
     EXPECT_EQ(status(), Status::paused);
     EXPECT_NEAR(position(), TestMedia::kClip2sDuration, 0.15);
     {
@@ -186,24 +190,40 @@ TEST_F(MpvMediaPlayerTest, PlaysItemsToTheirEndReportingDurationTicksAndOneEndEa
         EXPECT_EQ(statuses.front(),
                   std::make_pair(Status::paused, Status::waitingToPlayAtSpecifiedRate));
     }
+    EXPECT_GE(server.requestCount(TestMedia::kClip2sOther), 1u) << "opened ahead";
+    std::string path;
+    EXPECT_FALSE(waitFor(
+        [&] {
+            char* now = mpv_get_property_string(player->handle(), "path");
+            path = now ? now : "";
+            mpv_free(now);
+            return path != first;
+        },
+        1s))
+        << "mpv moved on by itself to " << path;
+    EXPECT_EQ(status(), Status::paused);
+    Counter second = onQueue([&] {
+        player->invalidateDurationObservation(durationId);
+        return playItem(next);
+    });
+    ASSERT_TRUE(waitForCount(second, 1));
 
     // A generated source plays offline to its end too, heard only by its own
     // observers. A bare generator only grows its estimate while decoding; the edit
     // list is exact.
-    Counter second = onQueue<Counter>([&] {
-        player->invalidateDurationObservation(durationId);
+    Counter third = onQueue([&] {
         auto ends = playItem("edl://file=av://lavfi:testsrc2=size=320x180:rate=25,length=1.5");
         player->observeDuration([this](double d) { record([&] { durations.push_back(d); }); });
         return ends;
     });
-    ASSERT_TRUE(waitForCount(second, 1));
+    ASSERT_TRUE(waitForCount(third, 1));
     std::lock_guard lock(mutex);
     EXPECT_EQ(ends, 1);
     EXPECT_NEAR(durations.back(), 1.5, 1e-6);
 }
 
 TEST_F(MpvMediaPlayerTest, ReplacingOrClearingMidPlayDoesNotReportEnd) {
-    load(server->url(TestMedia::kClip3s));
+    load(server.url(TestMedia::kClip3s));
     auto replacement = std::make_shared<int>(0), later = std::make_shared<int>(0);
     Counter cleared;
     size_t durationsBefore = 0;
@@ -212,7 +232,7 @@ TEST_F(MpvMediaPlayerTest, ReplacingOrClearingMidPlayDoesNotReportEnd) {
         atFirstTickBetween(0.5, 2.5, [&] {
             player->seek(2.5, 0, 0, seekDone());
             durationsBefore = durations.size();
-            playItem(server->url(TestMedia::kClip2sOther), replacement);
+            playItem(server.url(TestMedia::kClip2sOther), replacement);
         });
         player->play();
     });
@@ -227,12 +247,12 @@ TEST_F(MpvMediaPlayerTest, ReplacingOrClearingMidPlayDoesNotReportEnd) {
     // Cleared mid-play: no end either, and the player holds nothing. A later item
     // running to its end shows the cleared one stayed silent.
     queue->sync([&] {
-        cleared = playItem(server->url(TestMedia::kClip2s));
+        cleared = playItem(server.url(TestMedia::kClip2s));
         atFirstTickBetween(0.3, 1.5, [&] {
             player->replaceCurrentItem(std::nullopt);
             EXPECT_FALSE(player->hasCurrentItem());
             EXPECT_EQ(player->currentTime(), 0.0);
-            playItem(server->url(TestMedia::kClip2sOther), later);
+            playItem(server.url(TestMedia::kClip2sOther), later);
         });
     });
     ASSERT_TRUE(waitForCount(later, 1));
@@ -261,9 +281,8 @@ TEST_F(MpvMediaPlayerTest, ClearingThenLoadingAtOnceAlwaysStartsTheNewItem) {
     }
 }
 
-TEST_F(MpvMediaPlayerTest, PausedExactSeeksLandTickOnceAndPlayResumesFromThere) {
-    load(server->url(TestMedia::kClip3s));
-    queue->sync([&] { player->play(); });
+TEST_F(MpvMediaPlayerTest, PausedSeeksLandAndRemovedObserversOrDestroyedPlayersStaySilent) {
+    load(server.url(TestMedia::kClip3s), true);
     ASSERT_TRUE(waitFor([&] { return sawStatus(Status::playing); }));
     queue->sync([&] {
         player->pause();
@@ -271,7 +290,7 @@ TEST_F(MpvMediaPlayerTest, PausedExactSeeksLandTickOnceAndPlayResumesFromThere) 
     });
     ASSERT_TRUE(waitFor([&] { return statuses.back().second == Status::paused; }));
 
-    size_t ticksBefore = onQueue<size_t>([&] { return ticks.size(); });
+    size_t ticksBefore = onQueue([&] { return ticks.size(); });
     seek(2.2);
     ASSERT_TRUE(waitFor([&] { return !seeks.empty(); }));
     {
@@ -287,46 +306,41 @@ TEST_F(MpvMediaPlayerTest, PausedExactSeeksLandTickOnceAndPlayResumesFromThere) 
     seek(0.5);
     seek(1.4);
     ASSERT_TRUE(waitFor([&] { return seeks.size() == 3; }));
-    EXPECT_EQ(onQueue<std::vector<bool>>([&] { return seeks; }),
-              (std::vector<bool>{true, false, true}));
+    EXPECT_EQ(onQueue([&] { return seeks; }), (std::vector<bool>{true, false, true}));
     EXPECT_NEAR(position(), 1.4, 0.05);
     EXPECT_EQ(status(), Status::paused);
 
-    ticksBefore = onQueue<size_t>([&] { return ticks.size(); });
+    ticksBefore = onQueue([&] { return ticks.size(); });
     queue->sync([&] { player->play(); });
     ASSERT_TRUE(waitFor([&] { return statuses.back().second == Status::playing; }));
     ASSERT_TRUE(waitFor([&] { return ticks.size() >= ticksBefore + 4; }));
-    std::lock_guard lock(mutex);
-    EXPECT_GT(ticks.back(), 1.4);
-    // Every report is a real change, and each starts where the previous ended.
-    for (size_t i = 0; i < statuses.size(); ++i) {
-        EXPECT_NE(statuses[i].first, statuses[i].second);
-        if (i) {
-            EXPECT_EQ(statuses[i].first, statuses[i - 1].second);
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_GT(ticks.back(), 1.4);
+        // Every report is a real change, and each starts where the previous ended.
+        for (size_t i = 0; i < statuses.size(); ++i) {
+            EXPECT_NE(statuses[i].first, statuses[i].second);
+            if (i) {
+                EXPECT_EQ(statuses[i].first, statuses[i - 1].second);
+            }
         }
     }
-}
 
-TEST_F(MpvMediaPlayerTest, RemovedObserversAndDestroyedPlayersStaySilent) {
-    load(server->url(TestMedia::kClip3s));
-    queue->sync([&] { player->play(); });
-    ASSERT_TRUE(waitFor([&] { return ticks.size() >= 3; }));
-    size_t ticksBefore = 0;
+    // A second player playing to its end is the clock that shows the first one
+    // neither ticks after removal nor calls back after being destroyed.
     queue->sync([&] {
         unobserve();
         ticksBefore = ticks.size();
     });
-    // A second player playing to its end is the clock that shows the first one
-    // neither ticks after removal nor calls back after being destroyed.
     auto other = std::make_shared<MpvMediaPlayer>(queue, quietOptions());
     int destroyedCalls = 0;
-    Counter otherEnds = onQueue<Counter>([&] {
+    Counter otherEnds = onQueue([&] {
         player->addPeriodicTimeObserver(0.1, [&](double) { ++destroyedCalls; });
         player->addStatusObserver([&](Status, Status) { ++destroyedCalls; });
         player->seek(1.0, 0, 0, [&](bool) { ++destroyedCalls; });
         player.reset();
         std::swap(player, other);
-        return playItem(server->url(TestMedia::kClip2s));
+        return playItem(server.url(TestMedia::kClip2s));
     });
     ASSERT_TRUE(waitForCount(otherEnds, 1));
     std::lock_guard lock(mutex);
@@ -340,34 +354,32 @@ TEST_F(MpvMediaPlayerTest, HlsStreamPlaysFromASeekRequestedBeforeMpvOrTheStreamW
     queue->sync([&] {
         player = std::make_shared<MpvMediaPlayer>(queue, quietOptions());
         EXPECT_EQ(player->handle(), nullptr);
-        player->replaceCurrentItem(server->url(TestMedia::kClip2s));
-        player->replaceCurrentItem(server->url(TestMedia::kHls));
+        player->replaceCurrentItem(server.url(TestMedia::kClip2s));
+        player->replaceCurrentItem(server.url(TestMedia::kHls));
         observe();
         player->seek(2.5, 0, 0, seekDone());
         player->play();
     });
     ASSERT_TRUE(waitFor([&] { return ends == 1; }));
-    EXPECT_EQ(server->requestCount(TestMedia::kClip2s), 0u);
+    EXPECT_EQ(server.requestCount(TestMedia::kClip2s), 0u);
     std::lock_guard lock(mutex);
     ASSERT_FALSE(seeks.empty());
     EXPECT_TRUE(seeks[0]);
     EXPECT_NEAR(durations.back(), TestMedia::kHlsDuration, 0.1);
     ASSERT_FALSE(ticks.empty());
     EXPECT_GE(ticks.front(), 2.4) << "playback started at the seek target";
-    EXPECT_GE(server->requestCount("/hls/seg03.ts"), 1u);
+    EXPECT_GE(server.requestCount("/hls/seg03.ts"), 1u);
 }
 
 TEST_F(MpvMediaPlayerTest, FailingAddressesWarnOnceAndAStalledOneGivesWayToTheNextItem) {
-    server->setResponse("/garbage.mp4", {.status = 200, .body = std::string(4096, 'x')});
-
+    server.setResponse("/garbage.mp4", {.status = 200, .body = std::string(4096, 'x')});
     const std::pair<std::string, std::string> cases[] = {
-        {server->url("/missing.mp4"), "404"},
+        {server.url("/missing.mp4"), "404"},
         {LocalHttpServer::refusedURL("/clip.mp4"), "Connection refused"},
-        {server->url("/garbage.mp4"), "format"}};
+        {server.url("/garbage.mp4"), "format"}};
     for (const auto& [url, reason] : cases) {
         SCOPED_TRACE(url);
-        load(url);
-        queue->sync([&] { player->play(); });
+        load(url, true);
         const std::string prefix = "⚠️ Failed to load " + url + ": ";
         ASSERT_TRUE(waitFor([&] { return logged(prefix); }));
         queue->sync([&] {
@@ -389,44 +401,14 @@ TEST_F(MpvMediaPlayerTest, FailingAddressesWarnOnceAndAStalledOneGivesWayToTheNe
     }
     // The server sits on this request for longer than the test may take, so only a
     // replace that does not wait for that load can finish in time; a good item does.
-    server->setResponse("/stalled.mp4", {.body = "", .delaySeconds = 120});
-    load(server->url("/stalled.mp4"));
-    queue->sync([&] { player->play(); });
-    ASSERT_TRUE(waitFor([&] { return server->requestCount("/stalled.mp4") > 0; }));
+    server.setResponse("/stalled.mp4", {.body = "", .delaySeconds = 120});
+    load(server.url("/stalled.mp4"), true);
+    ASSERT_TRUE(waitFor([&] { return server.requestCount("/stalled.mp4") > 0; }));
     EXPECT_EQ(status(), Status::waitingToPlayAtSpecifiedRate);
-    Counter good = onQueue<Counter>([&] { return playItem(server->url(TestMedia::kClip2s)); });
-    ASSERT_TRUE(waitForCount(good, 1));
+    ASSERT_TRUE(waitForCount(onQueue([&] { return playItem(server.url(TestMedia::kClip2s)); }), 1));
     std::lock_guard lock(mutex);
     EXPECT_EQ(ends, 0);
     EXPECT_FALSE(logged("stalled.mp4")) << "an abandoned load is not a failure";
-}
-
-// The next item is opened ahead, yet mpv never moves on to it by itself: at the end
-// the player holds the last frame, and only making the item current plays it.
-TEST_F(MpvMediaPlayerTest, APreparedItemIsOpenedAheadButStartsOnlyWhenMadeCurrent) {
-    const std::string first = server->url(TestMedia::kClip2s);
-    const std::string next = server->url(TestMedia::kClip2sOther);
-    load(first);
-    queue->sync([&] {
-        player->prepareNextItem(next);
-        player->play();
-    });
-    ASSERT_TRUE(waitFor([&] { return ends == 1; }));
-    EXPECT_GE(server->requestCount(TestMedia::kClip2sOther), 1u) << "opened ahead";
-    // Watched for a second: mpv must not move on by itself.
-    std::string path;
-    EXPECT_FALSE(waitFor(
-        [&] {
-            char* now = mpv_get_property_string(player->handle(), "path");
-            path = now ? now : "";
-            mpv_free(now);
-            return path != first;
-        },
-        1s))
-        << "mpv moved on by itself to " << path;
-    EXPECT_EQ(status(), Status::paused);
-
-    ASSERT_TRUE(waitForCount(onQueue<Counter>([&] { return playItem(next); }), 1));
 }
 
 TEST_F(MpvMediaPlayerTest, HundredCreateDestroyCyclesLeaveNoThreadsOrHandles) {
@@ -446,8 +428,7 @@ TEST_F(MpvMediaPlayerTest, HundredCreateDestroyCyclesLeaveNoThreadsOrHandles) {
     };
     cycle(true);  // first use loads mpv's libraries and their one-time threads
     MpvMediaPlayer::finishBackgroundWork();
-    const size_t threads = entriesIn("/proc/self/task");
-    const size_t fds = entriesIn("/proc/self/fd");
+    const size_t threads = entriesIn("/proc/self/task"), fds = entriesIn("/proc/self/fd");
     for (int i = 0; i < 100; ++i) cycle(i % 10 == 0);
     MpvMediaPlayer::finishBackgroundWork();  // the last ones are released there
     EXPECT_EQ(entriesIn("/proc/self/task"), threads);
@@ -468,27 +449,20 @@ TEST_F(MpvMediaPlayerTest, FactoryHandsOutHookedPlayersOnTheGivenQueue) {
     });
     EXPECT_TRUE(waitFor([&] { return hooked == 2; }));
     EXPECT_NE(a, b);
-    ASSERT_NE(dynamic_cast<MpvMediaPlayer*>(a.get()), nullptr);
+    auto* mpv = dynamic_cast<MpvMediaPlayer*>(a.get());
+    ASSERT_NE(mpv, nullptr);
     // The embedding is locked down: nothing from the user's mpv set-up, no scripts
     // or downloads, no key bindings, and a bounded wait on the network.
-    auto* handle = dynamic_cast<MpvMediaPlayer*>(a.get())->handle();
-    for (const auto& [name, value] : {std::pair{"vo", "null"},
-                                      {"options/config", "no"},
-                                      {"options/ytdl", "no"},
-                                      {"options/load-scripts", "no"},
-                                      {"options/osc", "no"},
-                                      {"options/input-default-bindings", "no"},
-                                      {"options/idle", "yes"},
-                                      {"options/keep-open", "always"},
-                                      {"options/prefetch-playlist", "yes"},
-                                      {"options/terminal", "no"}}) {
-        char* actual = mpv_get_property_string(handle, name);
-        EXPECT_STREQ(actual, value) << name;
+    for (const std::string setting :
+         {"vo=null", "options/config=no", "options/ytdl=no", "options/load-scripts=no",
+          "options/osc=no", "options/input-default-bindings=no", "options/idle=yes",
+          "options/keep-open=always", "options/prefetch-playlist=yes", "options/terminal=no",
+          "options/network-timeout=10.000000"}) {
+        const size_t eq = setting.find('=');
+        char* actual = mpv_get_property_string(mpv->handle(), setting.substr(0, eq).c_str());
+        EXPECT_EQ(actual ? std::string(actual) : "(unset)", setting.substr(eq + 1)) << setting;
         mpv_free(actual);
     }
-    double timeout = 0;
-    mpv_get_property(handle, "options/network-timeout", MPV_FORMAT_DOUBLE, &timeout);
-    EXPECT_EQ(timeout, 10.0);
     queue->sync([&] {
         a.reset();
         b.reset();

@@ -50,10 +50,9 @@ struct PackagedLibrary : ::testing::Test {
 
 TEST_F(PackagedLibrary, CopiedAloneShowsTheSameArtworkAsInTheTree) {
     const fs::path prefix = dir / "prefix", game = dir / "game";
-    ASSERT_EQ(std::system(("cmake --install '" KAVELIN_BUILD_DIR "' --prefix '" + prefix.string() +
-                           "' >/dev/null")
-                              .c_str()),
-              0);
+    const std::string install =
+        "cmake --install '" KAVELIN_BUILD_DIR "' --prefix '" + prefix.string() + "' >/dev/null";
+    ASSERT_EQ(std::system(install.c_str()), 0);
     fs::create_directories(game);
     fs::copy_file(prefix / "lib/libKavelin.so.1.1.0", game / "libKavelin.so");
     fs::remove_all(prefix);
@@ -67,12 +66,9 @@ TEST_F(PackagedLibrary, CopiedAloneShowsTheSameArtworkAsInTheTree) {
                              game);
     ASSERT_EQ(inTree.size(), 1280u * 200 * 3);
     ASSERT_EQ(copied.size(), inTree.size());
-    // Where artwork is drawn, not how bright: the controls' own fade may be at
-    // another step in each run.
+    // Where artwork is drawn, not how bright: the controls' fade may be at another step.
     size_t drawn = 0, differing = 0;
-    auto lit = [](const std::vector<uint8_t>& p, size_t i) {
-        return p[i] + p[i + 1] + p[i + 2] > 96;
-    };
+    auto lit = [](const auto& p, size_t i) { return p[i] + p[i + 1] + p[i + 2] > 96; };
     for (size_t i = 0; i < inTree.size(); i += 3) {
         drawn += lit(inTree, i);
         differing += lit(inTree, i) != lit(copied, i);

@@ -1,6 +1,5 @@
-// The built-in sample catalogue must play on libmpv with no network and no media
-// files, report its real duration up front and end by itself.
-
+// The built-in sample catalogue plays on libmpv with no network and no media files,
+// reports its real duration up front and ends by itself.
 #include <gtest/gtest.h>
 #include <mpv/client.h>
 

@@ -1,6 +1,5 @@
-// The player screen in a real window under Xvfb: a generated clip plays through
-// libmpv's render API, and the pixels read back show the video, the controls and
-// the rail where the layout puts them. The screenshot is kept in the build dir.
+// The player screen in a real window under Xvfb, read back pixel by pixel; the
+// screenshot is kept in the build dir.
 #include <SDL.h>
 #include <SDL_image.h>
 #include <gtest/gtest.h>
@@ -19,10 +18,9 @@
 #include "support/XvfbDisplay.h"
 
 namespace kavelin {
-using kavelin::testing::waitOnMainQueue;
-
 namespace {
 
+using kavelin::testing::waitOnMainQueue;
 namespace fs = std::filesystem;
 
 struct Pixel {
@@ -103,9 +101,8 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
         << pc->showPlaylist.get() << " at " << pc->currentTime.get() << " of "
         << pc->duration.get();
 
-    // mpv hands its pictures over on its own schedule, and the rail has finished
-    // sliding in once the strip above its cards is black right under the picture.
-    // The checks below say which part did not show up.
+    // mpv hands its pictures over on its own schedule and the rail slides in: the
+    // checks below say which part did not show up.
     WindowPresenter::Capture shot;
     VideoPlayerView::Layout layout;
     Rect video;
@@ -126,26 +123,24 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     savePng(shot, png);
     RecordProperty("screenshot", png.string());
 
-    // Video: letter-boxed red picture with black bars at the sides.
+    // Video letter-boxed between black bars.
     EXPECT_FLOAT_EQ(layout.rail.h, 176);
     EXPECT_GT(share(shot, {video.x + 8, video.y + 110, 60, 80}, isRed), 0.95);
     EXPECT_GT(share(shot, {4, video.midY(), video.x - 8, 40}, isBlack), 0.95);
 
-    // Controls: the back button over the left bar, the white play/pause disc in
-    // the centre row, the time label's light backing.
+    // Controls: back button, white play/pause disc, the time label's light backing.
     EXPECT_GT(1 - share(shot, layout.back.inset(8), isBlack), 0.5);
     EXPECT_GT(share(shot, layout.centre[2].inset(4), isWhite), 0.3);
     EXPECT_GT(share(shot, layout.timeBackground.inset(10), isWhite), 0.3);
 
-    // Rail: black strip with the first card's white border and its thumbnail.
+    // Rail: the first card's white border and its thumbnail.
     const float cardTop = layout.rail.y + PlaylistBottomView::UI::phoneLandscapeSpacing * 2;
     EXPECT_TRUE(isWhite(at(shot, 16 + 1.5f, cardTop + 55)));
     EXPECT_LT(share(shot, {30, cardTop + 20, 120, 70}, isBlack), 0.5);
     EXPECT_GT(share(shot, {0, layout.rail.y + 2, 1280, 8}, isBlack), 0.95);
 
-    // Space on the keyboard pauses, as the button does. Like the button it does
-    // nothing while the player waits for data, which a busy machine makes likely:
-    // it is pressed again, about twice a second, until playback has stopped.
+    // Space pauses, as the button does, and like it does nothing while the player
+    // waits for data: pressed again about twice a second until playback stops.
     int polls = 0;
     ASSERT_TRUE(waitOnMainQueue(
         [&] {
@@ -163,9 +158,8 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
         << "loading " << pc->showLoading.get() << " shown " << window->isShown() << " frames "
         << window->framesRendered() << " presses " << (polls + 9) / 10;
 
-    // Paused, once the fades are over, nothing changes on screen and nothing is
-    // drawn: the frame count comes to rest and stays there. Continuous drawing
-    // never rests, however long the bound.
+    // Paused, once the fades are over, nothing is drawn: the frame count comes to
+    // rest, which continuous drawing never does.
     using Clock = std::chrono::steady_clock;
     uint64_t frames = 0;
     auto still = Clock::now();
@@ -179,9 +173,8 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
         },
         20))
         << "still drawing while paused: " << frames << " frames";
-    // A frame asked for with nothing changed is recorded but not drawn again. On a
-    // slow machine a late picture may still land between two asked for; drawing
-    // every frame asked for never passes.
+    // A frame asked for with nothing changed is not drawn. A late picture may land
+    // between two asked for on a slow machine; drawing every one never passes.
     EXPECT_TRUE(waitOnMainQueue(
         [&] {
             window->renderNow();
@@ -195,10 +188,10 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     EXPECT_TRUE(waitOnMainQueue([&] { return window->framesRendered() > frames; }, 2));
 
     // Back closes the window, and the dropped player takes its render context along.
-    size_t attached = 0;
-    mainQueue().sync([&] { attached = window->attachedPlayers(); });
-    EXPECT_EQ(attached, 1u);
-    mainQueue().sync([&] { pc->backToHome(); });
+    mainQueue().sync([&] {
+        EXPECT_EQ(window->attachedPlayers(), 1u);
+        pc->backToHome();
+    });
     EXPECT_TRUE(waitOnMainQueue([&] { return !window->isShown(); }, 5));
     EXPECT_TRUE(waitOnMainQueue([&] { return window->attachedPlayers() == 0; }, 5));
     mainQueue().sync([&] {

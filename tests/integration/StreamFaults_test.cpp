@@ -1,12 +1,10 @@
-// Broken stream addresses played through the entry points with real libmpv on
-// loopback: whatever the fault, no call blocks, a video that cannot play takes
-// the viewer out as if they had pressed back, one that recovers plays on, and the
-// next playlist plays.
+// Broken stream addresses through the entry points, real libmpv on loopback: no
+// call blocks, a video that cannot play takes the viewer out as back does, one
+// that recovers plays on, and the next playlist plays.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -55,7 +53,6 @@ class StreamFaults : public ::testing::TestWithParam<StreamFault> {
         timed("cleanup", [] { ::cleanup(); });
     }
 
-    // Runs one exported call and keeps how long it took.
     void timed(const char* what, const std::function<void()>& call) {
         auto start = Clock::now();
         call();
@@ -106,8 +103,7 @@ TEST_P(StreamFaults, ViewerIsTakenBackOnceAndTheNextPlaylistPlays) {
                                  R"(","thumbnail":"","title":"G","isActive":1,"length":2}]}])";
 
     timed("registerUnityCallback", [] { ::registerUnityCallback(HostEvents::record); });
-    // A fresh player controller, as after any cleanup.
-    timed("setURLS", [] { ::setURLS(nullptr, 0); });
+    timed("setURLS", [] { ::setURLS(nullptr, 0); });  // a fresh player, as after any cleanup
     timed("SetPlaylists", [&] { ::SetPlaylists(playlists.c_str()); });
     timed("SetEpisodes", [&] { ::SetEpisodes(episodes.c_str()); });
     timed("SetPremium", [&] { ::SetPremium(fault.premium); });

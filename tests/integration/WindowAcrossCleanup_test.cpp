@@ -3,9 +3,9 @@
 #include <Kavelin/Kavelin.h>
 #include <gtest/gtest.h>
 
-#include "Kavelin/Platform/Platform.h"
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/Platform/Linux/WindowPresenter.h"
+#include "Kavelin/Platform/Platform.h"
 #include "support/MainQueueWait.h"
 #include "support/ScratchDir.h"
 #include "support/XvfbDisplay.h"
@@ -33,7 +33,6 @@ TEST(WindowAcrossCleanup, CleanupClosesTheWindowAndTheNextPlaylistDrawsInANewOne
     auto window = std::dynamic_pointer_cast<WindowPresenter>(Platform::current().presenter);
     auto queue = std::dynamic_pointer_cast<ThreadMainQueue>(Platform::current().queue);
     ASSERT_TRUE(window && queue) << "the real platform did not choose the window presenter";
-
     for (int session = 1; session <= 2; ++session) {
         if (session == 2) setURLS(nullptr, 0);  // cleanup dropped the player
         PlayPlaylist("pl-win");
