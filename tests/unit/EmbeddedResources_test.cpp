@@ -44,24 +44,20 @@ TEST(EmbeddedResources, DevelopmentFolderShadowsOnlyWhatItHolds) {
     std::ofstream(dir.path / "Play.svg") << "edited";
     const std::string outside = dir.path.filename().string() + "-outside.svg";
     std::ofstream(dir.path.parent_path() / outside) << "secret";
-    ScopedEnv variable("KAVELIN_TEST_RESOURCES", dir.path.c_str());
+    ScopedEnv folder("KAVELIN_TEST_RESOURCES", dir.path.c_str());
     const auto builtInPause = embeddedResource("Pause.svg");
     ASSERT_TRUE(builtInPause && embeddedResource("Play.svg"));
-    struct Case {
-        std::string name;
-        const char* variable;
-        std::optional<std::string> expected;
-    } cases[] = {
-        {"Play.svg", "KAVELIN_TEST_RESOURCES", "edited"},
+    const char* var = "KAVELIN_TEST_RESOURCES";
+    const std::tuple<std::string, const char*, std::optional<std::string>> cases[] = {
+        {"Play.svg", var, "edited"},
         {"Play.svg", nullptr, std::string(*embeddedResource("Play.svg"))},
-        {"Pause.svg", "KAVELIN_TEST_RESOURCES", std::string(*builtInPause)},
-        {"../" + outside, "KAVELIN_TEST_RESOURCES", std::nullopt},
-        {"no-such.svg", "KAVELIN_TEST_RESOURCES", std::nullopt},
-        {"no-such.svg", nullptr, std::nullopt},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(resourceBytes(c.name, c.variable), c.expected)
-            << c.name << " via " << (c.variable ? c.variable : "-");
+        {"Pause.svg", var, std::string(*builtInPause)},
+        {"../" + outside, var, std::nullopt},
+        {"no-such.svg", var, std::nullopt},
+        {"no-such.svg", nullptr, std::nullopt}};
+    for (const auto& [name, variable, expected] : cases)
+        EXPECT_EQ(resourceBytes(name, variable), expected)
+            << name << " via " << (variable ? variable : "-");
     std::filesystem::remove(dir.path.parent_path() / outside);
 }
 

@@ -17,20 +17,15 @@ TEST(HeadlessPresenter, CompletesAfterTheAnimationNeverInlineAndEvenWhenGone) {
     int presented = 0, dismissed = 0;
     presenter->present(screen, true, [&] { ++presented; });
     queue->advance(kPresentationFadeSeconds - 0.01);
-    EXPECT_EQ(presented, 0);
-    EXPECT_EQ(presenter->presented(), nullptr);
+    EXPECT_TRUE(presented == 0 && presenter->presented() == nullptr);
     queue->advance(0.01);
-    EXPECT_EQ(presented, 1);
-    EXPECT_EQ(presenter->presented(), screen);
-
+    EXPECT_TRUE(presented == 1 && presenter->presented() == screen);
     presenter->dismiss(screen, false, [&] { ++dismissed; });
     EXPECT_EQ(dismissed, 0);  // even unanimated, it completes on a later turn
     queue->runUntilIdle();
-    EXPECT_EQ(dismissed, 1);
-    EXPECT_EQ(presenter->presented(), nullptr);
+    EXPECT_TRUE(dismissed == 1 && presenter->presented() == nullptr);
     EXPECT_EQ(std::make_pair(presenter->presentCount(), presenter->dismissCount()),
               std::make_pair(1, 1));
-
     // A completion outliving the presenter still runs.
     presenter->dismiss(screen, true, [&] { ++dismissed; });
     presenter.reset();

@@ -1,7 +1,5 @@
-// What a host sends that is off: a bad input or remote configuration costs one
-// error line, never the game; stray bytes in catalogue text cost one title; a
-// pause after the back button still answers; numbers stay the same bytes whatever
-// numeric locale the host adopted.
+// Off input from a host costs an error line or a title, never the game, and
+// numbers keep their bytes whatever numeric locale the host adopted.
 #include <Kavelin/Kavelin.h>
 
 #include <clocale>
@@ -9,8 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
-#include <tuple>
 
 #include "Kavelin/Extentions/UTF8Repair.h"
 #include "support/PlayerControllerFixture.h"
@@ -53,8 +49,7 @@ class BadInput : public PlayerControllerTest {
 TEST_F(BadInput, URLListSkipsNullEntriesANegativeCountIsLoggedAndTheListKept) {
     const char* urls[] = {"a", nullptr, "b"};
     EXPECT_EQ(urlsFromHost(urls, 3), (std::vector<std::string>{"a", "b"}));
-    EXPECT_TRUE(urlsFromHost(urls, 0).empty());
-    EXPECT_TRUE(urlsFromHost(nullptr, 2).empty());
+    EXPECT_TRUE(urlsFromHost(urls, 0).empty() && urlsFromHost(nullptr, 2).empty());
 
     pc->setURLS({"a", "b"});
     const char* list[] = {"x"};
@@ -90,7 +85,6 @@ TEST_F(BadInput, EmptyCatalogueLeavesTheControllerWithoutPlaylists) {
     EXPECT_TRUE(empty.currentPlaylist->id.empty());
     EXPECT_TRUE(empty.videos.empty());
     EXPECT_NE(errorsLogged().find("❌ The playlist catalogue is empty"), std::string::npos);
-
     // The running playlist ends into the one chosen earlier; after it none follows.
     subscriptionStatus() = SubscriptionStatus::premium;
     logs.clear();

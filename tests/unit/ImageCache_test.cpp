@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <future>
 #include <thread>
@@ -36,11 +35,11 @@ std::string pngBytes(int w, int h) {
     return buffer;
 }
 
+// Fetches finish on worker threads and hop onto the views' real queue; no platform
+// is installed, so nothing can reach for one.
 class ImageCacheTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        // Fetches finish on worker threads and hop onto the views' real queue; no
-        // platform is installed, so nothing can reach for one.
         ImageCache::shared().removeAll();
         ImageLoader::setTimeoutForTesting(ImageLoader::timeoutSeconds);
         server.setResponse("/thumb.png", {200, pngBytes(8, 6), "image/png"});
@@ -50,33 +49,24 @@ class ImageCacheTest : public ::testing::Test {
         queue->shutdown();
         ImageLoader::setTimeoutForTesting(ImageLoader::timeoutSeconds);
     }
-
-    // Shows a view for `url` (its first frame starts the load) and waits until
-    // its fetch, if any, has finished.
-    CachedAsyncImage& show(const std::string& url) {
-        CachedAsyncImage* view = nullptr;
-        queue->sync([&] {
-            views.push_back(std::make_unique<CachedAsyncImage>(url, queue));
-            view = views.back().get();
-            drawOnce(*view);
-        });
-        waitUntilLoaded(*view);
-        return *view;
-    }
-
-    // Views for `url` asked to load together, in one turn of the main queue.
-    std::vector<CachedAsyncImage*> start(const std::string& url, int count) {
+    // Views for `url` appearing in one turn of the main queue: drawn (their first frame
+    // starts the load) or asked to load directly.
+    std::vector<CachedAsyncImage*> start(const std::string& url, int count, bool draw = false) {
         std::vector<CachedAsyncImage*> started;
         queue->sync([&] {
             for (int i = 0; i < count; ++i) {
-                views.push_back(std::make_unique<CachedAsyncImage>(url, queue));
-                started.push_back(views.back().get());
-                started.back()->loadImage();
+                started.push_back(
+                    views.emplace_back(std::make_unique<CachedAsyncImage>(url, queue)).get());
+                draw ? void(drawOnce(*started.back())) : started.back()->loadImage();
             }
         });
         return started;
     }
-
+    CachedAsyncImage& show(const std::string& url) {
+        auto* view = start(url, 1, true)[0];
+        waitUntilLoaded(*view);
+        return *view;
+    }
     void waitUntilLoaded(const CachedAsyncImage& view) {
         auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         bool loading = true;
@@ -86,7 +76,6 @@ class ImageCacheTest : public ::testing::Test {
         }
         ASSERT_FALSE(loading);
     }
-
     // One frame drawing `view` (on the main queue); returns the placeholders drawn.
     size_t drawOnce(CachedAsyncImage& view) {
         imgui.frame(queue->now(), [&](Frame& f) { view.draw(f, {10, 10, 180, 130}); });
@@ -105,22 +94,15 @@ TEST_F(ImageCacheTest, FetchedPictureIsCachedAndServedFromMemoryAfterwards) {
     auto& first = show(url);
     ASSERT_NE(first.image(), nullptr);
     EXPECT_FALSE(first.hasError());
-    EXPECT_EQ(first.image()->width, 8);
-    EXPECT_EQ(first.image()->height, 6);
+    EXPECT_EQ(std::pair(first.image()->width, first.image()->height), std::pair(8, 6));
     EXPECT_EQ(ImageCache::shared().image(url), first.image());
-
     // A later view shows it at once, without a spinner or a request.
     auto* second = start(url, 1)[0];
-    queue->sync([&] {
-        EXPECT_FALSE(second->isLoading());
-        EXPECT_EQ(second->image(), first.image());
-    });
+    queue->sync([&] { EXPECT_TRUE(!second->isLoading() && second->image() == first.image()); });
     EXPECT_EQ(server.requestCount("/thumb.png"), 1u);
-
     // The key is the address as written: another spelling is another fetch.
     show(url + "?");
     EXPECT_EQ(server.requestCount("/thumb.png"), 2u);
-
     // A forgotten failure is asked again (a server may have come back).
     server.setResponse("/missing.png", {404, "not found"});
     EXPECT_TRUE(show(server.url("/missing.png")).hasError());
@@ -132,28 +114,19 @@ TEST_F(ImageCacheTest, FetchedPictureIsCachedAndServedFromMemoryAfterwards) {
 
 TEST_F(ImageCacheTest, MalformedAddressesFailAtOnceWithoutARequest) {
     for (const std::string& url :
-         std::vector<std::string>{"", "not a url", "http://", "ftp://127.0.0.1/x.png",
-                                  server.url("/thumb.png").insert(7, 1, ' ')}) {
-        SCOPED_TRACE(url);
-        bool error = false, loading = true;
-        queue->sync([&] {
-            CachedAsyncImage view(url, queue);
-            view.loadImage();
-            error = view.hasError();
-            loading = view.isLoading();
-        });
-        EXPECT_TRUE(error);
-        EXPECT_FALSE(loading);
+         {std::string(), std::string("not a url"), std::string("http://"),
+          std::string("ftp://127.0.0.1/x.png"), server.url("/thumb.png").insert(7, 1, ' ')}) {
+        auto* view = start(url, 1)[0];
+        queue->sync([&] { EXPECT_TRUE(view->hasError() && !view->isLoading()) << url; });
     }
     EXPECT_EQ(server.totalRequests(), 0u);
     EXPECT_TRUE(logs.lines().empty());
 }
 
 TEST_F(ImageCacheTest, TwoViewsAppearingTogetherShareOneFetch) {
-    // The cache is filled from the fetching worker, so a fetch that completed between
-    // the two appearances would spare the second view the in-flight request it should share.
-    // Holding every worker until both views have started keeps them "together" whatever the
-    // scheduling.
+    // The cache is filled from the fetching worker, so a fetch done between the two
+    // appearances would spare the second view the request it should share: every
+    // worker is held until both views have started.
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
     for (int i = 0; i < 8; ++i)
@@ -170,33 +143,26 @@ TEST_F(ImageCacheTest, TwoViewsAppearingTogetherShareOneFetch) {
     EXPECT_EQ(server.requestCount("/thumb.png"), 1u);
 }
 
-// Thumbnail addresses, hostile ones among them: anything too big in bytes or pixels,
-// broken, silent or unfetchable ends in the placeholder without being decoded, and
-// one address is fetched once however many cards ask at once.
+// Hostile thumbnail addresses: anything too big in bytes or pixels, broken, silent
+// or unfetchable ends in the placeholder without being decoded, and one address is
+// fetched once however many cards ask at once.
 struct Thumbnail {
     const char* name;
     // What /t serves, made when the case runs; none: no request is expected.
-    std::function<std::optional<Response>()> response;
+    std::function<Response()> response;
     int expectedWidth;      // 0: the placeholder
     std::string address{};  // when not the server's /t
 };
 
-class ThumbnailFaults : public ImageCacheTest, public ::testing::WithParamInterface<Thumbnail> {
-  protected:
-    void SetUp() override {
-        ImageCacheTest::SetUp();
-        ImageLoader::setTimeoutForTesting(1.0);
-    }
-};
+class ThumbnailFaults : public ImageCacheTest, public ::testing::WithParamInterface<Thumbnail> {};
 
 TEST_P(ThumbnailFaults, FourCardsShareOneBoundedFetch) {
+    ImageLoader::setTimeoutForTesting(1.0);
     const Thumbnail& t = GetParam();
-    const auto response = t.response();
-    if (response) server.setResponse("/t", *response);
+    if (t.response) server.setResponse("/t", t.response());
     const std::string url = t.address.empty() ? server.url("/t") : t.address;
-    start(url, 4);
-    for (auto& v : views) waitUntilLoaded(*v);
-    const size_t requests = response ? 1u : 0u;
+    for (auto* v : start(url, 4)) waitUntilLoaded(*v);
+    const size_t requests = t.response ? 1u : 0u;
     EXPECT_EQ(server.requestCount("/t"), requests);
     queue->sync([&] {
         for (auto& v : views) {
@@ -211,7 +177,7 @@ TEST_P(ThumbnailFaults, FourCardsShareOneBoundedFetch) {
         }
     });
     if (t.expectedWidth == 0) {
-        // A card that appears right after the failure is answered from memory, and later
+        // A card appearing right after the failure is answered from memory, and later
         // frames keep drawing the placeholder: nothing is asked again.
         EXPECT_EQ(ImageCache::shared().image(url), nullptr);
         auto& again = show(url);
@@ -226,67 +192,59 @@ TEST_P(ThumbnailFaults, FourCardsShareOneBoundedFetch) {
     EXPECT_TRUE(logs.lines().empty());
 }
 
-Response png(int w, int h, std::string tail = "", double delay = 0) {
-    return {200, pngBytes(w, h) + tail, "image/png", delay};
+// A picture trailed by `tail` zero bytes.
+std::function<Response()> png(int w, int h, size_t tail = 0, double delay = 0) {
+    return [=] {
+        return Response{200, pngBytes(w, h) + std::string(tail, '\0'), "image/png", delay};
+    };
 }
+const auto serve = [](Response r) { return [r] { return r; }; };
 std::string svg(int w, int h) {
     return "<svg xmlns='http://www.w3.org/2000/svg' width='" + std::to_string(w) + "' height='" +
            std::to_string(h) + "'><rect width='100%' height='100%' fill='red'/></svg>";
 }
 const std::string kSample = std::string("file://") + KAVELIN_SOURCE_DIR + "/Resources/";
-const auto nothing = [] { return std::optional<Response>(); };
-auto serve(Response r) {
-    return [r] { return std::optional<Response>(r); };
-}
 
 INSTANTIATE_TEST_SUITE_P(
     Loopback, ThumbnailFaults,
     ::testing::Values(
-        Thumbnail{"Fits", [] { return png(64, 48); }, 64},
+        Thumbnail{"Fits", png(64, 48), 64},
         Thumbnail{"NotFound", serve({404, "no", "text/plain"}), 0},
         Thumbnail{"ServerError", serve({500, "oops"}), 0},
         Thumbnail{"NoContent", serve({204, ""}), 0},
         Thumbnail{"Garbage", serve({200, std::string(9000, '#'), "image/png"}), 0},
         // A valid picture trailed by 50 MB: decoders would ignore the tail.
-        Thumbnail{"FiftyMegabytes", [] { return png(64, 48, std::string(50 << 20, '\0')); }, 0},
+        Thumbnail{"FiftyMegabytes", png(64, 48, 50 << 20), 0},
         // Kilobytes on the wire, beyond the pixel bound once decoded.
-        Thumbnail{"TooManyPixels", [] { return png(2100, 2100); }, 0},
-        Thumbnail{"TooWide", [] { return png(4097, 1); }, 0},
+        Thumbnail{"TooManyPixels", png(2100, 2100), 0}, Thumbnail{"TooWide", png(4097, 1), 0},
         Thumbnail{"HugeSvgIsDrawnSmall", serve({200, svg(100000, 50000), "image/svg+xml"}),
                   ImageLoader::svgSide},
-        Thumbnail{"NeverAnswers", [] { return png(8, 8, "", 600); }, 0},
-        Thumbnail{"UnknownScheme", nothing, 0, "gopher://127.0.0.1/t.png"},
-        Thumbnail{"SampleFile", nothing, ImageLoader::svgSide,
-                  kSample + "Thumbnails/playlist-1.svg"},
-        Thumbnail{"MissingFile", nothing, 0, kSample + "none.svg"}),
+        Thumbnail{"NeverAnswers", png(8, 8, 0, 600), 0},
+        Thumbnail{"UnknownScheme", {}, 0, "gopher://127.0.0.1/t.png"},
+        Thumbnail{"SampleFile", {}, ImageLoader::svgSide, kSample + "Thumbnails/playlist-1.svg"},
+        Thumbnail{"MissingFile", {}, 0, kSample + "none.svg"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Workers write while the main queue reads: every read sees a whole entry.
 TEST(ImageCacheThreads, ConcurrentWritersAndReadersSeeWholeEntries) {
     ImageCache::shared().removeAll();
+    auto key = [](int k) { return "http://127.0.0.1/" + std::to_string(k) + ".png"; };
     std::atomic<int> mismatches{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([t, &mismatches] {
+        threads.emplace_back([&, t] {
             for (int i = 0; i < 4000; ++i) {
                 const int k = (i * 7 + t) % 64;
-                const std::string key = "http://127.0.0.1/" + std::to_string(k) + ".png";
-                if (t % 2) {
-                    auto image = std::make_shared<Image>();
-                    image->width = k + 1;
-                    image->height = 1;
-                    ImageCache::shared().set(image, key);
-                } else if (auto image = ImageCache::shared().image(key);
-                           image && image->width != k + 1) {
+                if (t % 2)
+                    ImageCache::shared().set(std::make_shared<Image>(Image{k + 1, 1, {}}), key(k));
+                else if (auto image = ImageCache::shared().image(key(k));
+                         image && image->width != k + 1)
                     ++mismatches;
-                }
             }
         });
     for (auto& th : threads) th.join();
     EXPECT_EQ(mismatches.load(), 0);
-    for (int k = 0; k < 64; ++k)
-        EXPECT_NE(ImageCache::shared().image("http://127.0.0.1/" + std::to_string(k) + ".png"),
-                  nullptr);
+    for (int k = 0; k < 64; ++k) EXPECT_NE(ImageCache::shared().image(key(k)), nullptr);
     ImageCache::shared().removeAll();
 }
 

@@ -12,9 +12,7 @@ namespace {
 TEST(MainQueueOwnershipDeathTest, AnOperationOffTheQueueStopsNamingItselfAndRunsOnIt) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto queue = std::make_shared<ThreadMainQueue>();
-    Platform platform;
-    platform.queue = queue;
-    Platform::install(platform);
+    Platform::install({queue, nullptr, nullptr, nullptr, {}});
     EXPECT_DEATH(sendUnityMessage("OnVideoPlay", "true"),
                  "sendUnityMessage .*ran off the library's main queue");
     std::string seen;

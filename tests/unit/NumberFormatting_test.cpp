@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <limits>
-#include <string>
 
 #include "support/ScopedEnv.h"
 
@@ -15,27 +14,15 @@ namespace {
 
 TEST(DoubleDescription, FixedWithAFractionInsideTheReadableRangeExponentOutside) {
     const double inf = std::numeric_limits<double>::infinity();
+    // clang-format off
     const std::pair<double, const char*> cases[] = {
-        {7.25, "7.25"},
-        {95.0, "95.0"},
-        {210.5, "210.5"},
-        {100000.0, "100000.0"},
-        {-12.5, "-12.5"},
-        {0.1, "0.1"},
-        {1.0 / 3.0, "0.3333333333333333"},
-        {0.0, "0.0"},
-        {-0.0, "-0.0"},
-        {0.0001, "0.0001"},
-        {0.00001, "1e-05"},
-        {-0.00001, "-1e-05"},
-        {9007199254740991.0, "9007199254740991.0"},  // 2^53 - 1
-        {9007199254740992.0, "9.007199254740992e+15"},
-        {1e16, "1e+16"},
-        {1.5e300, "1.5e+300"},
-        {5e-324, "5e-324"},
-        {inf, "inf"},
-        {-inf, "-inf"},
-        {std::nan(""), "nan"}};
+        {7.25, "7.25"}, {95.0, "95.0"}, {210.5, "210.5"}, {100000.0, "100000.0"}, {-12.5, "-12.5"},
+        {0.1, "0.1"}, {1.0 / 3.0, "0.3333333333333333"}, {0.0, "0.0"}, {-0.0, "-0.0"},
+        {0.0001, "0.0001"}, {0.00001, "1e-05"}, {-0.00001, "-1e-05"},
+        {9007199254740991.0 /* 2^53 - 1 */, "9007199254740991.0"},
+        {9007199254740992.0, "9.007199254740992e+15"}, {1e16, "1e+16"}, {1.5e300, "1.5e+300"},
+        {5e-324, "5e-324"}, {inf, "inf"}, {-inf, "-inf"}, {std::nan(""), "nan"}};
+    // clang-format on
     for (const auto& [value, text] : cases) EXPECT_EQ(doubleDescription(value), text);
     // The shortest text that reads back to the same value.
     for (double v : {0.1 + 0.2, 123.456, 1e-4 * 3, 2.0 / 7.0, 6.02214076e23, 1e-300,

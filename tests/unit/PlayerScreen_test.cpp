@@ -42,7 +42,6 @@ TEST_F(PlayerScreenTest, WindowCallsReachTheViewsAndControllers) {
     ASSERT_TRUE(pc->isPlaying);
     screen->handleKey(HostingController::Key::space);
     EXPECT_FALSE(pc->isPlaying);
-
     events.clear();
     screen->closeRequested();
     EXPECT_EQ(events.take(), (Events{{"OnVideoClosed", "back"}}));
@@ -64,7 +63,6 @@ TEST_F(PlayerScreenTest, TexturesAndRedrawsGoThroughTheOpenWindowOnly) {
     Display::setNeedsDisplay();
     EXPECT_EQ(uploaded, (std::vector<std::pair<int, int>>{{2, 3}})) << "uploaded once";
     EXPECT_EQ(redraws, 1);
-
     views->windowClosing();
     EXPECT_EQ(released, std::vector<TextureHandle>{42});
     Display::setNeedsDisplay();

@@ -4,7 +4,6 @@
 #include "Kavelin/views/VideoPlayerView.h"
 #include "support/HeadlessImGui.h"
 #include "support/PlayerControllerFixture.h"
-#include "support/VirtualMainQueue.h"
 
 namespace kavelin::testing {
 namespace {
@@ -54,8 +53,7 @@ class RailTest : public PlayerControllerTest {
 
 TEST_F(RailTest, ListsVideosThenNextPlaylistAndScrollsTheCurrentCardToTheLeadingEdge) {
     frame();
-    EXPECT_EQ(rail->cardCount(), 6u);
-    EXPECT_TRUE(rail->hasNextPlaylistCard());
+    EXPECT_TRUE(rail->cardCount() == 6 && rail->hasNextPlaylistCard());
     // 180-wide cards 15 apart after a 16 padding: two fit in 390 points.
     EXPECT_TRUE(trace().hasText("Title a0") && trace().hasText("Title a1"));
     EXPECT_FALSE(trace().hasText("Title a3"));
@@ -65,14 +63,11 @@ TEST_F(RailTest, ListsVideosThenNextPlaylistAndScrollsTheCurrentCardToTheLeading
     frame();
     EXPECT_FLOAT_EQ(offset(), 16);  // the 0.4 s animation starts here
     vp.advance(0.2);
-    EXPECT_GT(offset(), 16);
-    EXPECT_LT(offset(), 3 * 195);
+    EXPECT_TRUE(offset() > 16 && offset() < 3 * 195) << offset();
     vp.advance(0.25);
     EXPECT_FLOAT_EQ(offset(), rail->cardOffset(3));  // the card itself at the edge
     frame();
-    EXPECT_TRUE(trace().hasText("Title a3"));
-    EXPECT_FALSE(trace().hasText("Title a0"));
-
+    EXPECT_TRUE(trace().hasText("Title a3") && !trace().hasText("Title a0"));
     // Without a playlist card the last video cannot go further than the content's end.
     playlist->nextPlaylist = std::nullopt;
     playlist->videoStarted("a5");
@@ -92,11 +87,8 @@ TEST_F(RailTest, DragsScrollAndReportEveryChangeTapsSelect) {
     EXPECT_FLOAT_EQ(offset(), 16 + 80);
     frame({20, 702}, false);
     EXPECT_TRUE(selected.empty());  // a drag is not a tap
-
-    // A tap on the card under the pointer plays it.
     tapCard(1);
     EXPECT_EQ(selected, std::vector<std::string>{"a1"});
-
     // Scrolled to the end, a tap on the playlist card selects the next playlist.
     playlist->videoStarted("a5");
     frame();
@@ -110,13 +102,11 @@ TEST_F(RailTest, EmptyPlaylistShowsOnlyTheNextPlaylistCard) {
     playlist->currentPlaylist = empty;
     playlist->currentVideoID = std::nullopt;
     frame();
-    EXPECT_EQ(rail->cardCount(), 0u);
-    EXPECT_TRUE(trace().hasText("Name pl-2"));
+    EXPECT_TRUE(rail->cardCount() == 0 && trace().hasText("Name pl-2"));
     EXPECT_FLOAT_EQ(offset(), 0);
     playlist->nextPlaylist = std::nullopt;
     frame();
-    EXPECT_FALSE(rail->hasNextPlaylistCard());
-    EXPECT_TRUE(trace().items.empty());
+    EXPECT_TRUE(!rail->hasNextPlaylistCard() && trace().items.empty());
 }
 
 TEST(PlaylistCard, ThreeStackedCardsABottomBandAndTapsOnePaddingBelowItsOrigin) {
@@ -126,7 +116,6 @@ TEST(PlaylistCard, ThreeStackedCardsABottomBandAndTapsOnePaddingBelowItsOrigin) 
                               g.back2.midY(), g.front.w, g.front.h, g.titleBand.h),
               std::make_tuple(10.f, 176.f, 95.f, 30.f, 188.f, 45.f, 200.f, 80.f, 30.f));
     EXPECT_FLOAT_EQ(g.titleBand.bottom(), g.front.bottom());
-
     // The stack carries the default padding above it, so the card sits 16 points lower
     // in the rail than the video cards beside it.
     HeadlessImGui h({400, 400});
@@ -148,12 +137,13 @@ TEST(PlaylistCard, ThreeStackedCardsABottomBandAndTapsOnePaddingBelowItsOrigin) 
 TEST(VideoCardDecisions, OverlayTextDimmingAndBadge) {
     EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::nextVideo, 5), "Playing in 5s");
     EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::completed, 0), "Watched");
-    EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::watching, 3), std::nullopt);
-    EXPECT_EQ(PlaylistVideoView::overlayText(VideoState::none, 3), std::nullopt);
-    EXPECT_EQ(PlaylistVideoView::dimOpacity(VideoState::none), 0);
-    EXPECT_EQ(PlaylistVideoView::dimOpacity(VideoState::watching), 0.5f);
-    EXPECT_TRUE(PlaylistVideoView::showsAdBadge(SubscriptionStatus::free));
-    EXPECT_FALSE(PlaylistVideoView::showsAdBadge(SubscriptionStatus::premium));
+    for (auto state : {VideoState::watching, VideoState::none})
+        EXPECT_EQ(PlaylistVideoView::overlayText(state, 3), std::nullopt);
+    EXPECT_EQ(std::pair(PlaylistVideoView::dimOpacity(VideoState::none),
+                        PlaylistVideoView::dimOpacity(VideoState::watching)),
+              std::pair(0.f, 0.5f));
+    EXPECT_TRUE(PlaylistVideoView::showsAdBadge(SubscriptionStatus::free) &&
+                !PlaylistVideoView::showsAdBadge(SubscriptionStatus::premium));
     EXPECT_EQ(PlaylistVideoView::adBadgeRect({100, 50}, true), (Rect{75, 25, 82, 82}));
     EXPECT_EQ(PlaylistVideoView::adBadgeRect({100, 50}, false), (Rect{80, 30, 52, 52}));
 }
@@ -162,15 +152,14 @@ TEST(ScreenLayout, PaddingsByIdiomOrientationAndRail) {
     VideoPlayerView::State s;
     s.isPad = true;
     auto pad = VideoPlayerView::layout(s, {0, 0, 820, 1180}, 0);
-    EXPECT_FLOAT_EQ(pad.controls.y, 120);
-    EXPECT_FLOAT_EQ(pad.back.x, 24 + 16);
-    EXPECT_FLOAT_EQ(pad.buttonSize, 100);
+    EXPECT_EQ(std::make_tuple(pad.controls.y, pad.back.x, pad.buttonSize),
+              std::make_tuple(120.f, 24.f + 16, 100.f));
 
     s.isLandscape = true;
     s.showPlaylist = true;
     auto padRail = VideoPlayerView::layout(s, {0, 0, 1180, 820}, 1);
-    EXPECT_FLOAT_EQ(padRail.controls.y, 40);  // 120 - 80: moved out for the rail
-    EXPECT_FLOAT_EQ(padRail.rail.h, 320);
+    // 120 - 80: moved out for the rail.
+    EXPECT_EQ(std::pair(padRail.controls.y, padRail.rail.h), std::pair(40.f, 320.f));
     // The bar is pulled in by 180 on each side while the rail is up.
     EXPECT_FLOAT_EQ(padRail.timeBackground.x, padRail.controls.x + 180 + 16);
 

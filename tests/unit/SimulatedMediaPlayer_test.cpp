@@ -20,6 +20,11 @@ class SimulatedPlayer : public ::testing::Test {
     std::shared_ptr<SimulatedMediaLibrary> media = std::make_shared<SimulatedMediaLibrary>();
     SimulatedMediaPlayerFactory factory{queue, media};
     std::shared_ptr<SimulatedMediaPlayer> player;
+    using State = std::pair<double, TimeControlStatus>;
+    State state() const { return {player->currentTime(), player->timeControlStatus()}; }
+    static constexpr auto playing = TimeControlStatus::playing;
+    static constexpr auto paused = TimeControlStatus::paused;
+    static constexpr auto waiting = TimeControlStatus::waitingToPlayAtSpecifiedRate;
 };
 
 TEST_F(SimulatedPlayer, PlaysTicksStallsAndEndsOnVirtualTime) {
@@ -35,26 +40,23 @@ TEST_F(SimulatedPlayer, PlaysTicksStallsAndEndsOnVirtualTime) {
     queue->advance(3.0);
     EXPECT_EQ(ticks, (std::vector<double>{1, 2, 3}));
     ASSERT_FALSE(statuses.empty());
-    EXPECT_EQ(statuses.back().second, TimeControlStatus::playing);
-
+    EXPECT_EQ(statuses.back().second, playing);
     player->pause();
     queue->advance(5.0);
-    EXPECT_EQ(player->currentTime(), 3.0);
+    EXPECT_EQ(state(), State(3.0, paused));
     EXPECT_EQ(ticks.size(), 3u);
     player->play();
     queue->advance(2.0);
     // A stall freezes the clock, then playback carries on.
     player->stall(3.0);
-    EXPECT_EQ(player->timeControlStatus(), TimeControlStatus::waitingToPlayAtSpecifiedRate);
+    EXPECT_EQ(state(), State(5.0, waiting));
     queue->advance(3.0);
-    EXPECT_EQ(player->currentTime(), 5.0);
-    EXPECT_EQ(player->timeControlStatus(), TimeControlStatus::playing);
+    EXPECT_EQ(state(), State(5.0, playing));
     queue->advance(1.0);
     EXPECT_EQ(player->currentTime(), 6.0);
     queue->advance(20.0);
+    EXPECT_EQ(state(), State(10.0, paused));
     EXPECT_EQ(ends, 1);
-    EXPECT_EQ(player->currentTime(), 10.0);
-    EXPECT_EQ(player->timeControlStatus(), TimeControlStatus::paused);
 }
 
 TEST_F(SimulatedPlayer, DurationKnownLateAndUnknownMediaNeverReady) {
@@ -65,16 +67,14 @@ TEST_F(SimulatedPlayer, DurationKnownLateAndUnknownMediaNeverReady) {
     EXPECT_TRUE(std::isnan(durations[0]));
     player->play();
     queue->advance(1.0);
-    EXPECT_EQ(player->timeControlStatus(), TimeControlStatus::waitingToPlayAtSpecifiedRate);
+    EXPECT_EQ(state(), State(0, waiting));
     queue->advance(1.0);
     EXPECT_EQ(durations.back(), 5.0);
-    EXPECT_EQ(player->timeControlStatus(), TimeControlStatus::playing);
-
+    EXPECT_EQ(state().second, playing);
     player->replaceCurrentItem("m://unknown");
     player->play();
     queue->advance(30);
-    EXPECT_EQ(player->currentTime(), 0);
-    EXPECT_EQ(player->timeControlStatus(), TimeControlStatus::waitingToPlayAtSpecifiedRate);
+    EXPECT_EQ(state(), State(0, waiting));
     EXPECT_EQ(durations.size(), 2u);  // bound to the earlier item: silent now
 }
 
@@ -90,10 +90,9 @@ TEST_F(SimulatedPlayer, SeeksLandLaterAndASupersededSeekReportsUnfinished) {
     queue->advance(SimulatedMediaPlayer::seekLatency);
     EXPECT_EQ(results, (std::vector<bool>{false, true}));
     EXPECT_EQ(ticks, (std::vector<double>{6.0}));  // one tick when a seek lands, paused
-    EXPECT_EQ(player->currentTime(), 6.0);
+    EXPECT_EQ(state(), State(6.0, paused));
     ASSERT_EQ(player->seeks.size(), 2u);
     EXPECT_EQ(player->seeks[1].toleranceBefore, 0.1);
-
     // Replacing the item abandons a pending seek.
     player->seek(2.0, 0, 0, [&](bool done) { results.push_back(done); });
     player->replaceCurrentItem(std::nullopt);

@@ -26,18 +26,15 @@ TEST_F(ServiceTest, PresentationFlagsLandAfterTheCurrentWorkOnWhicheverControlle
     EXPECT_EQ(
         std::make_tuple(pc->showLogo.get(), pc->showForwardButton.get(), pc->showTimeDration.get()),
         std::make_tuple(false, true, false));
-
     // Set, then the controller is replaced before the block runs: the new one gets it.
     service->cleanup();
     service->setShowBackButton(false);
     service->setURLS({"http://127.0.0.1:8080/x.m3u8"});
     auto fresh = service->playerController;
-    ASSERT_TRUE(fresh);
-    EXPECT_NE(fresh, pc);
+    ASSERT_TRUE(fresh && fresh != pc);
     EXPECT_TRUE(fresh->showBackButton.get());
     vp.runUntilIdle();
     EXPECT_FALSE(fresh->showBackButton.get());
-
     // With no controller when the block runs, the flag is simply dropped.
     service->setShowSeekbar(false);
     service->cleanup();
@@ -47,16 +44,15 @@ TEST_F(ServiceTest, PresentationFlagsLandAfterTheCurrentWorkOnWhicheverControlle
 
 TEST_F(ServiceTest, CleanupDropsTheControllerUntilSetURLSMakesOneThatKnowsTheTracker) {
     service->cleanup();
-    EXPECT_FALSE(service->playerController);
-    EXPECT_EQ(service->currentIndex(), 0);
+    EXPECT_TRUE(!service->playerController && service->currentIndex() == 0);
     // Every forward is now a no-op, including the ones that need a controller.
     service->play();
     service->seekTo(3);
     service->playPlaylist("pl-1");
     service->setMidRollAdConfig(kPolicyV3);
     service->AdCompletedResumePlayback();
-    EXPECT_FALSE(logs.contains("✅ Mid-roll ad config loaded (v3): 4 buckets"));
-    EXPECT_FALSE(logs.contains("🎯 Ad completed, resuming playback"));
+    EXPECT_FALSE(logs.contains("✅ Mid-roll ad config loaded (v3): 4 buckets") ||
+                 logs.contains("🎯 Ad completed, resuming playback"));
     EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 0);
     EXPECT_TRUE(service->playlistController) << "the playlist controller survives cleanup";
 
@@ -104,8 +100,7 @@ TEST_F(ServiceTest, UnknownAndEmptyPlaylistsStartNothingTheSampleOnePlaysBeforeT
     vp.runUntilIdle();
     EXPECT_EQ(logs.levelOf("❌ Playlist not found"), "ERROR");
     EXPECT_EQ(logs.levelOf("❌ Playlist has no videos"), "ERROR");
-    EXPECT_TRUE(events.events().empty());
-    EXPECT_FALSE(pc->hostingController());
+    EXPECT_TRUE(events.events().empty() && !pc->hostingController());
 
     playlists() = Playlist::allPlaylists();
     const Playlist& sample = playlists().at(1);
@@ -128,16 +123,14 @@ TEST_F(ServiceTest, MergeKeepsHostOrderAndEverythingTheHostSentAnEmptyDocumentSt
         {"orphan", {{"o", "uo", "th", "Orphan", 1, 1}}}};
     auto result = service->mapToPlaylists(groups, lists);
     ASSERT_EQ(result.size(), 2u);
-    EXPECT_EQ(result[0].id, "p2");
-    EXPECT_TRUE(result[0].videos.empty());
+    EXPECT_TRUE(result[0].id == "p2" && result[0].videos.empty());
     EXPECT_EQ(std::tie(result[1].id, result[1].name, result[1].thumbnail, result[1].description),
               std::make_tuple("p1", "One", "t1", std::nullopt));
     ASSERT_EQ(result[1].videos.size(), 3u) << "no sorting, filtering or de-duplication";
     const Video& first = result[1].videos[0];
     EXPECT_EQ(std::tie(first.id, first.url, first.description), std::make_tuple("9", "u9", "p1"));
-    EXPECT_TRUE(logs.contains("Mapped playlist: Two with 0 videos"));
-    EXPECT_TRUE(logs.contains("Mapped playlist: One with 3 videos"));
-
+    EXPECT_TRUE(logs.contains("Mapped playlist: Two with 0 videos") &&
+                logs.contains("Mapped playlist: One with 3 videos"));
     service->setEpisodesFromUnity(R"([{"id":"p","episodes":[]}])");
     service->setPlaylistsFromUnity("[]");
     EXPECT_EQ(logs.count("⏳ Waiting for playlists..."), 2u);
