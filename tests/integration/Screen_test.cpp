@@ -92,14 +92,18 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     ASSERT_NE(window, nullptr) << "the real platform did not choose the window presenter";
     auto pc = service->playerController;
 
+    std::string seen;  // written on the main queue, read once the wait is over
     ASSERT_TRUE(waitOnMainQueue(
         [&] {
+            seen = "playing " + std::to_string(pc->isPlaying.get()) + " loading " +
+                   std::to_string(pc->showLoading.get()) + " rail " +
+                   std::to_string(pc->showPlaylist.get()) + " at " +
+                   std::to_string(pc->currentTime.get()) + " of " +
+                   std::to_string(pc->duration.get());
             return pc->isPlaying && !pc->showLoading && pc->showPlaylist && pc->currentTime > 0.5;
         },
         20))
-        << "playing " << pc->isPlaying.get() << " loading " << pc->showLoading.get() << " rail "
-        << pc->showPlaylist.get() << " at " << pc->currentTime.get() << " of "
-        << pc->duration.get();
+        << seen;
 
     // mpv hands its pictures over on its own schedule and the rail slides in: the
     // checks below say which part did not show up.
