@@ -49,6 +49,14 @@ Image Image::resized(int newWidth, int newHeight) const {
 
 namespace {
 
+// Every SDL decode runs under this one lock. ThreadSanitizer caught libSDL2 freeing,
+// in one decoding thread, a block another had allocated, ordered by nothing it can
+// see; thumbnails are few and small, so decoding them one at a time costs nothing.
+std::mutex& sdlDecodeMutex() {
+    static Immortal<std::mutex> mutex;
+    return mutex.get();
+}
+
 std::optional<Image> fromSurface(SDL_Surface* surface) {
     if (!surface) return std::nullopt;
     SDL_Surface* rgba = SDL_ConvertSurfaceFormat(surface, SDL_PIXELFORMAT_ABGR8888, 0);
@@ -74,6 +82,7 @@ std::optional<Image> fromSurface(SDL_Surface* surface) {
 
 std::optional<Image> decodeImage(std::string_view bytes, int svgWidth, int svgHeight) {
     if (bytes.empty()) return std::nullopt;
+    std::unique_lock lock(sdlDecodeMutex());
     SDL_RWops* rw = SDL_RWFromConstMem(bytes.data(), static_cast<int>(bytes.size()));
     if (!rw) return std::nullopt;
     SDL_Surface* surface = nullptr;
@@ -86,6 +95,7 @@ std::optional<Image> decodeImage(std::string_view bytes, int svgWidth, int svgHe
     }
     SDL_RWclose(rw);
     auto image = fromSurface(surface);
+    lock.unlock();
     // SDL_image keeps the drawing's proportions; artwork is stretched to the
     // frame it is asked for, as a resizable image would be.
     if (image && svgWidth > 0 && svgHeight > 0 &&
@@ -165,6 +175,7 @@ std::optional<PixelSize> imagePixelSize(std::string_view b) {
 
 bool isSVG(std::string_view bytes) {
     if (bytes.empty()) return false;
+    std::lock_guard lock(sdlDecodeMutex());
     SDL_RWops* rw = SDL_RWFromConstMem(bytes.data(), static_cast<int>(bytes.size()));
     if (!rw) return false;
     const bool svg = IMG_isSVG(rw) != 0;
@@ -177,6 +188,7 @@ std::optional<Image> decodeBoundedImage(std::string_view bytes, int64_t maxPixel
     if (bytes.empty() || bytes.size() > static_cast<size_t>(INT32_MAX)) return std::nullopt;
     if (isSVG(bytes)) {
         // One side is pinned to the bound and the other follows the drawing.
+        std::lock_guard lock(sdlDecodeMutex());
         SDL_RWops* rw = SDL_RWFromConstMem(bytes.data(), static_cast<int>(bytes.size()));
         if (!rw) return std::nullopt;
         auto image = fromSurface(IMG_LoadSizedSVG_RW(rw, svgSide, svgSide));
