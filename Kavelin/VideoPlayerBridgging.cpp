@@ -190,9 +190,7 @@ void cleanup(void) {
         if (auto* s = existingService()) s->cleanup();
     });
     // A managed runtime waits at exit for every thread that has called into it, so
-    // the library thread ends here; the next entry point starts a fresh one. The
-    // wait includes closing the window: SDL's video state is process-wide and not
-    // thread-safe, and a host with SDL of its own may quit it right after this.
+    // the library thread ends here; the next entry point starts a fresh one.
     try {
         Platform::releaseThread();
     } catch (const std::exception& e) {

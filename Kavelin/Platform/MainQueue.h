@@ -38,11 +38,20 @@ class MainQueue {
     // Monotonic seconds on the queue's clock (virtual in tests).
     virtual double now() const = 0;
 
+    // How long park() holds its caller.
+    enum class ParkWait {
+        UntilEnded,  // the thread is joined
+        // The ready work has run and `last` has begun: the host has had every event,
+        // while `last` (closing a window) finishes without it.
+        UntilLast,
+    };
     // For a queue served by a thread of its own: runs the ready work, then `last`,
-    // ends the thread and joins it; the next sync starts a fresh one. A queue
-    // without a thread of its own (tests drive it) has nothing to end and drops
-    // `last`.
-    virtual void park(std::function<void()> last = {}) { (void)last; }
+    // ends the thread; the next sync starts a fresh one. A queue without a thread of
+    // its own (tests drive it) has nothing to end and drops `last`.
+    virtual void park(std::function<void()> last = {}, ParkWait wait = ParkWait::UntilEnded) {
+        (void)last;
+        (void)wait;
+    }
     // Stops the queue's own thread for good, before exit tears the process down.
     virtual void shutdown() {}
 };

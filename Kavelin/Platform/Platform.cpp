@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <mutex>
 
-
 namespace kavelin {
 namespace {
 
@@ -83,10 +82,15 @@ void Platform::releaseThread() {
         platform = *gPlatform;
     }
     if (!platform.queue) return;
-    platform.queue->park([defaults = platform.defaults, presenter = platform.presenter] {
-        if (defaults) defaults->flush();
-        if (presenter) presenter->releaseThreadResources();
-    });
+    // Closing the window (mpv's video output, GL, SDL) takes tens of milliseconds
+    // under software GL; the host waits for it only when it shares SDL with us.
+    const bool hold = platform.presenter && platform.presenter->releaseHoldsHost();
+    platform.queue->park(
+        [defaults = platform.defaults, presenter = platform.presenter] {
+            if (defaults) defaults->flush();
+            if (presenter) presenter->releaseThreadResources();
+        },
+        hold ? MainQueue::ParkWait::UntilEnded : MainQueue::ParkWait::UntilLast);
 }
 
 void Platform::rearmExitHook() {

@@ -81,6 +81,8 @@ class ScreenPresenter {
     // The queue's thread is about to end: let go of what belongs to it (a window and
     // its GL contexts). The next presentation makes them again.
     virtual void releaseThreadResources() {}
+    // Whether releasing must be over before the host goes on (any thread may ask).
+    virtual bool releaseHoldsHost() const { return false; }
 
     // The process is exiting: stop every thread of the presenter's own that could
     // still be drawing, before the GL driver's exit handlers tear it down.

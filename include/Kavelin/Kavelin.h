@@ -68,10 +68,13 @@ KAVELIN_EXPORT void seekBackward(double seconds);
 /* Seeks to `value` seconds; always echoes "OnVideoSeekTo:<value>". Any thread. */
 KAVELIN_EXPORT void seekTo(double value);
 /* Tears down playback and drops the player until setURLS makes a new one. Also ends
- * the library's main thread once its queued work has run (pending watched marks are
- * written, the window closes) and returns after joining it, so a managed runtime can
- * exit; the next call of any function starts a fresh thread. From inside the event
- * callback it returns at once and the thread ends when the callback returns. */
+ * the library's main thread, so a managed runtime can exit: it returns once the
+ * queued work has run (no event comes after it), while the thread writes pending
+ * watched marks, closes the window and ends on its own. A host whose own SDL video
+ * was up before the player's window opened is held until the window has closed, as
+ * it may quit SDL next. The next call of any function starts a fresh thread (after
+ * the old one has ended). From inside the event callback it returns at once and the
+ * thread ends when the callback returns. */
 KAVELIN_EXPORT void cleanup(void);
 /* Replaces the play order with `count` addresses (NULL entries skipped); creates the
  * service. A negative count is logged as an error and ignored. */

@@ -1,7 +1,9 @@
 // cleanup() ends the library thread, whose GL contexts die with it: the window is
-// closed then, and the next playlist opens a new one that draws again.
+// closed as it ends, and the next playlist opens a new one that draws again.
 #include <Kavelin/Kavelin.h>
 #include <gtest/gtest.h>
+
+#include <thread>
 
 #include "Kavelin/Platform/Linux/ThreadMainQueue.h"
 #include "Kavelin/Platform/Linux/WindowPresenter.h"
@@ -14,6 +16,7 @@ namespace kavelin {
 namespace {
 
 using kavelin::testing::waitOnMainQueue;
+using namespace std::chrono_literals;
 
 const char* kPlaylists = R"([{"id":"pl-win","name":"Window","thumbnail":"img/pl.png"}])";
 const char* kEpisodes =
@@ -47,6 +50,8 @@ TEST(WindowAcrossCleanup, CleanupClosesTheWindowAndTheNextPlaylistDrawsInANewOne
             << "session " << session << " drew no frames";
 
         cleanup();
+        // The window closes on the ending thread after cleanup has returned.
+        for (int i = 0; i < 500 && queue->hasThread(); ++i) std::this_thread::sleep_for(10ms);
         EXPECT_FALSE(queue->hasThread());
         // Parked: nothing runs on the queue, so the presenter can be read here.
         EXPECT_EQ(window->window(), nullptr) << "session " << session;

@@ -302,14 +302,58 @@ TEST(ThreadMainQueueRestart, ReleasingTheLibraryThreadWritesThePendingMarks) {
     // A change is written about a second later unless the thread is released first.
     queue->sync([&] { store->setObject("watched", "v1"); });
     EXPECT_EQ(store->fileWriteCount(), 0u);
+    // The release returns before the thread has written; the next call waits for it.
     Platform::releaseThread();
-    EXPECT_EQ(store->fileWriteCount(), 1u);
-    EXPECT_TRUE(!queue->hasThread() && std::filesystem::exists(dir.path / "UserDefaults.json"));
-    queue->sync([&] { store->setObject("watched", "v2"); });
+    queue->sync([&] {
+        EXPECT_EQ(store->fileWriteCount(), 1u);
+        store->setObject("watched", "v2");
+    });
+    EXPECT_TRUE(std::filesystem::exists(dir.path / "UserDefaults.json"));
     EXPECT_TRUE(queue->hasThread()) << "the next call brought a thread back";
     Platform::releaseThread();
+    EXPECT_TRUE(waitUntil([&] { return !queue->hasThread(); }));
     EXPECT_EQ(store->fileWriteCount(), 2u);
     queue->shutdown();
+}
+
+// What a host's cleanup needs: it returns once the queued work has run, while the
+// last task (closing a window) goes on; nothing posted meanwhile runs on the ending
+// thread, and a call arriving then waits for the end and runs on a fresh thread.
+TEST(ThreadMainQueueRestart, ParkUntilLastReturnsBeforeTheLastTaskEnds) {
+    ThreadMainQueue q;
+    const pid_t first = queueTid(q);
+    std::atomic<int> ready{0};
+    std::atomic<bool> lastEnded{false};
+    std::promise<void> letLastEnd;
+    q.sync([&] { q.async([&] { ++ready; }); });
+    q.park(
+        [&, gate = letLastEnd.get_future().share()] {
+            gate.wait();
+            lastEnded = true;
+        },
+        MainQueue::ParkWait::UntilLast);
+    EXPECT_EQ(ready.load(), 1);
+    EXPECT_TRUE(q.hasThread() && !lastEnded) << "park waited for the last task";
+
+    std::atomic<pid_t> postedOn{0};
+    q.async([&] { postedOn = static_cast<pid_t>(::syscall(SYS_gettid)); });
+    std::atomic<bool> calling{false};
+    bool sawLastEnded = false;
+    pid_t callOn = 0;
+    std::thread host([&] {
+        calling = true;
+        q.sync([&] {
+            sawLastEnded = lastEnded;
+            callOn = static_cast<pid_t>(::syscall(SYS_gettid));
+        });
+    });
+    while (!calling) std::this_thread::yield();
+    letLastEnd.set_value();
+    host.join();
+    EXPECT_TRUE(sawLastEnded) << "the call ran beside the ending thread's last task";
+    EXPECT_NE(callOn, first);
+    EXPECT_EQ(postedOn.load(), callOn) << "work posted during the last task ran on the new thread";
+    EXPECT_FALSE(threadAlive(first));
 }
 
 }  // namespace

@@ -70,7 +70,7 @@ void ThreadMainQueue::startLocked() {
     threadId_ = thread_.get_id();
 }
 
-void ThreadMainQueue::park(std::function<void()> last) {
+void ThreadMainQueue::park(std::function<void()> last, ParkWait wait) {
     std::unique_lock lock(mutex_);
     if (running_) {
         if (!parking_) parkAt_ = Clock::now();
@@ -79,7 +79,11 @@ void ThreadMainQueue::park(std::function<void()> last) {
         wake();
         if (isCurrent()) return;
         const uint64_t generation = generation_;
-        ended_.wait(lock, [&] { return !running_ || generation_ != generation; });
+        ended_.wait(lock, [&] {
+            return !running_ || generation_ != generation ||
+                   (wait == ParkWait::UntilLast && runningLast_);
+        });
+        if (running_ && generation_ == generation) return;
     }
     if (running_ || !thread_.joinable() || isCurrent()) return;
     auto ended = std::move(thread_);
@@ -137,8 +141,15 @@ void ThreadMainQueue::sync(const std::function<void()>& task) {
     std::promise<void> done;
     auto finished = done.get_future();
     {
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
         if (stopping_) return;
+        if (parking_) {
+            // A thread still ending (closing its window) is let finish: the next
+            // one's window must not open beside it.
+            const uint64_t generation = generation_;
+            ended_.wait(lock, [&] { return !running_ || generation_ != generation; });
+            if (stopping_) return;
+        }
         if (!running_) startLocked();
         ready_.push_back([&] {
             try {
@@ -201,7 +212,7 @@ void ThreadMainQueue::run() {
             callHook();
             continue;
         }
-        if (!ready_.empty()) {
+        if (!ready_.empty() && !runningLast_) {
             auto task = std::move(ready_.front());
             ready_.pop_front();
             workSinceHook = true;
@@ -218,6 +229,8 @@ void ThreadMainQueue::run() {
         }
         if (parking_ && !lastBeforePark_.empty()) {
             auto last = std::exchange(lastBeforePark_, {});
+            runningLast_ = true;
+            ended_.notify_all();
             lock.unlock();
             for (auto& task : last) task();
             lock.lock();
@@ -225,6 +238,7 @@ void ThreadMainQueue::run() {
         }
         if (parking_ || stopping_) {
             parking_ = false;
+            runningLast_ = false;
             running_ = false;
             threadId_ = std::thread::id();
             ended_.notify_all();

@@ -25,16 +25,18 @@ class ThreadMainQueue final : public MainQueue {
     void async(std::function<void()> task) override;
     void asyncAfter(double seconds, WorkItemPtr item) override;
     using MainQueue::asyncAfter;
-    // From another thread while parked, starts a fresh thread first.
+    // From another thread while parked, starts a fresh thread first (once a thread
+    // still ending has ended).
     void sync(const std::function<void()>& task) override;
     bool isCurrent() const override;
     double now() const override;
 
     // Runs the work that is ready, then `last` on the queue, ends the thread and
-    // returns once it is joined. Timers not yet due stay pending for the next thread.
-    // Called on the queue itself it cannot wait for its own thread: the thread ends
-    // as soon as the current task returns, and the next start (or shutdown) joins it.
-    void park(std::function<void()> last = {}) override;
+    // returns as `wait` says. Timers not yet due and work posted once `last` has
+    // begun stay pending for the next thread. Called on the queue itself it cannot
+    // wait for its own thread: the thread ends as soon as the current task returns,
+    // and the next start (or shutdown) joins it.
+    void park(std::function<void()> last = {}, ParkWait wait = ParkWait::UntilEnded) override;
     // True while a thread serves the queue (it may be about to park).
     bool hasThread() const;
 
@@ -73,9 +75,10 @@ class ThreadMainQueue final : public MainQueue {
     std::priority_queue<Timed, std::vector<Timed>, std::greater<>> timers_;
     uint64_t seq_ = 0;
     bool stopping_ = false;
-    bool running_ = false;     // a thread is in run() and will serve `ready_`
-    bool parking_ = false;     // ... until `ready_` is empty, then it ends
-    uint64_t generation_ = 0;  // threads started so far
+    bool running_ = false;      // a thread is in run() and will serve `ready_`
+    bool parking_ = false;      // ... until `ready_` is empty, then it ends
+    bool runningLast_ = false;  // ... and runs `lastBeforePark_`, taking nothing new
+    uint64_t generation_ = 0;   // threads started so far
     std::condition_variable ended_;
     Clock::time_point parkAt_{};
     std::vector<std::function<void()>> lastBeforePark_;

@@ -154,6 +154,7 @@ void openNativeWindow(WindowPresenter::Opened& o) {
     const auto loadedBefore = loadedObjects();
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");  // the host owns the signals
     SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
+    o.hostVideo = SDL_WasInit(SDL_INIT_VIDEO) != 0;
     if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) {
         o.error = std::string("⚠️ No window for the player: ") + SDL_GetError();
         return;
@@ -223,6 +224,7 @@ bool WindowPresenter::ensureWindow() {
     stopDrawingAtThreadExit(weak);
     opener_ = namedThread("kavelin-open", [this, weak, queue] {
         openNativeWindow(*opened_);
+        hostVideo_ = opened_->hostVideo;
         queue->async([weak] {
             if (auto self = weak.lock()) self->finishOpening();
         });

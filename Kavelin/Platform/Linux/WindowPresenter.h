@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -48,6 +49,7 @@ class WindowPresenter final : public ScreenPresenter,
     void dismiss(const std::shared_ptr<HostingController>& screen, bool animated,
                  std::function<void()> completion) override;
     void releaseThreadResources() override;
+    bool releaseHoldsHost() const override { return hostVideo_; }
     void stopBackgroundWork() override;
 
     // Wraps the platform's player factory so every new libmpv player gets its
@@ -114,6 +116,9 @@ class WindowPresenter final : public ScreenPresenter,
     void* renderGlContext_ = nullptr;  // shares textures; mpv's render thread owns it
     void* imgui_ = nullptr;            // ImGuiContext
     bool windowFailed_ = false;
+    // SDL's video was up before ours: the host has SDL of its own and may quit it
+    // (process-wide, not thread-safe) as soon as cleanup returns.
+    std::atomic<bool> hostVideo_{false};
     std::shared_ptr<MpvVideoRenderer> renderer_;
     uint64_t presentations_ = 0;
 
