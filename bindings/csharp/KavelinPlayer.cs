@@ -97,7 +97,8 @@ namespace Kavelin
             KavelinNative.registerUnityCallback(Callback);
         }
 
-        // Ends playback and the library's thread; returns once that thread is gone.
+        // Ends playback and the library's thread; returns once its queued work has run
+        // (no event comes later), while the thread closes the window and ends.
         // Events already queued are still delivered by DispatchEvents().
         public static void Shutdown()
         {
