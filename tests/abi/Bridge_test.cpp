@@ -192,8 +192,7 @@ TEST_F(BridgeTest, BadAndNullDocumentsAreLoggedAndTheLastGoodOnesKept) {
         std::string huge = "[";
         while (huge.size() < 10 * 1024 * 1024) huge += R"({"id":"x","name":"n","thumbnail":"t"},)";
         huge += R"({"id":"x","name":"n"}])";  // the last element lacks a key
-        const char badUtf8[] = {'[', '{',    '"',    'i', 'd', '"', ':',
-                                '"', '\xff', '\xfe', '"', '}', ']', 0};
+        const char* badUtf8 = "[{\"id\":\"\xff\xfe\"}]";
         auto log = logOf([&] {
             for (const char* doc : {"not json", "", R"({"id":"pl-1"})", badUtf8, huge.c_str(),
                                     static_cast<const char*>(nullptr)})

@@ -126,9 +126,6 @@ class MpvMediaPlayerTest : public ::testing::Test {
     std::function<void(bool)> seekDone() {
         return [this](bool f) { record([&] { seeks.push_back(f); }); };
     }
-    void seek(double t) {
-        queue->sync([&] { player->seek(t, 0, 0, seekDone()); });
-    }
     template <class F>
     auto onQueue(F f) {
         decltype(f()) out{};
@@ -162,11 +159,8 @@ TEST_F(MpvMediaPlayerTest, PlaysToTheEndOnceAndAPreparedItemStartsOnlyWhenMadeCu
     const std::string first = server.url(TestMedia::kClip2s);
     const std::string next = server.url(TestMedia::kClip2sOther);
     load(first);
-    {
-        std::lock_guard lock(mutex);
-        ASSERT_EQ(durations.size(), 1u) << "initial value delivered at registration";
-        EXPECT_TRUE(std::isnan(durations[0]));
-    }
+    EXPECT_TRUE(onQueue([&] { return durations.size() == 1 && std::isnan(durations[0]); }))
+        << "not-a-number delivered at registration";
     EXPECT_EQ(status(), Status::paused);
     queue->sync([&] {
         player->prepareNextItem(next);
@@ -184,7 +178,6 @@ TEST_F(MpvMediaPlayerTest, PlaysToTheEndOnceAndAPreparedItemStartsOnlyWhenMadeCu
         EXPECT_LE(ticks.size(), 30u);
         for (size_t i = 1; i < ticks.size(); ++i) EXPECT_GE(ticks[i], ticks[i - 1]);
         EXPECT_LE(ticks.back(), TestMedia::kClip2sDuration + 0.1);
-        EXPECT_TRUE(sawStatus(Status::playing));
         // The first report leaves paused for waiting (loading), then playing.
         ASSERT_FALSE(statuses.empty());
         EXPECT_EQ(statuses.front(),
@@ -291,7 +284,7 @@ TEST_F(MpvMediaPlayerTest, PausedSeeksLandAndRemovedObserversOrDestroyedPlayersS
     ASSERT_TRUE(waitFor([&] { return statuses.back().second == Status::paused; }));
 
     size_t ticksBefore = onQueue([&] { return ticks.size(); });
-    seek(2.2);
+    queue->sync([&] { player->seek(2.2, 0, 0, seekDone()); });
     ASSERT_TRUE(waitFor([&] { return !seeks.empty(); }));
     {
         std::lock_guard lock(mutex);
@@ -302,9 +295,11 @@ TEST_F(MpvMediaPlayerTest, PausedSeeksLandAndRemovedObserversOrDestroyedPlayersS
     }
     EXPECT_NEAR(position(), 2.2, 0.05);
 
-    // Two seeks in a row: the first is superseded, the second lands.
-    seek(0.5);
-    seek(1.4);
+    // Two seeks in one task, so the first cannot land before the second supersedes it.
+    queue->sync([&] {
+        player->seek(0.5, 0, 0, seekDone());
+        player->seek(1.4, 0, 0, seekDone());
+    });
     ASSERT_TRUE(waitFor([&] { return seeks.size() == 3; }));
     EXPECT_EQ(onQueue([&] { return seeks; }), (std::vector<bool>{true, false, true}));
     EXPECT_NEAR(position(), 1.4, 0.05);
@@ -363,8 +358,7 @@ TEST_F(MpvMediaPlayerTest, HlsStreamPlaysFromASeekRequestedBeforeMpvOrTheStreamW
     ASSERT_TRUE(waitFor([&] { return ends == 1; }));
     EXPECT_EQ(server.requestCount(TestMedia::kClip2s), 0u);
     std::lock_guard lock(mutex);
-    ASSERT_FALSE(seeks.empty());
-    EXPECT_TRUE(seeks[0]);
+    EXPECT_EQ(seeks, std::vector<bool>{true});
     EXPECT_NEAR(durations.back(), TestMedia::kHlsDuration, 0.1);
     ASSERT_FALSE(ticks.empty());
     EXPECT_GE(ticks.front(), 2.4) << "playback started at the seek target";
@@ -487,9 +481,7 @@ TEST(MpvMediaPlayerOptionsTest, VideoAndAudioOutputsFollowTheEnvironment) {
     std::filesystem::create_directories(runtime.path / "pulse");
     ScopedEnv runtimeDir("XDG_RUNTIME_DIR", runtime.path.c_str()), pulse("PULSE_SERVER", nullptr);
     const auto withoutServer = options().audioOutput;
-    EXPECT_EQ(withoutServer.find("pulse"), std::string::npos);
-    EXPECT_EQ(withoutServer.find("pipewire"), std::string::npos);
-    EXPECT_TRUE(withoutServer.ends_with("null"));
+    EXPECT_TRUE(withoutServer == "null" || withoutServer == "alsa,null") << withoutServer;
     std::ofstream(runtime.path / "pulse" / "native") << "";
     const auto withPulse = options().audioOutput;
     EXPECT_TRUE(withPulse.starts_with("pulse,")) << withPulse;

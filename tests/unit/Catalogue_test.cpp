@@ -36,14 +36,6 @@ std::string episodeWith(const std::string& key, const std::string& rawValue) {
     return json::array({{{"id", "pl-1"}, {"episodes", {e}}}}).dump();
 }
 
-// An error text is matched whole, or only in part when it starts with '~'.
-void expectError(const std::string& actual, const std::string& expected, const std::string& doc) {
-    if (expected.starts_with("~"))
-        EXPECT_THAT(actual, HasSubstr(expected.substr(1))) << doc;
-    else
-        EXPECT_EQ(actual, expected) << doc;
-}
-
 TEST(SubscriptionStatus, RawValuesAreExactAndTheProcessTierStartsFree) {
     for (auto [status, raw] : {std::pair{SubscriptionStatus::free, "free"},
                                std::pair{SubscriptionStatus::premium, "premium"}}) {
@@ -106,7 +98,7 @@ TEST(HostDocuments, OneBadElementOrFieldRejectsTheWholeDocument) {
          "value at [1]: expected an object, found string"},
         {R"({"id":"a","name":"A","thumbnail":"t"})", "top level: expected an array, found object"},
         {"null", "top level: expected an array, found null"}};
-    for (const auto& [doc, error] : lists) expectError(playlistsError(doc), error, doc);
+    for (const auto& [doc, error] : lists) EXPECT_EQ(playlistsError(doc), error) << doc;
     json deep = json::array();
     for (int p = 0; p < 2; ++p)
         deep.push_back({{"id", "pl-" + std::to_string(p)},
@@ -123,8 +115,10 @@ TEST(HostDocuments, OneBadElementOrFieldRejectsTheWholeDocument) {
         {episodeWith("length", "true"),
          R"(key "length")" + at + "expected a number, found boolean"},
         {episodeWith("length", "12.5"), R"(key "length")" + at + "expected an integer, found 12.5"},
-        {episodeWith("length", "9223372036854775808"), "~does not fit a 64-bit integer"},
-        {episodeWith("length", "1e19"), "~does not fit a 64-bit integer"},
+        {episodeWith("length", "9223372036854775808"),
+         R"(key "length")" + at + "number 9223372036854775808 does not fit a 64-bit integer"},
+        {episodeWith("length", "1e19"),
+         R"(key "length")" + at + "number 1e+19 does not fit a 64-bit integer"},
         {episodeWith("index", "7"), R"(key "index")" + at + "expected a string, found number"},
         {R"([{"id":"pl-1"}])", R"(key "episodes" not found at [0])"},
         {R"([{"id":"pl-1","episodes":{}}])",
@@ -134,7 +128,7 @@ TEST(HostDocuments, OneBadElementOrFieldRejectsTheWholeDocument) {
         {noUrl.dump(), R"(key "url" not found at [0].episodes[0])"},
         // The offending element is named however deep it sits.
         {deep.dump(), R"(key "isActive" at [0].episodes[2]: expected a number, found string)"}};
-    for (const auto& [doc, error] : cases) expectError(episodesError(doc), error, doc);
+    for (const auto& [doc, error] : cases) EXPECT_EQ(episodesError(doc), error) << doc;
     // Integral JSON numbers of any spelling are integers.
     const std::pair<const char*, int64_t> integers[] = {
         {"120.0", 120}, {"1e2", 100}, {"-3", -3}, {"9223372036854775807", INT64_MAX}};
@@ -221,13 +215,10 @@ TEST(Records, OptionalFieldsMayBeAbsentRequiredOnesMustBeThereAndEveryFieldRound
               std::make_tuple("Name", "thumb", "About"));
     EXPECT_EQ(encode(p2), encode(p));
 
+    // The raw address, the negative flag and the largest length survive, written as integers.
     Episode e{"3", " u\n", "t", "T", -1, INT64_MAX};
     EXPECT_TRUE(encode(e)["isActive"].is_number_integer());
-    EXPECT_EQ(decodeEpisode(encode(e)).length, INT64_MAX);
-    const json group = encode(EpisodeResponse{"pl-1", {e, e}});
-    auto back = decodeEpisodeResponses(json::array({group}).dump());
-    ASSERT_EQ(back.size(), 1u);
-    EXPECT_EQ(encode(back[0]), group);  // the raw address and negative flag survive
+    EXPECT_EQ(encode(decodeEpisode(encode(e))), encode(e));
 }
 
 TEST(SampleCatalogue, HasTheStatedShapeAndSettableCopies) {
@@ -265,8 +256,7 @@ TEST(SampleCatalogue, HasTheStatedShapeAndSettableCopies) {
             EXPECT_TRUE(urls.insert(v.url).second) << v.url;
         }
     }
-    EXPECT_EQ(Playlist::mockPlaylist().id, samples[0]->id);
-    EXPECT_EQ(Playlist::mockPlaylist().videos.size(), 10u);
+    EXPECT_EQ(encode(Playlist::mockPlaylist()), encode(*samples[0]));
     // Changing the settable copies leaves the samples themselves alone.
     Playlist saved = Playlist::mockPlaylist();
     Playlist::mockPlaylist().videos.clear();

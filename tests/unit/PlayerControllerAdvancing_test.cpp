@@ -43,7 +43,6 @@ TEST_F(Advancing, PremiumViewerPlaysThroughRingsBackAndThePlayerIsToldWhatFollow
     EXPECT_EQ(playlist->currentPlaylist->id, "pl-1");
     EXPECT_EQ(playingURL(), urlOf("a0"));
     EXPECT_EQ(events.count("OnVideoFinished"), 3u);
-    EXPECT_EQ(events.count("OnNextVideoAdRequired") + events.count("OnViewDismissed"), 0u);
     subscriptionStatus() = SubscriptionStatus::free;
     startPlaylist("pl-1");
     EXPECT_FALSE(simPlayer()->preparedNext.has_value());
@@ -66,14 +65,11 @@ TEST_F(Advancing, FreeViewerEndOfVideoAsksForAnAdAndResumesWithTheNextVideoOrPla
     // Nothing plays while the host shows its ad; play() is refused but still echoed.
     pc->play();
     EXPECT_EQ(events.take(), (Events{kPlay}));
-    EXPECT_TRUE(logs.contains(kBlocked));
     EXPECT_FALSE(simPlayer()->hasCurrentItem() || pc->isPlaying);
     service->AdCompletedResumePlayback();
-    EXPECT_TRUE(logs.contains("🎯 Ad completed, resuming playback"));
     EXPECT_EQ(service->adSessionTracker->totalAdsShown(), 1);
     EXPECT_EQ(position(), at(1, "a1"));
     EXPECT_EQ(events.take(), (Events{kPlay}));
-    EXPECT_TRUE(logs.contains("▶️ Playing next video at index: 1"));
     // The ad after the last video of a playlist moves on to the next playlist.
     for (int i = 0; i < 2; ++i) {
         vp.advance(kClip + 0.5);
@@ -208,7 +204,6 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Advancing, NextAndPreviousStopAtTheEdgesAndTheButtonsFollow) {
     subscriptionStatus() = SubscriptionStatus::premium;
     startPlaylist("pl-1");
-    EXPECT_TRUE(logs.contains("current index: 0"));
     pc->prevVideo();
     EXPECT_TRUE(pc->disableBackButton && !pc->disbleForwardButton);
     EXPECT_EQ(playingURL(), urlOf("a0"));

@@ -47,13 +47,3 @@ TEST_F(VPLoggerTest, LinesCarryTagTimestampLevelFileLineAndMessageUntilSwitchedO
     ASSERT_EQ(lines.size(), 5u);
     EXPECT_TRUE(lines[4].ends_with("] visible")) << lines[4];
 }
-
-TEST(VPLoggerStdout, EachLineReachesStandardOutputWithItsLineFeed) {
-    testing::internal::CaptureStdout();
-    VPLogger::log("✅ one");
-    VPLogger::log("✅ two");
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2);
-    EXPECT_NE(out.find("✅ one\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("✅ two\n"), std::string::npos) << out;
-}
