@@ -154,7 +154,6 @@ void openNativeWindow(WindowPresenter::Opened& o) {
     const auto loadedBefore = loadedObjects();
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");  // the host owns the signals
     SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
-    o.hostVideo = SDL_WasInit(SDL_INIT_VIDEO) != 0;
     if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) {
         o.error = std::string("⚠️ No window for the player: ") + SDL_GetError();
         return;
@@ -222,9 +221,11 @@ bool WindowPresenter::ensureWindow() {
     // Armed before the opening starts: an exit meanwhile must wait for it while the
     // GL driver it loads is still whole.
     stopDrawingAtThreadExit(weak);
+    // Known before the opening starts: a cleanup while it runs must already hold a
+    // host that may quit SDL next.
+    hostVideo_ = SDL_WasInit(SDL_INIT_VIDEO) != 0;
     opener_ = namedThread("kavelin-open", [this, weak, queue] {
         openNativeWindow(*opened_);
-        hostVideo_ = opened_->hostVideo;
         queue->async([weak] {
             if (auto self = weak.lock()) self->finishOpening();
         });

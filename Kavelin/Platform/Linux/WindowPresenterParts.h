@@ -117,7 +117,6 @@ struct WindowPresenter::Opened {
     ImGuiContext* imgui = nullptr;
     std::string error;
     bool videoInitialised = false;
-    bool hostVideo = false;            // someone else's SDL video was already up
     bool backendsInitialised = false;  // ImGui's SDL and OpenGL backends, on `imgui`
 
     void destroy() {
