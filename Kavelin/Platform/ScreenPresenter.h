@@ -23,8 +23,8 @@ class HostingController {
     enum class Key { space, left, right, escape };
 
     virtual ~HostingController() = default;
-    // Draws one frame of `width` x `height` points into the current ImGui frame;
-    // true while it wants another frame soon (an animation runs).
+    // Draws one frame of `width` x `height` points into the current ImGui frame,
+    // over black; true while it wants another frame soon (an animation runs).
     virtual bool drawFrame(double now, float width, float height) {
         (void)now, (void)width, (void)height;
         return false;

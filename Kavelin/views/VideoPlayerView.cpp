@@ -411,8 +411,8 @@ void VideoPlayerView::draw(Frame& frame, const Rect& screen) {
         ActivityIndicator{s.showLoading, ActivityIndicator::Style::large}.draw(
             frame, {layout_.videoArea.midX(), layout_.videoArea.midY()});
 
+    // Drawn over black: the video alone lets mpv present the window itself.
     list->ChannelsSetCurrent(0);
-    frame.fill(screen, Color::black());
     AspectFitVideoPlayer{playerController_->player.get()}.draw(frame, layout_.videoArea);
     if (frame.tapIn(layout_.videoArea)) later([this] { tapOnVideo(); });
 

@@ -17,6 +17,10 @@
 #include "support/TestMedia.h"
 #include "support/XvfbDisplay.h"
 
+// Last: Xlib's macros would clash with the headers above.
+#include <SDL_syswm.h>
+#include <X11/Xutil.h>
+
 namespace kavelin {
 namespace {
 
@@ -48,6 +52,35 @@ double share(const WindowPresenter::Capture& c, const Rect& r, bool (*test)(Pixe
             if (test(at(c, x, y))) ++hits;
         }
     return total ? static_cast<double>(hits) / total : 0;
+}
+
+// What the X server shows in the window, read over a connection of our own: a
+// picture mpv presents itself never passes through capture().
+WindowPresenter::Capture readDisplay(SDL_Window* window) {
+    WindowPresenter::Capture out;
+    SDL_SysWMinfo info;
+    SDL_VERSION(&info.version);
+    ::Display* display = XOpenDisplay(nullptr);
+    if (!display || !SDL_GetWindowWMInfo(window, &info) || info.subsystem != SDL_SYSWM_X11) {
+        if (display) XCloseDisplay(display);
+        return out;
+    }
+    SDL_GetWindowSize(window, &out.width, &out.height);
+    XImage* image =
+        XGetImage(display, info.info.x11.window, 0, 0, out.width, out.height, AllPlanes, ZPixmap);
+    if (image) {
+        out.rgba.reserve(static_cast<size_t>(out.width) * out.height * 4);
+        for (int y = 0; y < out.height; ++y)
+            for (int x = 0; x < out.width; ++x) {
+                const unsigned long p = XGetPixel(image, x, y);
+                for (unsigned long mask : {image->red_mask, image->green_mask, image->blue_mask})
+                    out.rgba.push_back(static_cast<uint8_t>((p & mask) / (mask & ~(mask << 1))));
+                out.rgba.push_back(255);
+            }
+        XDestroyImage(image);
+    }
+    XCloseDisplay(display);
+    return out;
 }
 
 void savePng(const WindowPresenter::Capture& c, const fs::path& path) {
@@ -145,6 +178,35 @@ TEST(Screen, VideoControlsAndRailAppearWhereTheLayoutPutsThem) {
     EXPECT_TRUE(isWhite(at(shot, 16 + 1.5f, cardTop + 55)));
     EXPECT_LT(share(shot, {30, cardTop + 20, 120, 70}, isBlack), 0.5);
     EXPECT_GT(share(shot, {0, layout.rail.y + 2, 1280, 8}, isBlack), 0.95);
+
+    // Controls and rail gone, the frame is the video alone: mpv presents the window
+    // itself, and the display shows the picture edge to edge.
+    uint64_t direct = 0;
+    mainQueue().sync([&] {
+        pc->autoHideControls();
+        direct = window->picturesShownDirectly();
+    });
+    WindowPresenter::Capture onDisplay;
+    EXPECT_TRUE(waitOnMainQueue(
+        [&] {
+            if (window->picturesShownDirectly() < direct + 5) return false;
+            onDisplay = readDisplay(window->window());
+            return share(onDisplay, {0, 0, 1280, 720}, isRed) > 0.99;
+        },
+        20))
+        << "pictures presented by mpv: " << window->picturesShownDirectly() - direct
+        << ", red on the display: " << share(onDisplay, {0, 0, 1280, 720}, isRed);
+    // A tap brings the controls back: the window draws them over the picture again.
+    mainQueue().sync([&] { pc->toggleControls(); });
+    EXPECT_TRUE(waitOnMainQueue(
+        [&] {
+            auto state = VideoPlayerView::State::read(*pc, false, true);
+            layout = VideoPlayerView::layout(state, {0, 0, 1280, 720}, 0);
+            onDisplay = readDisplay(window->window());
+            return share(onDisplay, layout.centre[2].inset(4), isWhite) > 0.3;
+        },
+        10))
+        << "no play button on the display after the tap";
 
     // Space pauses, as the button does, and like it does nothing while the player
     // waits for data: pressed again about twice a second until playback stops.

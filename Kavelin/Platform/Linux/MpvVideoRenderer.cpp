@@ -45,6 +45,8 @@ void MpvVideoRenderer::stopRendering() {
 
 void MpvVideoRenderer::run() {
     SDL_GL_MakeCurrent(window_, static_cast<SDL_GLContext>(renderContext_));
+    // Pictures presented from here are paced by mpv, never by a swap that blocks.
+    SDL_GL_SetSwapInterval(0);
     std::unique_lock lock(mutex_);
     for (;;) {
         wake_.wait(lock, [this] {
@@ -102,9 +104,10 @@ void MpvVideoRenderer::onRenderThread(std::function<void()> task) {
 // update, and draw a new picture into a slot the window is not drawing from.
 void MpvVideoRenderer::renderPending(Entry& e) {
     int width, height, slotIndex = -1;
-    bool redraw;
+    bool redraw, direct;
     {
         std::lock_guard lock(mutex_);
+        direct = direct_ == &e;
         e.updatePending = false;
         redraw = e.redraw;
         e.redraw = false;
@@ -115,6 +118,10 @@ void MpvVideoRenderer::renderPending(Entry& e) {
     uint64_t flags = mpv_render_context_update(e.context);
     if (!(flags & MPV_RENDER_UPDATE_FRAME) && !redraw) return;
     if (width <= 0 || height <= 0) return;
+    if (direct) {
+        presentDirectly(e, width, height);
+        return;
+    }
     {
         std::lock_guard lock(mutex_);
         for (int i = 0; i < kSlots; ++i)
@@ -153,6 +160,69 @@ void MpvVideoRenderer::renderPending(Entry& e) {
         ++picturesRendered_;
     }
     if (onNewFrame_) queue_->async(onNewFrame_);
+}
+
+void MpvVideoRenderer::presentDirectly(Entry& e, int width, int height) {
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    mpv_opengl_fbo fbo{0, width, height, 0};
+    int flip = 1;  // the window's rows run bottom-up
+    mpv_render_param params[] = {
+        {MPV_RENDER_PARAM_OPENGL_FBO, &fbo},
+        {MPV_RENDER_PARAM_FLIP_Y, &flip},
+        {MPV_RENDER_PARAM_INVALID, nullptr},
+    };
+    mpv_render_context_render(e.context, params);
+    SDL_GL_SwapWindow(window_);
+    std::lock_guard lock(mutex_);
+    ++picturesShownDirectly_;
+}
+
+bool MpvVideoRenderer::showDirectly(TextureHandle picture) {
+    bool found = false;
+    {
+        std::lock_guard lock(mutex_);
+        for (auto& [key, e] : entries_) {
+            if (e->inUse < 0 || static_cast<TextureHandle>(e->slots[e->inUse].texture) != picture)
+                continue;
+            found = true;
+            if (direct_ != e.get()) {
+                direct_ = e.get();
+                // The window still shows the frame composed before: replace it now,
+                // also while paused.
+                e->redraw = true;
+            }
+        }
+    }
+    if (found) wake_.notify_all();
+    return found;
+}
+
+void MpvVideoRenderer::takeBackWindow() {
+    Entry* entry = nullptr;
+    {
+        std::lock_guard lock(mutex_);
+        entry = std::exchange(direct_, nullptr);
+        if (entry) entry->redraw = true;
+    }
+    if (entry) renderPending(*entry);
+}
+
+void MpvVideoRenderer::endDirect(std::function<void()> done) {
+    if (!done) {
+        onRenderThread([this] { takeBackWindow(); });
+        return;
+    }
+    auto finish = [queue = queue_, done = std::move(done)] { queue->async(done); };
+    if (!post([this, finish] {
+            takeBackWindow();
+            finish();
+        }))
+        finish();
+}
+
+uint64_t MpvVideoRenderer::picturesShownDirectly() const {
+    std::lock_guard lock(mutex_);
+    return picturesShownDirectly_;
 }
 
 void MpvVideoRenderer::attach(const std::shared_ptr<MediaPlayer>& player,
@@ -223,6 +293,11 @@ bool MpvVideoRenderer::release(const std::shared_ptr<Entry>& entry) {
         rendering = !stopping_;
     }
     const bool closing = rendering && entry->attached;
+    {
+        // A picture being presented finishes before the task below runs.
+        std::lock_guard lock(mutex_);
+        if (direct_ == entry.get()) direct_ = nullptr;
+    }
     if (closing) entry->player->closeVideoOutput();
     onRenderThread([&] {
         if (entry->context) {

@@ -53,6 +53,17 @@ class MpvVideoRenderer final : public VideoRenderer,
     // Sets how a picture's texture is sampled. It is drawn at its own size, where
     // nearest sampling is exact and the cheapest for software GL.
     static void setPictureSampling(unsigned texture);
+    // The window's frame is `picture` alone, covering it: until endDirect(), mpv
+    // draws its pictures straight into the window and presents them, as a bare
+    // libmpv embedding does. Software GL then neither fills a window-sized texture
+    // nor draws it again. False when `picture` was not handed out this frame.
+    bool showDirectly(TextureHandle picture);
+    // The window takes its drawing back: once no picture is being presented, the
+    // present one is drawn into a texture again and `done` runs on the main queue.
+    // An empty `done` waits for that here instead.
+    void endDirect(std::function<void()> done);
+    // Counts the pictures mpv presented straight into the window.
+    uint64_t picturesShownDirectly() const;
     // Frees everything (the window is about to go).
     void detachAll();
     // Ends the render thread for good; later render work is dropped.
@@ -90,6 +101,9 @@ class MpvVideoRenderer final : public VideoRenderer,
     // Queues `task` for the render thread without waiting; false when it has ended.
     bool post(std::function<void()> task);
     void renderPending(Entry& entry);
+    void presentDirectly(Entry& entry, int width, int height);
+    // Render thread: stops presenting into the window (see endDirect()).
+    void takeBackWindow();
     // True when the player's video output was closed on the way.
     bool release(const std::shared_ptr<Entry>& entry);
     // The player is being destroyed: its context goes now.
@@ -103,6 +117,8 @@ class MpvVideoRenderer final : public VideoRenderer,
 
     mutable std::mutex mutex_;
     uint64_t picturesRendered_ = 0;
+    uint64_t picturesShownDirectly_ = 0;
+    Entry* direct_ = nullptr;  // the player presenting the window itself
     std::condition_variable wake_;
     std::deque<std::function<void()>> tasks_;
     std::vector<std::weak_ptr<Entry>> live_;  // what the render thread looks at

@@ -339,6 +339,7 @@ void WindowPresenter::destroyWindow() {
     swapper_.reset();
     frameAfterSwap_ = false;
     shownFingerprint_ = 0;
+    direct_ = Direct::off;
     SDL_GL_MakeCurrent(window_, glContext_);
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
     queue_->setIdleHook(nullptr, 0);

@@ -78,6 +78,33 @@ void drawPicturesOpaque(ImDrawData* data, const std::function<bool(TextureHandle
     }
 }
 
+std::optional<TextureHandle> windowFillingPicture(
+    const ImDrawData* data, const std::function<bool(TextureHandle)>& isPicture) {
+    std::optional<TextureHandle> picture;
+    const ImVec2 size = data->DisplaySize;
+    for (int n = 0; n < data->CmdListsCount; ++n) {
+        const ImDrawList* list = data->CmdLists[n];
+        for (const ImDrawCmd& c : list->CmdBuffer) {
+            if (c.UserCallback || c.ElemCount == 0) continue;
+            const auto texture = reinterpret_cast<TextureHandle>(c.GetTexID());
+            if (picture || !isPicture(texture) || c.ClipRect.x > 0 || c.ClipRect.y > 0 ||
+                c.ClipRect.z < size.x || c.ClipRect.w < size.y)
+                return std::nullopt;
+            ImVec2 low = size, high{0, 0};
+            for (unsigned i = 0; i < c.ElemCount; ++i) {
+                const ImDrawVert& v =
+                    list->VtxBuffer[list->IdxBuffer[c.IdxOffset + i] + c.VtxOffset];
+                if (v.col != IM_COL32_WHITE) return std::nullopt;
+                low = {std::min(low.x, v.pos.x), std::min(low.y, v.pos.y)};
+                high = {std::max(high.x, v.pos.x), std::max(high.y, v.pos.y)};
+            }
+            if (low.x > 0 || low.y > 0 || high.x < size.x || high.y < size.y) return std::nullopt;
+            picture = texture;
+        }
+    }
+    return picture;
+}
+
 namespace {
 
 // Textures stand for their content: images never change, and a video picture's
@@ -228,6 +255,7 @@ void WindowPresenter::dismiss(const std::shared_ptr<HostingController>& screen, 
             if (self->presentations_ == presentation) {
                 self->pendingShow_ = false;
                 if (self->window_) SDL_HideWindow(self->window_);
+                self->endDirectVideo();
                 self->shown_ = false;
                 if (self->screen_ == screen) self->screen_.reset();
                 self->updatePolling();
@@ -265,6 +293,40 @@ void WindowPresenter::renderNow() {
     renderFrame();
 }
 
+uint64_t WindowPresenter::picturesShownDirectly() const {
+    return renderer_ ? renderer_->picturesShownDirectly() : 0;
+}
+
+bool WindowPresenter::videoPresentsWindow(const ImDrawData* data) {
+    if (direct_ == Direct::leaving) {
+        dirty_ = true;  // drawn once the video has handed the window back
+        return true;
+    }
+    const auto picture = windowFillingPicture(
+        data, [this](TextureHandle t) { return renderer_->isPictureInUse(t); });
+    if (picture && renderer_->showDirectly(*picture)) {
+        direct_ = Direct::on;
+        shownFingerprint_ = 0;  // the window no longer shows what was drawn here
+        return true;
+    }
+    if (direct_ == Direct::off) return false;
+    endDirectVideo();
+    dirty_ = true;
+    return true;
+}
+
+void WindowPresenter::endDirectVideo() {
+    if (direct_ != Direct::on || !renderer_) return;
+    direct_ = Direct::leaving;
+    std::weak_ptr<WindowPresenter> weak = weak_from_this();
+    renderer_->endDirect([weak] {
+        auto self = weak.lock();
+        if (!self || self->direct_ != Direct::leaving) return;
+        self->direct_ = Direct::off;
+        self->setNeedsDisplay();
+    });
+}
+
 size_t WindowPresenter::attachedPlayers() const {
     return renderer_ ? renderer_->attachedCount() : 0;
 }
@@ -283,6 +345,10 @@ void WindowPresenter::renderFrame(Capture* capture) {
     dirty_ = false;
     ImGui::SetCurrentContext(static_cast<ImGuiContext*>(imgui_));
     acquireGl();
+    if (capture && direct_ != Direct::off) {
+        renderer_->endDirect(nullptr);
+        direct_ = Direct::off;
+    }
 
     ImGui_ImplOpenGL3_NewFrame();
     ImGui_ImplSDL2_NewFrame();
@@ -301,6 +367,11 @@ void WindowPresenter::renderFrame(Capture* capture) {
                              Color::black(1 - fade));
     ImGui::Render();
     ImDrawData* drawData = ImGui::GetDrawData();
+    if (renderer_ && !capture && videoPresentsWindow(drawData)) {
+        renderer_->endFrame();
+        finishFrame(now, animating);
+        return;
+    }
     if (renderer_) {
         drawPicturesOpaque(drawData,
                            [this](TextureHandle t) { return renderer_->isPictureInUse(t); });

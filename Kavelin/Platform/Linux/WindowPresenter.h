@@ -13,6 +13,7 @@
 #include "Kavelin/Platform/ScreenPresenter.h"
 
 struct SDL_Window;
+struct ImDrawData;
 union SDL_Event;
 
 namespace kavelin {
@@ -72,6 +73,8 @@ class WindowPresenter final : public ScreenPresenter,
     // Returns once the frame being presented (if any) is out.
     void waitUntilPresented();
     uint64_t framesRendered() const { return frames_; }
+    // Video pictures mpv presented straight into the window.
+    uint64_t picturesShownDirectly() const;
     bool isShown() const { return shown_; }
     SDL_Window* window() const { return window_; }
 
@@ -93,6 +96,10 @@ class WindowPresenter final : public ScreenPresenter,
     void pump();
     void handleEvent(const SDL_Event& event);
     void renderFrame(Capture* capture = nullptr);
+    // True when the frame recorded in `data` is not to be drawn here: the video
+    // presents the window itself, or is handing it back.
+    bool videoPresentsWindow(const ImDrawData* data);
+    void endDirectVideo();
     void finishFrame(double now, bool animating);
     void scheduleFrame();
     void updatePolling();
@@ -121,6 +128,9 @@ class WindowPresenter final : public ScreenPresenter,
     std::atomic<bool> hostVideo_{false};
     std::shared_ptr<MpvVideoRenderer> renderer_;
     uint64_t presentations_ = 0;
+    // Whether mpv presents the window while the frame is the video alone.
+    enum class Direct { off, on, leaving };
+    Direct direct_ = Direct::off;
 
     std::shared_ptr<HostingController> screen_;
     bool shown_ = false;

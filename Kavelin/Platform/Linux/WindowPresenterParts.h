@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +25,11 @@ namespace kavelin {
 // neither reads nor mixes the window beneath. Wraps each draw command that samples
 // a picture in callbacks switching blending off and back on.
 void drawPicturesOpaque(ImDrawData* data, const std::function<bool(TextureHandle)>& isPicture);
+
+// The picture a frame consists of, when it is one opaque, untinted video picture
+// covering the whole display and nothing else.
+std::optional<TextureHandle> windowFillingPicture(
+    const ImDrawData* data, const std::function<bool(TextureHandle)>& isPicture);
 
 // SDL's event queue is the process's: a host with its own SDL loop may drain it
 // first. A watch sees every event as it is queued, on whichever thread pumps, and
