@@ -12,12 +12,12 @@ namespace {
 
 // One stray byte in one title must not cost the whole catalogue: the JSON parser
 // refuses ill-formed UTF-8, so it is repaired first, with one warning line.
-std::string repairedDocument(std::string_view json, const char* what) {
-    std::string text(json);
-    if (size_t n = repairUTF8(text))
+// The host's text itself, or a repaired copy kept in `storage`.
+std::string_view repairedDocument(std::string_view json, const char* what, std::string& storage) {
+    if (size_t n = repairUTF8(json, storage))
         VPLogger::warning("⚠️ Ill-formed UTF-8 in the " + std::string(what) + ": " +
                           std::to_string(n) + " sequence(s) replaced with U+FFFD");
-    return text;
+    return json;
 }
 
 }  // namespace
@@ -137,8 +137,9 @@ void VideoPlayerService::setShowTimeDuration(bool show) {
 void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     try {
+        std::string repaired;
         playlistsResponse_ =
-            decodePlaylistResponses(repairedDocument(jsonString, "playlists JSON"));
+            decodePlaylistResponses(repairedDocument(jsonString, "playlists JSON", repaired));
     } catch (const DecodingError& e) {
         VPLogger::error(std::string("❌ Failed to decode playlists: ") + e.what());
         return;
@@ -150,7 +151,9 @@ void VideoPlayerService::setPlaylistsFromUnity(std::string_view jsonString) {
 void VideoPlayerService::setEpisodesFromUnity(std::string_view jsonString) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     try {
-        episodesResponse_ = decodeEpisodeResponses(repairedDocument(jsonString, "episodes JSON"));
+        std::string repaired;
+        episodesResponse_ =
+            decodeEpisodeResponses(repairedDocument(jsonString, "episodes JSON", repaired));
     } catch (const DecodingError& e) {
         VPLogger::error(std::string("❌ Failed to decode episodes: ") + e.what());
         return;
@@ -242,7 +245,8 @@ void VideoPlayerService::setMidRollAdConfig(std::string_view jsonString) {
     KAVELIN_ASSERT_ON_MAIN_QUEUE();
     MidRollAdConfig config;
     try {
-        config = MidRollAdConfig::decode(repairedDocument(jsonString, "mid-roll config"));
+        std::string repaired;
+        config = MidRollAdConfig::decode(repairedDocument(jsonString, "mid-roll config", repaired));
     } catch (const DecodingError& e) {
         VPLogger::warning(std::string("⚠️ Failed to decode mid-roll config: ") + e.what());
         return;

@@ -1,6 +1,7 @@
 #include "Kavelin/Extentions/UTF8Repair.h"
 
-#include <string_view>
+#include <cstdint>
+#include <cstring>
 
 namespace kavelin {
 namespace {
@@ -45,11 +46,17 @@ size_t sequenceLength(std::string_view s, size_t i, size_t& bad) {
 
 }  // namespace
 
-size_t repairUTF8(std::string& text) {
+size_t repairUTF8(std::string_view& text, std::string& storage) {
     size_t replaced = 0;
     std::string out;
     size_t copiedUpTo = 0;
     for (size_t i = 0; i < text.size();) {
+        // Documents are mostly ASCII: eight bytes at a time until one is not.
+        uint64_t word;
+        while (i + sizeof word <= text.size() && (std::memcpy(&word, text.data() + i, sizeof word),
+                                                  (word & 0x8080808080808080u) == 0))
+            i += sizeof word;
+        if (i >= text.size()) break;
         size_t bad = 0;
         if (size_t n = sequenceLength(text, i, bad)) {
             i += n;
@@ -64,7 +71,8 @@ size_t repairUTF8(std::string& text) {
     }
     if (replaced == 0) return 0;
     out.append(text, copiedUpTo, std::string::npos);
-    text = std::move(out);
+    storage = std::move(out);
+    text = storage;
     return replaced;
 }
 

@@ -108,9 +108,16 @@ TEST(RepairUTF8, EachMaximalIllFormedSubpartBecomesOneReplacement) {
         {"\xED\xA0\x80", r + r + r, 3},          // a surrogate
         {"\xF4\x90\x80\x80", r + r + r + r, 4},  // above U+10FFFF
     };
-    for (auto [text, expected, count] : cases) {
-        EXPECT_EQ(repairUTF8(text), count) << expected;
-        EXPECT_EQ(text, expected);
+    for (const auto& [original, expected, count] : cases) {
+        // Long ASCII runs around it take the eight-bytes-at-a-time path.
+        for (const std::string pad : {"", "0123456789abcdef"}) {
+            const std::string input = pad + original + pad;
+            std::string storage;
+            std::string_view text = input;
+            EXPECT_EQ(repairUTF8(text, storage), count) << expected;
+            EXPECT_EQ(text, pad + expected + pad);
+            EXPECT_EQ(text.data() == input.data(), count == 0) << "copied only to repair";
+        }
     }
 }
 
