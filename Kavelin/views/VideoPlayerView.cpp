@@ -399,10 +399,8 @@ void VideoPlayerView::draw(Frame& frame, const Rect& screen) {
 
     list->ChannelsSetCurrent(1);
     drawControls(frame, s, layout_);
-    if (rail_ && !layout_.rail.empty()) {
-        frame.fill(layout_.rail, Color::black());
-        rail_->draw(frame, layout_.rail);
-    }
+    // The rail sits below the video area, on the black the frame starts from.
+    if (rail_ && !layout_.rail.empty()) rail_->draw(frame, layout_.rail);
 
     list->ChannelsSetCurrent(2);
     if (s.playbackFailed)
