@@ -162,10 +162,17 @@ TEST_F(MpvMediaPlayerTest, PlaysToTheEndOnceAndAPreparedItemStartsOnlyWhenMadeCu
     EXPECT_TRUE(onQueue([&] { return durations.size() == 1 && std::isnan(durations[0]); }))
         << "not-a-number delivered at registration";
     EXPECT_EQ(status(), Status::paused);
-    queue->sync([&] {
-        player->prepareNextItem(next);
-        player->play();
-    });
+    queue->sync([&] { player->prepareNextItem(next); });
+    // Not opened ahead before the current item has played a while.
+    auto entriesInMpv = [&] {
+        int64_t entries = 0;
+        mpv_get_property(player->handle(), "playlist-count", MPV_FORMAT_INT64, &entries);
+        return entries;
+    };
+    ASSERT_TRUE(waitFor([&] { return player->handle() && entriesInMpv() == 1; }));
+    EXPECT_FALSE(waitFor([&] { return entriesInMpv() > 1; }, 500ms))
+        << "the next item went to mpv before the current one played";
+    queue->sync([&] { player->play(); });
     ASSERT_TRUE(waitFor([&] { return ends >= 1; }));
     EXPECT_EQ(status(), Status::paused);
     EXPECT_NEAR(position(), TestMedia::kClip2sDuration, 0.15);

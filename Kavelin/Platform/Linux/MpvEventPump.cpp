@@ -112,7 +112,7 @@ void MpvMediaPlayer::Core::onFileLoaded() {
         notifyDuration();
     if (pendingSeek_ && !pendingSeek_->issued) issueSeek();
     // "loadfile replace" left the current item alone in mpv's playlist.
-    if (nextUrl_) request({Request::Kind::appendNext, itemGen_, *nextUrl_});
+    handOverNext();
 }
 
 void MpvMediaPlayer::Core::onEndFile(const mpv_event_end_file& d) {
@@ -153,6 +153,7 @@ void MpvMediaPlayer::Core::onProperty(uint64_t id, const mpv_event_property& p) 
             if (loaded_ && !(pendingSeek_ && !pendingSeek_->acknowledged)) {
                 double t = number();
                 if (std::isfinite(t)) timePos_ = t;
+                handOverNext();
             }
             break;
         case kDuration:

@@ -100,6 +100,7 @@ void MpvMediaPlayer::Core::replaceCurrentItem(std::optional<std::string> url) {
     restartSeen_ = false;
     paused_ = true;
     nextUrl_.reset();  // a hint belongs to the item it follows
+    nextHandedOver_ = false;
     if (mpv_) {
         request({Request::Kind::pause, itemGen_, {}, true});
         issueItem();
@@ -116,14 +117,25 @@ void MpvMediaPlayer::Core::issueItem() {
 }
 
 // The prepared item sits behind the current one in mpv's playlist, where mpv opens
-// it ahead; loading its address next reuses what was opened. It goes there only
-// once the current item is up, so that opening it never slows the current start.
+// it ahead; loading its address next reuses what was opened.
 void MpvMediaPlayer::Core::prepareNextItem(std::optional<std::string> url) {
     if (url == nextUrl_) return;
     nextUrl_ = std::move(url);
-    if (!mpv_ || !loaded_) return;  // handed over when the item has loaded
-    request({Request::Kind::clearNext, itemGen_, {}});
-    if (nextUrl_) request({Request::Kind::appendNext, itemGen_, *nextUrl_});
+    if (nextHandedOver_) {
+        request({Request::Kind::clearNext, itemGen_, {}});
+        nextHandedOver_ = false;
+    }
+    handOverNext();
+}
+
+// Only once the current item has played a while: opened as the current one starts,
+// the next competed with its first frame and first buffering, and a viewer who
+// starts one playlist after another paid for each one's abandoned opening.
+void MpvMediaPlayer::Core::handOverNext() {
+    if (!mpv_ || !loaded_ || !nextUrl_ || nextHandedOver_ || !(timePos_ >= kOpenNextAfterSeconds))
+        return;
+    nextHandedOver_ = true;
+    request({Request::Kind::appendNext, itemGen_, *nextUrl_});
 }
 
 void MpvMediaPlayer::Core::request(Request r) {

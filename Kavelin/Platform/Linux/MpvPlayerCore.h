@@ -201,6 +201,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
 
     // Hands the current item to mpv: loadfile, or stop when there is none.
     void issueItem();
+    void handOverNext();
 
     void request(Request r);
     void sendNextRequest();
@@ -294,7 +295,9 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     bool eofReached_ = false;
     TimeControlStatus reportedStatus_ = TimeControlStatus::paused;
 
+    static constexpr double kOpenNextAfterSeconds = 1.0;
     std::optional<std::string> nextUrl_;  // prepared behind the current item
+    bool nextHandedOver_ = false;         // nextUrl_ is in mpv's playlist
     std::deque<Request> requests_;        // the front one is with mpv when requestSent_
     bool requestSent_ = false;
     int holds_ = 0;          // while above 0, requests wait (a render context being made)
