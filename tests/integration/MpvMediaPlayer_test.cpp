@@ -163,13 +163,18 @@ TEST_F(MpvMediaPlayerTest, PlaysToTheEndOnceAndAPreparedItemStartsOnlyWhenMadeCu
         << "not-a-number delivered at registration";
     EXPECT_EQ(status(), Status::paused);
     queue->sync([&] { player->prepareNextItem(next); });
-    // Not opened ahead before the current item has played a while.
+    // Not opened ahead before the current item has played a while. The handle is
+    // the queue's to read; mpv itself may be asked from any thread.
+    mpv_handle* mpv = nullptr;
     auto entriesInMpv = [&] {
         int64_t entries = 0;
-        mpv_get_property(player->handle(), "playlist-count", MPV_FORMAT_INT64, &entries);
+        mpv_get_property(mpv, "playlist-count", MPV_FORMAT_INT64, &entries);
         return entries;
     };
-    ASSERT_TRUE(waitFor([&] { return player->handle() && entriesInMpv() == 1; }));
+    ASSERT_TRUE(waitFor([&] {
+        queue->sync([&] { mpv = player->handle(); });
+        return mpv && entriesInMpv() == 1;
+    }));
     EXPECT_FALSE(waitFor([&] { return entriesInMpv() > 1; }, 500ms))
         << "the next item went to mpv before the current one played";
     queue->sync([&] { player->play(); });
@@ -194,7 +199,7 @@ TEST_F(MpvMediaPlayerTest, PlaysToTheEndOnceAndAPreparedItemStartsOnlyWhenMadeCu
     std::string path;
     EXPECT_FALSE(waitFor(
         [&] {
-            char* now = mpv_get_property_string(player->handle(), "path");
+            char* now = mpv_get_property_string(mpv, "path");
             path = now ? now : "";
             mpv_free(now);
             return path != first;
