@@ -276,9 +276,28 @@ TEST_F(MpvMediaPlayerTest, ClearingThenLoadingAtOnceAlwaysStartsTheNewItem) {
     // The controller's teardown and load run back to back: pause, rewind, clear,
     // then the next item. Requests reaching mpv out of order stopped the new item
     // before it started, now and then; repeated so such a race shows.
+    // From the second round on, mpv's log (every request it runs) shows the turn's
+    // requests came down to the load and play: nothing paused on the way, so the
+    // load went out without waiting for any other answer.
     queue->sync([&] { player = std::make_shared<MpvMediaPlayer>(queue, quietOptions()); });
+    std::unique_ptr<mpv_handle, void (*)(mpv_handle*)> watcher(nullptr, mpv_destroy);
+    auto requestsRun = [&] {
+        std::vector<std::string> run;
+        for (mpv_event* e; (e = mpv_wait_event(watcher.get(), 0))->event_id != MPV_EVENT_NONE;) {
+            const std::string text = e->event_id == MPV_EVENT_LOG_MESSAGE
+                                         ? static_cast<mpv_event_log_message*>(e->data)->text
+                                         : "";
+            if (text.rfind("Set property: pause=", 0) == 0 || text.rfind("Run command:", 0) == 0)
+                run.push_back(text.substr(0, text.find_first_of(",\n")));
+        }
+        return run;
+    };
     for (int round = 0; round < 12; ++round) {
         SCOPED_TRACE(round);
+        if (round == 1) {
+            queue->sync([&] { watcher.reset(mpv_create_client(player->handle(), "watcher")); });
+            mpv_request_log_messages(watcher.get(), "debug");
+        }
         queue->sync([&] {
             if (round) unobserve();
             statuses.clear();
@@ -290,6 +309,10 @@ TEST_F(MpvMediaPlayerTest, ClearingThenLoadingAtOnceAlwaysStartsTheNewItem) {
             player->play();
         });
         ASSERT_TRUE(waitFor([&] { return sawStatus(Status::playing); }));
+        if (watcher) {
+            EXPECT_EQ(requestsRun(), (std::vector<std::string>{"Run command: loadfile",
+                                                               "Set property: pause=false -> 1"}));
+        }
     }
 }
 

@@ -138,18 +138,60 @@ void MpvMediaPlayer::Core::handOverNext() {
     request({Request::Kind::appendNext, itemGen_, *nextUrl_});
 }
 
+// Each request waits for the previous one's answer, so every one saved brings a
+// new item's load a round trip sooner.
 void MpvMediaPlayer::Core::request(Request r) {
     if (r.kind == Request::Kind::load || r.kind == Request::Kind::stop) {
-        // Everything but pausing still waiting was for items this one replaces.
-        auto first = requests_.begin() + (requestSent_ ? 1 : 0);
-        requests_.erase(
-            std::remove_if(first, requests_.end(),
-                           [](const Request& q) { return q.kind != Request::Kind::pause; }),
-            requests_.end());
+        // Everything still waiting was for items this one replaces, but the pause
+        // state it leaves.
+        const auto waiting = requests_.begin() + (requestSent_ ? 1 : 0);
+        std::optional<Request> pause;
+        for (auto it = waiting; it != requests_.end(); ++it)
+            if (it->kind == Request::Kind::pause) {
+                pause = std::move(*it);
+                --pauseRequests_;
+            }
+        requests_.erase(waiting, requests_.end());
+        if (pause) queuePause(std::move(*pause));
     }
-    if (r.kind == Request::Kind::pause) ++pauseRequests_;
+    if (r.kind == Request::Kind::pause)
+        queuePause(std::move(r));
+    else
+        requests_.push_back(std::move(r));
+    // Sent at the end of the turn, when the turn's later requests can still
+    // replace the earlier ones.
+    if (sendScheduled_) return;
+    sendScheduled_ = true;
+    queue_->async([weak = weak_from_this()] {
+        auto self = weak.lock();
+        if (!self) return;
+        self->sendScheduled_ = false;
+        self->sendNextRequest();
+    });
+}
+
+// Of back-to-back pause requests only the last one counts, and pausing what is
+// already being paused changes nothing: mpv itself only ever pauses, at an end.
+void MpvMediaPlayer::Core::queuePause(Request r) {
+    if (!requests_.empty() && requests_.back().kind == Request::Kind::pause) {
+        Request& last = requests_.back();
+        if (!(requestSent_ && requests_.size() == 1)) {
+            last.flag = r.flag;
+            return;
+        }
+        if (last.flag && r.flag) return;
+    }
+    // A new item is loaded paused only so that it waits for play(): when play()
+    // comes before the load has even gone, it may start at once.
+    const size_t waiting = requestSent_ ? 1 : 0;
+    if (!r.flag && requests_.size() == waiting + 2 &&
+        requests_[waiting].kind == Request::Kind::pause && requests_[waiting].flag &&
+        requests_[waiting + 1].kind == Request::Kind::load) {
+        requests_.erase(requests_.begin() + static_cast<std::ptrdiff_t>(waiting));
+        --pauseRequests_;
+    }
+    ++pauseRequests_;
     requests_.push_back(std::move(r));
-    sendNextRequest();
 }
 
 void MpvMediaPlayer::Core::sendNextRequest() {

@@ -204,6 +204,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     void handOverNext();
 
     void request(Request r);
+    void queuePause(Request r);
     void sendNextRequest();
     void onReply(const mpv_event& e);
     void answered(const Request& r, int error, const mpv_node* result);
@@ -300,6 +301,7 @@ class MpvMediaPlayer::Core : public std::enable_shared_from_this<Core> {
     bool nextHandedOver_ = false;         // nextUrl_ is in mpv's playlist
     std::deque<Request> requests_;        // the front one is with mpv when requestSent_
     bool requestSent_ = false;
+    bool sendScheduled_ = false;
     int holds_ = 0;          // while above 0, requests wait (a render context being made)
     int pauseRequests_ = 0;  // not yet answered: mpv's pause reports are older
 
